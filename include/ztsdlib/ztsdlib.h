@@ -1,0 +1,149 @@
+/*
+ * ztsdlib: time synchronisation of networked measurement chassis.
+ *
+ * The C interface of the library. Every contract of this header is stated
+ * here once:
+ *
+ * Handles
+ *   Objects cross this interface as opaque handles (ztsdlib_Timescale*,
+ *   ztsdlib_TimestampCorrelator*, ztsdlib_SyncableDevice*,
+ *   ztsdlib_SyncDomain*). A _create export makes the object and the caller
+ *   owns it until it passes the handle to the matching _delete export (all
+ *   _delete exports are one entry point: any handle may go to any of them; a
+ *   NULL handle is ignored). A handle given to another object at creation (a
+ *   timescale to a correlator, a device to a sync domain, ...) stays the
+ *   caller's: the receiver only refers to it, so keep it alive for as long
+ *   as the receiver lives.
+ *
+ * The status record
+ *   Every export except ztsdlib_getApiVersion and the _delete exports takes
+ *   a zterr_Status* as its last argument. code 0 is success, code > 0 a
+ *   warning, code < 0 an error; on failure json holds a JSON object that
+ *   describes it, for example
+ *     {"error_constant":"ztapalerr_invalidParameter","file":"...","line":212,
+ *      "component":"ztsdlib","ztsyncdomain_debug":{"message":"...","handle":"nullptr"}}
+ *   The first error wins: an export called with a status whose code is
+ *   already < 0 does nothing and returns its failure value (NULL, false, 0);
+ *   a warning does not stop a call. The library grows json only through the
+ *   record's reallocate callback. A zero-initialised record
+ *   (zterr_Status status = {0};) works: without a callback the code is set
+ *   and json stays NULL. Pass ztsdlib_Status_defaultReallocate as the
+ *   callback to let the library allocate with malloc; release the text with
+ *   status.reallocate(&status, 0). A NULL status pointer makes an export
+ *   return its failure value without doing anything.
+ *
+ * Text
+ *   Texts passed in are NUL-terminated and copied when kept. Text returned
+ *   by a getUri-style export belongs to the object and is valid while the
+ *   handle lives. Text returned by a toJson export is a fresh copy that the
+ *   caller releases with free().
+ *
+ * Threads
+ *   No export takes a lock of its own. Timescale exports may be called from
+ *   any number of threads at once on one handle. The other families state
+ *   what they allow where they are declared.
+ *
+ * No C++ exception ever leaves this library.
+ */
+#ifndef ZTSDLIB_ZTSDLIB_H
+#define ZTSDLIB_ZTSDLIB_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#  if defined(ZTSDLIB_BUILDING)
+#    define ZTSDLIB_API __declspec(dllexport)
+#  else
+#    define ZTSDLIB_API __declspec(dllimport)
+#  endif
+#else
+#  define ZTSDLIB_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- status record ------------------------------------------------------ */
+
+typedef struct zterr_Status zterr_Status;
+
+/*
+ * Allocation callback of a status record. Asked for newCapacity > 0 it makes
+ * json point to a buffer of at least newCapacity bytes that holds the old
+ * text unchanged, sets capacity and returns true, or returns false and leaves
+ * the record as it was. Asked for 0 it frees the buffer, sets capacity to 0
+ * and json to NULL.
+ */
+typedef bool (*zterr_ReallocateFunction)(zterr_Status* status, uint32_t newCapacity);
+
+struct zterr_Status {
+    int32_t code;                         /* 0 success, > 0 warning, < 0 error */
+    uint32_t capacity;                    /* bytes in the buffer json points to */
+    zterr_ReallocateFunction reallocate;  /* the caller's allocation callback, may be NULL */
+    char* json;                           /* NUL-terminated JSON report, or NULL */
+};
+
+/*
+ * The library's own malloc-based callback, for callers that do not want to
+ * write one. Buffers are at least 512 bytes; the text is kept across growth.
+ */
+ZTSDLIB_API bool ztsdlib_Status_defaultReallocate(zterr_Status* status, uint32_t newCapacity);
+
+/* ---- time values -------------------------------------------------------- */
+
+/*
+ * A time value, sign and magnitude: seconds + nanos / 1e9, negative when
+ * isNegative. nanos is below 1000000000. fractionalNanos is a fraction of a
+ * nanosecond carried as it is; the exact decimal arithmetic ignores it.
+ * Host timescales count seconds from 1601-01-01 00:00:00 UTC.
+ */
+typedef struct ztsdlib_Timestamp {
+    uint64_t seconds;
+    uint32_t nanos;
+    uint32_t fractionalNanos;
+    bool isNegative;
+} ztsdlib_Timestamp;
+
+/* ---- handles ------------------------------------------------------------ */
+
+typedef struct ztsdlib_Timescale ztsdlib_Timescale;
+typedef struct ztsdlib_TimestampCorrelator ztsdlib_TimestampCorrelator;
+typedef struct ztsdlib_SyncableDevice ztsdlib_SyncableDevice;
+typedef struct ztsdlib_SyncDomain ztsdlib_SyncDomain;
+
+/* URI of the host's own clock. */
+#define ZTSDLIB_HOST_TIMESCALE_URI "/localhost/ztsds/timescales/system"
+
+/* ---- library ------------------------------------------------------------ */
+
+/* The version of this interface: 1. */
+ZTSDLIB_API uint8_t ztsdlib_getApiVersion(void);
+
+/* ---- timescales --------------------------------------------------------- */
+
+/*
+ * A timescale read from the host's wall clock (1601-based, 100 ns
+ * resolution). Pass ZTSDLIB_HOST_TIMESCALE_URI as uri for the system clock.
+ */
+ZTSDLIB_API ztsdlib_Timescale* ztsdlib_HostTimescale_create(const char* uri, zterr_Status* status);
+
+ZTSDLIB_API const char* ztsdlib_Timescale_getUri(ztsdlib_Timescale* handle, zterr_Status* status);
+ZTSDLIB_API void ztsdlib_Timescale_getTime(ztsdlib_Timescale* handle, ztsdlib_Timestamp* timestamp,
+                                           zterr_Status* status);
+/* {"uri":"<uri>"}; free() the result. */
+ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Status* status);
+
+/* ---- deletion (one entry point for every handle) ------------------------ */
+
+ZTSDLIB_API void ztsdlib_Timescale_delete(ztsdlib_Timescale* handle);
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_delete(ztsdlib_TimestampCorrelator* handle);
+ZTSDLIB_API void ztsdlib_SyncableDevice_delete(ztsdlib_SyncableDevice* handle);
+ZTSDLIB_API void ztsdlib_SyncDomain_delete(ztsdlib_SyncDomain* handle);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* ZTSDLIB_ZTSDLIB_H */

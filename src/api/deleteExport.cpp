@@ -1,0 +1,20 @@
+// The one delete entry point behind every family's _delete export. It does
+// not include the public header: the four exports are the same function
+// under four names (aliases), each declared there with its own handle type.
+#include "api/exportedObject.h"
+
+#define ZTSD_DELETE_ALIAS __attribute__((visibility("default"), alias("ztsdlib_Timescale_delete")))
+
+extern "C" {
+
+// Invokes the object's virtual deleting destructor; a null handle is ignored.
+// Nothing is reported: deletion never fails.
+__attribute__((visibility("default"))) void ztsdlib_Timescale_delete(void* handle) {
+    delete static_cast<ztsdlib::ExportedObject*>(handle);
+}
+
+ZTSD_DELETE_ALIAS void ztsdlib_TimestampCorrelator_delete(void* handle);
+ZTSD_DELETE_ALIAS void ztsdlib_SyncableDevice_delete(void* handle);
+ZTSD_DELETE_ALIAS void ztsdlib_SyncDomain_delete(void* handle);
+
+}  // extern "C"

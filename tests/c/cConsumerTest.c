@@ -1,0 +1,94 @@
+/*
+ * A consumer written in C99 against the public header and the shared
+ * library only. Exits non-zero with a message on the first failed check.
+ */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "ztsdlib/ztsdlib.h"
+
+static int failures = 0;
+
+#define CHECK(cond)                                                        \
+    do {                                                                   \
+        if (!(cond)) {                                                     \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            ++failures;                                                    \
+        }                                                                  \
+    } while (0)
+
+static void hostTimescaleRoundTrip(void) {
+    zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
+    ztsdlib_Timestamp now;
+    const char* uri;
+    char* json;
+
+    CHECK(ts != NULL);
+    CHECK(status.code == 0);
+
+    memset(&now, 0xFF, sizeof now);
+    ztsdlib_Timescale_getTime(ts, &now, &status);
+    CHECK(status.code == 0);
+    /* 1601-based: 2020-01-01 is 13222800000 s after the epoch. */
+    CHECK(now.seconds > 13222800000ULL);
+    CHECK(now.nanos < 1000000000u && now.nanos % 100u == 0);
+    CHECK(now.fractionalNanos == 0 && !now.isNegative);
+
+    uri = ztsdlib_Timescale_getUri(ts, &status);
+    CHECK(uri != NULL && strcmp(uri, "/localhost/ztsds/timescales/system") == 0);
+
+    json = ztsdlib_Timescale_toJson(ts, &status);
+    CHECK(json != NULL && strcmp(json, "{\"uri\":\"/localhost/ztsds/timescales/system\"}") == 0);
+
+    ztsdlib_Timescale_delete(ts);
+    /* The toJson text belongs to the caller and outlives the handle. */
+    CHECK(json != NULL && json[0] == '{');
+    free(json);
+    CHECK(status.json == NULL); /* nothing was reported */
+}
+
+static void missingParameterReport(void) {
+    zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create("/x", &status);
+
+    ztsdlib_Timescale_getTime(ts, NULL, &status);
+    CHECK(status.code == -52005);
+    CHECK(status.json != NULL);
+    if (status.json) {
+        CHECK(strstr(status.json, "\"error_constant\":\"ztapalerr_invalidParameter\"") != NULL);
+        CHECK(strstr(status.json, "\"ztsyncdomain_debug\":{\"message\":\"Encountered missing parameter needed "
+                                  "for task completion.\",\"timestamp\":\"nullptr\"}") != NULL);
+        CHECK(strstr(status.json, "\"component\":\"ztsdlib\"") != NULL);
+    }
+
+    /* An error already in the status makes every call a no-op. */
+    CHECK(ztsdlib_Timescale_getUri(ts, &status) == NULL);
+    CHECK(status.code == -52005);
+
+    ztsdlib_Timescale_delete(ts);
+    status.reallocate(&status, 0);
+    CHECK(status.json == NULL && status.capacity == 0);
+}
+
+static void zeroInitialisedStatus(void) {
+    zterr_Status status = {0};
+    CHECK(ztsdlib_HostTimescale_create(NULL, &status) == NULL);
+    CHECK(status.code == -52005);
+    CHECK(status.json == NULL);
+    ztsdlib_SyncDomain_delete(NULL);
+    CHECK(ztsdlib_getApiVersion() == 1);
+}
+
+int main(void) {
+    hostTimescaleRoundTrip();
+    missingParameterReport();
+    zeroInitialisedStatus();
+    if (failures) {
+        fprintf(stderr, "%d checks failed\n", failures);
+        return 1;
+    }
+    printf("C consumer: all checks passed\n");
+    return 0;
+}
