@@ -49,9 +49,11 @@
 //                               "{'a':1}"), or the text ends inside a string
 //                               (the position is the NUL).
 //   errorCurlyBracketExpected   the text ends inside an object ("{", "{"a":1",
-//                               "{"a"", "{"a":"), or an object is closed by ']'.
+//                               "{"a"", "{"a":"), or ']' follows a member value.
 //   errorSquareBracketExpected  the text ends inside an array ("[", "[1",
-//                               "[1,"), or an array is closed by '}'.
+//                               "[1,"), or '}' follows an element. (A closing
+//                               bracket where a value is due, as in "[}", is
+//                               errorValueExpected.)
 //   errorColonExpected          a key is not followed by ':' ("{"a" 1}").
 //   errorCommaExpected          a value inside a container is followed by
 //                               anything but ',', the matching closing bracket
@@ -62,8 +64,11 @@
 //                               ("[1,]", "{"a":1,}"); the position is the bracket.
 //   errorTrailingChar           validate only: something other than whitespace
 //                               follows the value ("{} x", "1 2").
-// At the end of text the innermost container decides the error, so an
-// unfinished text always reports what it would have needed to close.
+// When the text ends between tokens inside a container, the innermost
+// container decides the error, so an unfinished text reports what it would
+// have needed to close; ended inside a string, it is errorDoubleQuoteExpected
+// (errorInvalidStringSequence if an escape was cut), inside a number or
+// literal errorValueExpected.
 #pragma once
 
 namespace ztsdlib {
