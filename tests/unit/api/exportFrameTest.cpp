@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "api/exportFrame.h"
+#include "errors/exception.h"
+#include "unit/support/statusFixture.h"
+#include "ztsdlib/ztsdlib.h"
+
+using ztsdtest::OwnedStatus;
+
+namespace {
+const char* kMissing = "\"ztsyncdomain_debug\":{\"message\":\"Encountered missing parameter needed for task completion.\",";
+
+// The whole record, bytes included, to prove a call left it untouched.
+std::string snapshot(const zterr_Status& s) {
+    return std::to_string(s.code) + "|" + std::to_string(s.capacity) + "|" +
+           (s.json ? std::string(s.json, s.capacity) : std::string("<null>"));
+}
+}  // namespace
+
+TEST(ExportFrame, ReportsOnlyTheFirstMissingParameterByName) {
+    OwnedStatus st;
+    ztsdlib_Timescale_getTime(nullptr, nullptr, &st);
+    EXPECT_EQ(st.s.code, -52005);
+    const std::string text = st.text();
+    EXPECT_NE(text.find("\"error_constant\":\"ztapalerr_invalidParameter\""), std::string::npos);
+    EXPECT_NE(text.find("\"file\":\"objects\\\\codegen\\\\ztsdlib\\\\ztsdlib\""), std::string::npos);
+    EXPECT_NE(text.find("\"component\":\"ztsdlib\""), std::string::npos);
+    EXPECT_NE(text.find(std::string(kMissing) + "\"handle\":\"nullptr\"}"), std::string::npos) << text;
+    EXPECT_EQ(text.find("timestamp"), std::string::npos);
+    EXPECT_TRUE(ztsdtest::strictlyValid(st.s.json));
+
+    OwnedStatus second;
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create("/t", &second);
+    ztsdlib_Timescale_getTime(ts, nullptr, &second);
+    EXPECT_NE(second.text().find(std::string(kMissing) + "\"timestamp\":\"nullptr\"}"), std::string::npos);
+    ztsdlib_Timescale_delete(ts);
+
+    OwnedStatus create;
+    EXPECT_EQ(ztsdlib_HostTimescale_create(nullptr, &create), nullptr);
+    EXPECT_NE(create.text().find("\"uri\":\"nullptr\""), std::string::npos);
+}
+
+TEST(ExportFrame, AnEarlierErrorMakesEveryCallANoOpButAWarningDoesNot) {
+    OwnedStatus good;
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &good);
+    ASSERT_NE(ts, nullptr);
+
+    OwnedStatus failed;
+    zterr::setError(&failed, -1, ZTERR_SITE("x", "e"));
+    const std::string before = snapshot(failed.s);
+    ztsdlib_Timestamp t{};
+    t.seconds = 77;
+    EXPECT_EQ(ztsdlib_HostTimescale_create("/u", &failed), nullptr);
+    EXPECT_EQ(ztsdlib_Timescale_getUri(ts, &failed), nullptr);
+    EXPECT_EQ(ztsdlib_Timescale_toJson(ts, &failed), nullptr);
+    ztsdlib_Timescale_getTime(ts, &t, &failed);
+    ztsdlib_Timescale_getTime(nullptr, nullptr, &failed);
+    EXPECT_EQ(t.seconds, 77u);
+    EXPECT_EQ(snapshot(failed.s), before);
+
+    OwnedStatus warned;
+    zterr::setError(&warned, 411369, ZTERR_SITE("x", "kNetworkClientInProgress"));
+    ztsdlib_Timescale_getTime(ts, &t, &warned);
+    EXPECT_GT(t.seconds, 13000000000u);
+    EXPECT_STREQ(ztsdlib_Timescale_getUri(ts, &warned), ZTSDLIB_HOST_TIMESCALE_URI);
+    EXPECT_EQ(warned.s.code, 411369);
+    ztsdlib_Timescale_getTime(ts, nullptr, &warned);  // an error still replaces the warning
+    EXPECT_EQ(warned.s.code, -52005);
+
+    // No status at all: nothing can be reported, nothing happens.
+    EXPECT_EQ(ztsdlib_HostTimescale_create("/v", nullptr), nullptr);
+    EXPECT_EQ(ztsdlib_Timescale_getUri(ts, nullptr), nullptr);
+    ztsdlib_Timescale_delete(ts);
+}
+
+TEST(ExportFrame, ToJsonTextOutlivesTheHandleAndGetUriTextIsTheObjects) {
+    OwnedStatus st;
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create("/localhost/ztsds/timescales/system", &st);
+    const char* uri1 = ztsdlib_Timescale_getUri(ts, &st);
+    const char* uri2 = ztsdlib_Timescale_getUri(ts, &st);
+    EXPECT_EQ(uri1, uri2);  // the stored text, not a copy
+    char* json = ztsdlib_Timescale_toJson(ts, &st);
+    char* json2 = ztsdlib_Timescale_toJson(ts, &st);
+    EXPECT_NE(json, json2);  // a fresh copy each time
+    ztsdlib_Timescale_delete(ts);
+    EXPECT_STREQ(json, "{\"uri\":\"/localhost/ztsds/timescales/system\"}");
+    std::free(json);
+    std::free(json2);
+    EXPECT_EQ(st.s.code, 0);
+
+    // Every delete name is the same entry point and ignores null.
+    ztsdlib_Timescale_delete(nullptr);
+    ztsdlib_TimestampCorrelator_delete(nullptr);
+    ztsdlib_SyncableDevice_delete(nullptr);
+    ztsdlib_SyncDomain_delete(nullptr);
+    ztsdlib_SyncDomain_delete(reinterpret_cast<ztsdlib_SyncDomain*>(ztsdlib_HostTimescale_create("/w", &st)));
+    EXPECT_EQ(ztsdlib_getApiVersion(), 1);
+}
+
+TEST(ExportFrame, TranslatesEveryExceptionAndReturnsTheFailureValue) {
+    using ztsdlib::api::guardedCall;
+    using ztsdlib::api::guardedCallVoid;
+    int marker = 0;
+
+    OwnedStatus memory;
+    EXPECT_EQ(guardedCall(&memory, 1, {{"p", &marker}}, []() -> int* { throw std::bad_alloc(); }, nullptr), nullptr);
+    EXPECT_EQ(memory.s.code, -52000);
+
+    OwnedStatus library;
+    EXPECT_FALSE(guardedCall(
+        &library, 1, {{"p", &marker}},
+        []() -> bool {
+            zterr::raise(ZTERR_SITE("source\\ztsdlib\\x", "ztapalerr_osFault"), -52008, "ztsyncdomain_debug",
+                         {{"message", "why"}});
+        },
+        false));
+    EXPECT_EQ(library.s.code, -52008);
+    EXPECT_NE(library.text().find("\"message\":\"why\""), std::string::npos);
+
+    OwnedStatus standard;
+    guardedCallVoid(&standard, 1, {}, [] { throw std::out_of_range("stoull argument out of range"); });
+    EXPECT_EQ(standard.s.code, -52003);
+    EXPECT_NE(standard.text().find("stoull argument out of range"), std::string::npos);
+
+    OwnedStatus fine;
+    EXPECT_EQ(guardedCall(&fine, 1, {{"p", &marker}}, [] { return 5u; }, 0u), 5u);
+    EXPECT_EQ(fine.s.code, 0);
+    EXPECT_EQ(fine.s.json, nullptr);
+
+    // A report that cannot be written still leaves the code.
+    zterr_Status zero{};
+    EXPECT_EQ(guardedCall(&zero, 1, {{"handle", nullptr}}, [] { return 1; }, -1), -1);
+    EXPECT_EQ(zero.code, -52005);
+    EXPECT_EQ(zero.json, nullptr);
+}
