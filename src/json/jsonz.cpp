@@ -27,7 +27,8 @@ struct ByteTables {
 
 constexpr ByteTables makeByteTables() {
     ByteTables t{};
-    for (int c = 0x20; c < 0x80; ++c) t.stringPlain[c] = c != '"' && c != '\\';
+    // Bytes >= 0x80 pass as they are: the report writer copies them unchanged too.
+    for (int c = 0x20; c < 0x100; ++c) t.stringPlain[c] = c != '"' && c != '\\';
     for (const char c : {'"', '\\', '/', 'b', 'f', 'n', 'r', 't'}) t.simpleEscape[static_cast<Byte>(c)] = true;
     for (int c = '0'; c <= '9'; ++c) t.hexDigit[c] = t.tokenChar[c] = true;
     for (int c = 'a'; c <= 'f'; ++c) t.hexDigit[c] = t.hexDigit[c - 'a' + 'A'] = true;
@@ -51,38 +52,6 @@ struct Scan {
     const Byte* p;
     int error;
 };
-
-// One UTF-8 sequence starting at a byte >= 0x80 inside a string; the ranges are
-// those of well-formed UTF-8 (no overlongs, no surrogates, at most U+10FFFF).
-// Each continuation byte is checked before the next is read, so a NUL stops it.
-Scan scanUtf8(const Byte* p) noexcept {
-    const Byte lead = *p;
-    int continuationBytes;
-    Byte secondLow = 0x80;
-    Byte secondHigh = 0xBF;
-    if (lead < 0xC2) {
-        return {p, errorInvalidStringSequence};  // a stray continuation byte, or an overlong 2-byte lead
-    } else if (lead < 0xE0) {
-        continuationBytes = 1;
-    } else if (lead < 0xF0) {
-        continuationBytes = 2;
-        if (lead == 0xE0) secondLow = 0xA0;        // overlong below U+0800
-        else if (lead == 0xED) secondHigh = 0x9F;  // surrogates D800-DFFF
-    } else if (lead < 0xF5) {
-        continuationBytes = 3;
-        if (lead == 0xF0) secondLow = 0x90;        // overlong below U+10000
-        else if (lead == 0xF4) secondHigh = 0x8F;  // above U+10FFFF
-    } else {
-        return {p, errorInvalidStringSequence};
-    }
-    ++p;
-    if (*p < secondLow || *p > secondHigh) return {p, errorInvalidStringSequence};
-    ++p;
-    for (int i = 1; i < continuationBytes; ++i, ++p) {
-        if ((*p & 0xC0) != 0x80) return {p, errorInvalidStringSequence};
-    }
-    return {p, errorNone};
-}
 
 // A string starting at its opening quote.
 Scan scanString(const Byte* p) noexcept {
@@ -111,12 +80,6 @@ Scan scanString(const Byte* p) noexcept {
                 if (!kTables.hexDigit[p[i]]) return {p + i, errorInvalidStringSequence};
             }
             p += 6;
-            continue;
-        }
-        if (c >= 0x80) {
-            const Scan s = scanUtf8(p);
-            if (s.error != errorNone) return s;
-            p = s.p;
             continue;
         }
         if (c == '\0') return {p, errorDoubleQuoteExpected};

@@ -17,11 +17,11 @@
 //     \r \t and \uXXXX with exactly four hex digits (either case). A \uXXXX
 //     escape is accepted whatever code unit it names, lone surrogates included,
 //     since the grammar allows it and nothing here decodes it;
-//   - UTF-8: every byte >= 0x80 inside a string must belong to a well-formed
-//     UTF-8 sequence (no overlong forms, no encoded surrogates D800-DFFF, nothing
-//     above U+10FFFF); noncharacters such as U+FFFF are well-formed and accepted.
-//     Outside strings only ASCII tokens exist, so any byte >= 0x80 there is an
-//     error anyway;
+//   - bytes >= 0x80 inside strings pass as they are: the grammar is checked
+//     byte by byte and the encoding is left to whoever decodes the text. This
+//     is the rule the library's own error-report writer follows (it copies such
+//     bytes unchanged), so every report it writes validates here. Outside
+//     strings only ASCII tokens exist, so any byte >= 0x80 there is an error;
 //   - no trailing commas, no comments, no single quotes, no unquoted keys.
 //     Duplicate keys are accepted (the grammar does not forbid them).
 //
@@ -31,8 +31,8 @@
 // Positions. On failure, Result::position is the first byte at which the text
 // stops being the beginning of some valid JSON text: the ']' of "[1,]", the
 // '1' of "01", the 'x' of "{} x", the NUL of an unfinished text. Inside a
-// string that is the byte that breaks the escape or the UTF-8 sequence
-// ('x' of "\x", 'G' of "\u12G4", the 0x41 after a lone 0xE2 lead byte).
+// string that is the byte that breaks the escape ('x' of "\x", 'G' of
+// "\u12G4").
 // On success it is the byte just past the value (parseValue) or the NUL
 // (validate).
 //
@@ -59,7 +59,7 @@
 //                               anything but ',', the matching closing bracket
 //                               or the end of text ("[1 2]", "{"a":1 "b":2}").
 //   errorInvalidStringSequence  a raw control byte 0x01-0x1F in a string, an
-//                               unknown or incomplete escape, or ill-formed UTF-8.
+//                               unknown or incomplete escape.
 //   errorTrailingComma          a ',' directly followed by the closing bracket
 //                               ("[1,]", "{"a":1,}"); the position is the bracket.
 //   errorTrailingChar           validate only: something other than whitespace
