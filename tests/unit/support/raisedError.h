@@ -1,0 +1,74 @@
+// Capturing the library's error exception in tests and reading its report.
+#pragma once
+
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "errors/exception.h"
+#include "unit/support/statusFixture.h"
+
+namespace ztsdtest {
+
+// What one raise left behind: its code and its parsed report.
+struct Raised {
+    bool raised = false;
+    std::int32_t code = 0;
+    std::string json;
+    CJsonPtr doc;
+
+    // A top-level member of the report, or null.
+    const cJSON* member(const char* key) const {
+        return doc ? cJSON_GetObjectItemCaseSensitive(doc.get(), key) : nullptr;
+    }
+    std::string text(const char* key) const { return textOf(member(key)); }
+    // The diagnostic object under debugKey, or null.
+    const cJSON* debug(const char* debugKey) const { return member(debugKey); }
+    // A string member of the diagnostic object ("" when absent or not a string).
+    std::string detail(const char* debugKey, const char* key) const {
+        const cJSON* d = debug(debugKey);
+        return d ? textOf(cJSON_GetObjectItemCaseSensitive(d, key)) : std::string();
+    }
+    // A number member of the diagnostic object (NaN-free: -1e300 when absent).
+    double number(const char* debugKey, const char* key) const {
+        const cJSON* d = debug(debugKey);
+        const cJSON* n = d ? cJSON_GetObjectItemCaseSensitive(d, key) : nullptr;
+        return cJSON_IsNumber(n) ? n->valuedouble : -1e300;
+    }
+    // The member names of the diagnostic object, in order.
+    std::vector<std::string> detailKeys(const char* debugKey) const {
+        std::vector<std::string> keys;
+        const cJSON* d = debug(debugKey);
+        for (const cJSON* c = d ? d->child : nullptr; c; c = c->next) keys.emplace_back(c->string);
+        return keys;
+    }
+
+    static std::string textOf(const cJSON* node) {
+        return cJSON_IsString(node) && node->valuestring ? node->valuestring : "";
+    }
+};
+
+// Runs f and captures the zterr::Exception it throws; a report that is not
+// strictly valid JSON, or no exception at all, fails the test.
+template <typename F>
+Raised captureRaise(F&& f) {
+    Raised r;
+    try {
+        f();
+    } catch (const zterr::Exception& e) {
+        r.raised = true;
+        r.code = e.code();
+        r.json = e.what();
+        r.doc = parseJson(r.json);
+        EXPECT_TRUE(strictlyValid(r.json.c_str())) << r.json;
+        EXPECT_NE(r.doc, nullptr) << r.json;
+        return r;
+    }
+    ADD_FAILURE() << "no zterr::Exception was raised";
+    return r;
+}
+
+}  // namespace ztsdtest
