@@ -135,6 +135,55 @@ ZTSDLIB_API void ztsdlib_Timescale_getTime(ztsdlib_Timescale* handle, ztsdlib_Ti
 /* {"uri":"<uri>"}; free() the result. */
 ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Status* status);
 
+/* ---- thread pools ------------------------------------------------------- */
+
+/*
+ * A pool of threadCount real threads that sync domains run their member
+ * checks on, for callers that do not implement ztsdlib::ThreadPoolInterface
+ * (ztsdlib/threadPool.hpp) themselves. Pass the result as threadPool to
+ * ztsdlib_SyncDomain_create; keep it alive as long as any domain uses it.
+ * threadCount 0 is refused with -52005. Delete it with
+ * ztsdlib_ThreadPool_delete (NULL ignored), which finishes the queued tasks
+ * and joins the threads.
+ */
+ZTSDLIB_API void* ztsdlib_ThreadPool_create(uint32_t threadCount, zterr_Status* status);
+ZTSDLIB_API void ztsdlib_ThreadPool_delete(void* pool);
+
+/* ---- sync domains ------------------------------------------------------- */
+
+/*
+ * Sync domains are used from one thread at a time per handle; they ask their
+ * members in parallel on the pool given at creation (a
+ * ztsdlib::ThreadPoolInterface*, or the result of ztsdlib_ThreadPool_create).
+ * timescale is read once for its URI and not kept. Member checks time out
+ * after 10000 ms; a waiting start uses timeout_s for all its passes.
+ */
+ZTSDLIB_API ztsdlib_SyncDomain* ztsdlib_SyncDomain_create(const char* uri, ztsdlib_Timescale* timescale,
+                                                          uint32_t maxOffset_ns, uint32_t minSyncDuration_ms,
+                                                          void* threadPool, zterr_Status* status);
+/* A domain that keeps members but asks nobody: always coherent while running. */
+ZTSDLIB_API ztsdlib_SyncDomain* ztsdlib_NopSyncDomain_create(const char* uri, ztsdlib_Timescale* timescale,
+                                                             zterr_Status* status);
+ZTSDLIB_API bool ztsdlib_SyncDomain_isMember(ztsdlib_SyncDomain* handle, const char* syncableDeviceUri,
+                                             zterr_Status* status);
+/* Places the domain's requirements on the device; the device stays the caller's. */
+ZTSDLIB_API void ztsdlib_SyncDomain_addSyncableDevice(ztsdlib_SyncDomain* handle, ztsdlib_SyncableDevice* device,
+                                                      zterr_Status* status);
+/* Coherent without a single loss since the last waiting start. */
+ZTSDLIB_API bool ztsdlib_SyncDomain_isCoherent(ztsdlib_SyncDomain* handle, zterr_Status* status);
+/* Coherent without a loss since the previous check. */
+ZTSDLIB_API bool ztsdlib_SyncDomain_isCoherentSinceLastChecked(ztsdlib_SyncDomain* handle, zterr_Status* status);
+ZTSDLIB_API bool ztsdlib_SyncDomain_isRunning(ztsdlib_SyncDomain* handle, zterr_Status* status);
+/* startV2(true, true, timeout_s); returns true on success. */
+ZTSDLIB_API bool ztsdlib_SyncDomain_start(ztsdlib_SyncDomain* handle, uint32_t timeout_s, zterr_Status* status);
+ZTSDLIB_API void ztsdlib_SyncDomain_startV2(ztsdlib_SyncDomain* handle, bool waitToBecomeCoherent,
+                                            bool saveInitialCoherency, uint32_t timeout_s, zterr_Status* status);
+ZTSDLIB_API void ztsdlib_SyncDomain_stop(ztsdlib_SyncDomain* handle, zterr_Status* status);
+ZTSDLIB_API const char* ztsdlib_SyncDomain_getTimescaleUri(ztsdlib_SyncDomain* handle, zterr_Status* status);
+ZTSDLIB_API const char* ztsdlib_SyncDomain_getUri(ztsdlib_SyncDomain* handle, zterr_Status* status);
+/* free() the result. */
+ZTSDLIB_API char* ztsdlib_SyncDomain_toJson(ztsdlib_SyncDomain* handle, zterr_Status* status);
+
 /* ---- deletion (one entry point for every handle) ------------------------ */
 
 ZTSDLIB_API void ztsdlib_Timescale_delete(ztsdlib_Timescale* handle);

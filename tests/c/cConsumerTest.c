@@ -81,10 +81,41 @@ static void zeroInitialisedStatus(void) {
     CHECK(ztsdlib_getApiVersion() == 1);
 }
 
+static void syncDomainOnTheLibraryPool(void) {
+    zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
+    void* pool = ztsdlib_ThreadPool_create(2, &status);
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
+    ztsdlib_SyncDomain* domain = ztsdlib_SyncDomain_create("/domains/c", ts, 1000, 500, pool, &status);
+    char* json;
+
+    CHECK(pool != NULL && domain != NULL && status.code == 0);
+    CHECK(strcmp(ztsdlib_SyncDomain_getTimescaleUri(domain, &status), ZTSDLIB_HOST_TIMESCALE_URI) == 0);
+    CHECK(!ztsdlib_SyncDomain_isRunning(domain, &status));
+    json = ztsdlib_SyncDomain_toJson(domain, &status);
+    CHECK(json != NULL && strstr(json, "\"syncableDevices\":[]}") != NULL);
+    free(json);
+
+    /* A domain without members cannot start. */
+    CHECK(!ztsdlib_SyncDomain_start(domain, 1, &status));
+    CHECK(status.code == -52010);
+    status.reallocate(&status, 0);
+    status.code = 0;
+
+    CHECK(ztsdlib_ThreadPool_create(0, &status) == NULL);
+    CHECK(status.code == -52005);
+
+    ztsdlib_SyncDomain_delete(domain);
+    ztsdlib_Timescale_delete(ts);
+    ztsdlib_ThreadPool_delete(pool);
+    ztsdlib_ThreadPool_delete(NULL);
+    status.reallocate(&status, 0);
+}
+
 int main(void) {
     hostTimescaleRoundTrip();
     missingParameterReport();
     zeroInitialisedStatus();
+    syncDomainOnTheLibraryPool();
     if (failures) {
         fprintf(stderr, "%d checks failed\n", failures);
         return 1;

@@ -1,0 +1,102 @@
+#include "syncdomain/memberTasks.h"
+
+#include "errors/exception.h"
+#include "errors/status.h"
+
+namespace ztsdlib {
+namespace {
+
+constexpr const char* kFile = "source\\ztsdlib\\syncDomain";
+constexpr std::chrono::milliseconds kPollInterval{50};
+
+[[noreturn]] void raiseMemberFailure(const std::exception_ptr& error, const std::string& syncDomainUri) {
+    zterr_Status inner = zterr::makeOwnedStatus();
+    try {
+        std::rethrow_exception(error);
+    } catch (...) {
+        zterr::translateCurrentException(&inner);
+    }
+    zterr_Status outer = zterr::makeReport(
+        ZTERR_SITE(kFile, zterr::name::ztapalerr_communicationsFault), zterr::code::ztapalerr_communicationsFault,
+        "ztsyncdomain_debug",
+        {{"message", "Encountered error while communicating with one or more syncable devices."},
+         {"syncDomainUri", syncDomainUri}});
+    zterr::attachNestedError(&outer, &inner);
+    zterr::releaseStatus(&inner);
+    throw zterr::Exception(std::move(outer));
+}
+
+}  // namespace
+
+void CompletionSignal::notify() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++completed;
+    }
+    changed.notify_all();
+}
+
+std::uint64_t CompletionSignal::count() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return completed;
+}
+
+void CompletionSignal::waitFor(std::uint64_t seen, std::chrono::milliseconds wait) const {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, wait, [&] { return completed != seen; });
+}
+
+void TaskBase::run() {
+    try {
+        work();
+    } catch (...) {
+        errorHolder = std::current_exception();
+    }
+    // The pool owns this task until run() returns, so the signal is still
+    // here after done is published.
+    done.exchange(1, std::memory_order_acq_rel);
+    if (signal) signal->notify();
+}
+
+void GetMemberJsonTask::work() {
+    try {
+        result = member.toJson();
+    } catch (...) {
+        zterr_Status status = zterr::makeOwnedStatus();
+        zterr::translateCurrentException(&status);
+        result = "{\"uri\":\"" + member.getUri() + "\",\"error\":" + (status.json ? status.json : "null") + "}";
+        zterr::releaseStatus(&status);
+    }
+}
+
+std::string GetMemberJsonTask::text() const {
+    if (result.empty()) return "{\"uri\":\"" + member.getUri() + "\"}";
+    return result;
+}
+
+void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
+                      ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
+                      const std::string& syncDomainUri) {
+    for (const auto& task : tasks) pool.submit(task);
+    for (const auto& task : tasks) {
+        for (;;) {
+            if (timer.hasExpired()) {
+                zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut),
+                             zterr::code::ztapalerr_operationTimedOut, "ztsyncdomain_debug",
+                             {{"message", "Timed out while waiting for one or more syncable devices to respond."},
+                              {"syncDomainUri", syncDomainUri},
+                              {"timeout_ms", timer.timeout()}});
+            }
+            // Read the count before looking at the task, so a completion
+            // between the look and the wait still ends the wait.
+            const std::uint64_t seen = signal.count();
+            if (task->isDone()) {
+                if (task->error()) raiseMemberFailure(task->error(), syncDomainUri);
+                break;
+            }
+            signal.waitFor(seen, kPollInterval);
+        }
+    }
+}
+
+}  // namespace ztsdlib

@@ -1,0 +1,104 @@
+// The tasks a sync domain hands to the caller's pool, one per member, and the
+// fan-out that submits them and waits for them.
+//
+// Threads: a task is written by the pool thread that runs it and read by the
+// domain's thread only after it has seen `done` set (an atomic exchange that
+// the writer makes after storing its result or error). The completion signal
+// is the only object both sides lock; it wakes the waiting thread as soon as a
+// task ends, so a fan-out costs the slowest member's time rather than that
+// plus a polling step. The waiter still polls every 50 ms, so a pool that runs
+// tasks inside submit() works as well.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "syncdomain/syncableDeviceInterface.h"
+#include "time/monotonicTimer.h"
+#include "ztsdlib/threadPool.hpp"
+
+namespace ztsdlib {
+
+// Counts completed tasks of one fan-out and wakes its waiting thread.
+class CompletionSignal {
+public:
+    void notify();
+    std::uint64_t count() const;
+    // Returns when the count differs from `seen` or after `wait`.
+    void waitFor(std::uint64_t seen, std::chrono::milliseconds wait) const;
+
+private:
+    mutable std::mutex mutex;
+    mutable std::condition_variable changed;
+    std::uint64_t completed = 0;
+};
+
+class TaskBase : public ThreadPoolInterface::TaskInterface {
+public:
+    explicit TaskBase(std::shared_ptr<CompletionSignal> signal) : signal(std::move(signal)) {}
+    // Runs the work, keeps any error, then sets done and signals.
+    void run() final;
+    bool isDone() const noexcept { return done.load(std::memory_order_acquire) != 0; }
+    // The error the work raised; read only once isDone().
+    std::exception_ptr error() const noexcept { return errorHolder; }
+
+protected:
+    virtual void work() = 0;
+
+private:
+    std::exception_ptr errorHolder;
+    std::atomic<std::uint32_t> done{0};
+    std::shared_ptr<CompletionSignal> signal;
+};
+
+class CheckMemberCoherencyStateTask : public TaskBase {
+public:
+    CheckMemberCoherencyStateTask(std::shared_ptr<CompletionSignal> signal, std::string memberUri,
+                                  SyncableDeviceInterface& member)
+        : TaskBase(std::move(signal)), memberUri(std::move(memberUri)), member(member) {}
+
+    const std::string memberUri;
+    bool isCoherent = false;
+    std::uint32_t coherencyLossCount = 0xFFFFFFFFu;
+
+protected:
+    void work() override { isCoherent = member.isCoherent(&coherencyLossCount); }
+
+private:
+    SyncableDeviceInterface& member;
+};
+
+class GetMemberJsonTask : public TaskBase {
+public:
+    GetMemberJsonTask(std::shared_ptr<CompletionSignal> signal, SyncableDeviceInterface& member)
+        : TaskBase(std::move(signal)), member(member) {}
+
+    // The member's JSON; or {"uri":..,"error":..} when it failed; or
+    // {"uri":..} when the task never produced anything.
+    std::string text() const;
+
+protected:
+    // Never fails: a member's error becomes part of the text.
+    void work() override;
+
+private:
+    SyncableDeviceInterface& member;
+    std::string result;
+};
+
+// Submits the tasks in order, then waits for each in order: an expired timer
+// fails with ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
+// ztapalerr_communicationsFault and that error nested. Tasks still running
+// when it fails are left to the pool, which owns them too.
+void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
+                      ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
+                      const std::string& syncDomainUri);
+
+}  // namespace ztsdlib

@@ -1,0 +1,233 @@
+#include "syncdomain/syncDomain.h"
+
+#include <memory>
+
+#include "errors/exception.h"
+#include "syncdomain/memberTasks.h"
+
+namespace ztsdlib {
+namespace {
+
+constexpr const char* kFile = "source\\ztsdlib\\syncDomain";
+constexpr const char* kDebug = "ztsyncdomain_debug";
+constexpr const char* kMissingParameter = "Encountered missing parameter needed for task completion.";
+
+const char* boolText(bool value) { return value ? "true" : "false"; }
+
+}  // namespace
+
+SyncDomain::SyncDomain(std::string uriText, TimescaleInterface& timescale, std::uint32_t maxOffset,
+                       std::uint32_t minSyncDuration, ThreadPoolInterface* pool)
+    : uri(std::move(uriText)),
+      requiredTimescaleUri(timescale.getUri()),
+      maxOffset_ns(maxOffset),
+      minSyncDuration_ms(minSyncDuration),
+      threadPool(pool) {
+    if (!threadPool) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter), zterr::code::ztapalerr_invalidParameter,
+                     kDebug, {{"message", kMissingParameter}, {"threadPool", "nullptr"}});
+    }
+    requirementsJson = "{\"version\":1,\"syncDomainUri\":\"" + uri + "\",\"coherencyRequirements\":{" +
+                       "\"requiredTimescaleUri\":\"" + requiredTimescaleUri + "\",\"maxOffset_ns\":" +
+                       std::to_string(maxOffset_ns) + ",\"minSyncDuration_ms\":" + std::to_string(minSyncDuration_ms) +
+                       "},\"data\":{}}";
+}
+
+bool SyncDomain::isMember(const std::string& deviceUri) const { return members.count(deviceUri) != 0; }
+
+const SyncDomain::MemberState* SyncDomain::memberState(const std::string& deviceUri) const {
+    const auto it = members.find(deviceUri);
+    return it == members.end() ? nullptr : &it->second.state;
+}
+
+void SyncDomain::addSyncableDevice(SyncableDeviceInterface* device) {
+    if (!device) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter), zterr::code::ztapalerr_invalidParameter,
+                     kDebug, {{"message", kMissingParameter}, {"device", "nullptr"}});
+    }
+    if (isDomainRunning) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
+                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
+                     {{"message", "Syncable devices may only be added when Sync Domain is not running."},
+                      {"isDomainRunning", true},
+                      {"syncDomainUri", uri},
+                      {"syncableDeviceUri", device->getUri()}});
+    }
+    const std::string deviceUri = device->getUri();
+    if (members.count(deviceUri)) return;
+    device->setCoherencyRequirements(requirementsJson, uri);
+    members.emplace(deviceUri, Member{device, MemberState{}});
+}
+
+SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& timer) {
+    auto signal = std::make_shared<CompletionSignal>();
+    std::vector<std::shared_ptr<CheckMemberCoherencyStateTask>> checks;
+    std::vector<std::shared_ptr<TaskBase>> tasks;
+    checks.reserve(members.size());
+    tasks.reserve(members.size());
+    for (auto& [memberUri, member] : members) {
+        checks.push_back(std::make_shared<CheckMemberCoherencyStateTask>(signal, memberUri, *member.device));
+        tasks.push_back(checks.back());
+    }
+    awaitMemberTasks(*threadPool, tasks, timer, *signal, uri);
+    CheckResults results;
+    results.reserve(checks.size());
+    for (const auto& check : checks) results[check->memberUri] = {check->isCoherent, check->coherencyLossCount};
+    return results;
+}
+
+std::vector<std::string> SyncDomain::getMemberJsons(ztsdtools::MonotonicTimer& timer) {
+    auto signal = std::make_shared<CompletionSignal>();
+    std::vector<std::shared_ptr<GetMemberJsonTask>> jsonTasks;
+    std::vector<std::shared_ptr<TaskBase>> tasks;
+    for (auto& entry : members) {
+        jsonTasks.push_back(std::make_shared<GetMemberJsonTask>(signal, *entry.second.device));
+        tasks.push_back(jsonTasks.back());
+    }
+    awaitMemberTasks(*threadPool, tasks, timer, *signal, uri);
+    std::vector<std::string> texts;
+    texts.reserve(jsonTasks.size());
+    for (const auto& task : jsonTasks) texts.push_back(task->text());
+    return texts;
+}
+
+void SyncDomain::saveAsStartAndLastCheck(const CheckResults& results) {
+    for (const auto& [memberUri, result] : results) {
+        auto it = members.find(memberUri);
+        if (it == members.end()) continue;
+        MemberState& state = it->second.state;
+        state.isCoherentAtStart = state.isCoherentAtLastCheck = result.first;
+        state.coherencyLossCountAtStart = state.coherencyLossCountAtLastCheck = result.second;
+    }
+}
+
+bool SyncDomain::start(std::uint32_t timeout_s) {
+    startV2(true, true, timeout_s);
+    return true;
+}
+
+void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) {
+    if (isDomainRunning) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
+                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
+                     {{"message", "Sync Domain is already running; need to call stop before calling start again."},
+                      {"isDomainRunning", true},
+                      {"syncDomainUri", uri}});
+    }
+    if (members.empty()) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_resourceNotInitialized),
+                     zterr::code::ztapalerr_resourceNotInitialized, kDebug,
+                     {{"message",
+                       "Sync Domain cannot start without any members. Please add at least one Syncable Device to the "
+                       "domain and try again."},
+                      {"syncDomainUri", uri}});
+    }
+    if (!saveInitialCoherency) {
+        if (waitToBecomeCoherent) {
+            zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_featureUnsupported),
+                         zterr::code::ztapalerr_featureUnsupported, kDebug,
+                         {{"message",
+                           "Requesting to start Sync Domain with wait to be coherent but not saving initial coherency "
+                           "is not supported."},
+                          {"saveInitialCoherency", false},
+                          {"waitToBecomeCoherent", true},
+                          {"syncDomainUri", uri}});
+        }
+        isDomainRunning = true;
+        return;
+    }
+    if (!waitToBecomeCoherent) {
+        ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
+        saveAsStartAndLastCheck(checkMembers(timer));
+        isDomainRunning = true;
+        return;
+    }
+    if (timeout_s == 0) {
+        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter), zterr::code::ztapalerr_invalidParameter,
+                     kDebug,
+                     {{"message", "Please provide a non-zero timeout for starting the Sync Domain."},
+                      {"syncDomainUri", uri},
+                      {"waitTimeout_s", std::uint32_t{0}}});
+    }
+    startTimeout_s = timeout_s;
+    ztsdtools::MonotonicTimer timer(static_cast<std::int64_t>(timeout_s) * 1000);
+    do {
+        const CheckResults results = checkMembers(timer);
+        saveAsStartAndLastCheck(results);
+        isCoherentLatch = true;
+        for (const auto& entry : results) {
+            if (entry.second.first) continue;
+            if (timer.hasExpired()) {
+                zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut),
+                             zterr::code::ztapalerr_operationTimedOut, kDebug,
+                             {{"message", "Timed out while waiting for one or more syncable devices to respond."},
+                              {"syncDomainUri", uri},
+                              {"timeoutInSeconds", startTimeout_s}});
+            }
+            isCoherentLatch = false;
+            break;
+        }
+    } while (!isCoherentLatch);
+    isDomainRunning = true;
+}
+
+void SyncDomain::raiseNotRunning() const {
+    zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
+                 zterr::code::ztapalerr_invalidStateTransition, kDebug,
+                 {{"message", "Sync Domain coherency may only be queried if the domain is running."},
+                  {"isDomainRunning", false},
+                  {"syncDomainUri", uri}});
+}
+
+bool SyncDomain::isCoherent() {
+    if (!isDomainRunning) raiseNotRunning();
+    if (!isCoherentLatch) return false;
+    ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
+    for (const auto& [memberUri, result] : checkMembers(timer)) {
+        const auto it = members.find(memberUri);
+        const MemberState& state = it->second.state;
+        if (!result.first || !state.isCoherentAtStart || result.second != state.coherencyLossCountAtStart) {
+            isCoherentLatch = false;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool SyncDomain::isCoherentSinceLastChecked() {
+    if (!isDomainRunning) raiseNotRunning();
+    ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
+    const CheckResults results = checkMembers(timer);
+    bool coherent = true;
+    for (const auto& [memberUri, result] : results) {
+        const MemberState& state = members.find(memberUri)->second.state;
+        if (!result.first || !state.isCoherentAtLastCheck || result.second != state.coherencyLossCountAtLastCheck)
+            coherent = false;
+    }
+    for (const auto& [memberUri, result] : results) {
+        MemberState& state = members.find(memberUri)->second.state;
+        state.isCoherentAtLastCheck = result.first;
+        state.coherencyLossCountAtLastCheck = result.second;
+    }
+    return coherent;
+}
+
+std::string SyncDomain::toJson() {
+    std::string json = std::string("{\"type\":\"SyncDomain\",\"uri\":\"") + uri + "\",\"isCoherent\":" +
+                       boolText(isCoherentLatch) + ",\"coherencyRequirements\":{\"requiredTimescaleUri\":\"" +
+                       requiredTimescaleUri + "\",\"maxOffset_ns\":" + std::to_string(maxOffset_ns) +
+                       ",\"minSyncDuration_ms\":" + std::to_string(minSyncDuration_ms) +
+                       "},\"isRunning\":" + boolText(isDomainRunning) + ",\"syncableDevices\":[";
+    if (!members.empty()) {
+        ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
+        bool first = true;
+        for (const std::string& text : getMemberJsons(timer)) {
+            if (!first) json += ",";
+            json += text;
+            first = false;
+        }
+    }
+    return json + "]}";
+}
+
+}  // namespace ztsdlib

@@ -1,0 +1,81 @@
+// A sync domain: devices held to one maximum offset, minimum sync duration
+// and required timescale, asked in parallel on the caller's pool.
+//
+// Threads: the domain has no lock and is used from one caller thread at a
+// time. Parallel work happens only inside a fan-out, whose tasks touch their
+// own member and their own result; the domain reads the results after all
+// tasks are done (see memberTasks.h).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "syncdomain/syncDomainInterface.h"
+#include "time/monotonicTimer.h"
+#include "time/timescaleInterface.h"
+#include "ztsdlib/threadPool.hpp"
+
+namespace ztsdlib {
+
+class SyncDomain : public SyncDomainInterface {
+public:
+    // Member checks outside a waiting start wait this long.
+    static constexpr std::int64_t kCheckTimeout_ms = 10000;
+
+    struct MemberState {
+        bool isCoherentAtStart = false;
+        bool isCoherentAtLastCheck = false;
+        std::uint32_t coherencyLossCountAtStart = 0;
+        std::uint32_t coherencyLossCountAtLastCheck = 0;
+    };
+
+    SyncDomain(std::string uri, TimescaleInterface& timescale, std::uint32_t maxOffset_ns,
+               std::uint32_t minSyncDuration_ms, ThreadPoolInterface* threadPool);
+
+    bool isMember(const std::string& deviceUri) const override;
+    void addSyncableDevice(SyncableDeviceInterface* device) override;
+    bool isCoherent() override;
+    bool isCoherentSinceLastChecked() override;
+    bool isRunning() const override { return isDomainRunning; }
+    bool start(std::uint32_t timeout_s) override;
+    void startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) override;
+    void stop() override { isDomainRunning = false; }
+    const std::string& getTimescaleUri() const override { return requiredTimescaleUri; }
+    const std::string& getUri() const override { return uri; }
+    std::string toJson() override;
+
+    // The document placed on every member as it is added.
+    const std::string& getRequirementsJson() const { return requirementsJson; }
+    // Per-member state, keyed by device URI (for inspection).
+    const MemberState* memberState(const std::string& deviceUri) const;
+
+private:
+    struct Member {
+        SyncableDeviceInterface* device;
+        MemberState state;
+    };
+    // (isCoherent, coherencyLossCount) per member URI.
+    using CheckResults = std::unordered_map<std::string, std::pair<bool, std::uint32_t>>;
+
+    CheckResults checkMembers(ztsdtools::MonotonicTimer& timer);
+    std::vector<std::string> getMemberJsons(ztsdtools::MonotonicTimer& timer);
+    void saveAsStartAndLastCheck(const CheckResults& results);
+    [[noreturn]] void raiseNotRunning() const;
+
+    bool isDomainRunning = false;
+    bool isCoherentLatch = false;
+    std::string uri;
+    std::string requiredTimescaleUri;
+    std::uint32_t maxOffset_ns;
+    std::uint32_t minSyncDuration_ms;
+    std::string requirementsJson;
+    std::unordered_map<std::string, Member> members;
+    ThreadPoolInterface* threadPool;
+    std::uint32_t startTimeout_s = 10;
+};
+
+}  // namespace ztsdlib
