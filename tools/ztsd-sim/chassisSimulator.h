@@ -163,12 +163,18 @@ private:
         std::uint64_t gets = 0;
         std::uint64_t puts = 0;
     };
-    struct Answer;
+    struct Answer;  // status, payload and envelope error of one reply
+    struct Route;   // where a request path leads
 
     void handle(const httplib::Request& request, httplib::Response& response);
-    Answer answerLocked(const httplib::Request& request);
-    Answer answerDeviceLocked(const httplib::Request& request, Device& device);
+    Route routeLocked(const std::string& path) const;
+    bool takeFaultLocked(const std::string& path, Fault& fault, std::string& prefix);
+    Answer answerLocked(const httplib::Request& request, bool applyChanges);
+    Answer devicePayloadLocked(const std::string& name, const Device& device) const;
     Answer listingLocked(const std::string& underPath) const;
+    static Answer failure(int status, std::int32_t code, std::string text);
+    static void send(httplib::Response& response, const Answer& answer, const Fault* fault);
+    std::string remoteHostLocked() const;
     std::string deviceUriLocked(const std::string& name) const;
     std::string timescaleUriLocked(const std::string& gmId) const;
     std::string resourcePath(const std::string& type, const std::string& name) const;
