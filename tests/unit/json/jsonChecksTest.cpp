@@ -1,0 +1,105 @@
+// Whole-text checks: strict validation, the missing-key error and the remote
+// API version check.
+#include <gtest/gtest.h>
+
+#include <boost/numeric/conversion/converter_policies.hpp>
+
+#include <string>
+#include <vector>
+
+#include "json/jsonChecks.h"
+#include "unit/support/raisedError.h"
+
+using ztsdtest::captureRaise;
+using ztsdtest::Raised;
+
+namespace {
+const char* kDebug = "ztsyncdomain_debug";
+}
+
+TEST(ValidateJsonString, AcceptsOneValueInJsonWhitespaceOnly) {
+    for (const char* ok : {"{}", " \r\n{}\t \n", "[1,{\"a\":null}]", "\"x\"", "0"}) {
+        EXPECT_NO_THROW(ztsdtools::validateJsonString(ok, "m", "s")) << ok;
+    }
+}
+
+TEST(ValidateJsonString, ReportsTheValidatorErrorWithTheRestOfTheText) {
+    struct Case {
+        std::string text;
+        const char* error;
+        std::string position;
+    };
+    const std::vector<Case> cases = {
+        {"{} x", "jsonz_errorTrailingChar", "x"},
+        {"[1,]", "jsonz_errorTrailingComma", "]"},
+        {"", "jsonz_errorValueExpected", ""},
+        {"\f{}", "jsonz_errorValueExpected", "\f{}"},
+        {"{\"a\" 1}", "jsonz_errorColonExpected", "1}"},
+        {"[1 2]", "jsonz_errorCommaExpected", "2]"},
+        {"{\"a\":1", "jsonz_errorCurlyBracketExpected", ""},
+        {"[1", "jsonz_errorSquareBracketExpected", ""},
+        {"{1:2}", "jsonz_errorDoubleQuoteExpected", "1:2}"},
+        {"\"\\x\"", "jsonz_errorInvalidStringSequence", "x\""},
+        {std::string("{}\0{}", 5), "jsonz_errorTrailingChar", std::string("\0{}", 3)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        const Raised r = captureRaise([&] { ztsdtools::validateJsonString(c.text, "the message", "the source"); });
+        EXPECT_EQ(r.code, -52005);
+        EXPECT_EQ(r.text("error_constant"), "ztapalerr_invalidParameter");
+        EXPECT_EQ(r.text("file"), "ztsdtools_json\\jsonHelperFunctions");
+        EXPECT_EQ(r.member("line") ? r.member("line")->valueint : 0, 38);
+        EXPECT_EQ(r.detailKeys(kDebug),
+                  (std::vector<std::string>{"message", "jsonzError", "position", "jsonString", "source"}));
+        EXPECT_EQ(r.detail(kDebug, "message"), "the message");
+        EXPECT_EQ(r.detail(kDebug, "jsonzError"), c.error);
+        // cJSON stops strings at a NUL, so compare NUL-free positions only.
+        if (c.position.find('\0') == std::string::npos) {
+            EXPECT_EQ(r.detail(kDebug, "position"), c.position);
+            EXPECT_EQ(r.detail(kDebug, "jsonString"), c.text);
+        } else {
+            EXPECT_NE(r.json.find("\"position\":\"\\u0000{}\""), std::string::npos) << r.json;
+        }
+        EXPECT_EQ(r.detail(kDebug, "source"), "the source");
+    }
+}
+
+TEST(ThrowMissingJsonKey, RaisesInvalidParameterWithMessageKeyAndUri) {
+    const Raised r = captureRaise([] { ztsdtools::throwMissingJsonKey("/h/x", "isCoherent", "No flag."); });
+    EXPECT_EQ(r.code, -52005);
+    EXPECT_EQ(r.text("error_constant"), "ztapalerr_invalidParameter");
+    EXPECT_EQ(r.text("file"), "ztsdtools_json/jsonHelperFunctions");
+    EXPECT_EQ(r.member("line") ? r.member("line")->valueint : 0, 27);
+    EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "JsonKey", "uri"}));
+    EXPECT_EQ(r.detail(kDebug, "message"), "No flag.");
+    EXPECT_EQ(r.detail(kDebug, "JsonKey"), "isCoherent");
+    EXPECT_EQ(r.detail(kDebug, "uri"), "/h/x");
+}
+
+TEST(CheckRemoteApiVersion, AcceptsZeroOneAndNullAndRefusesTheRest) {
+    for (const char* ok : {"{\"version\":1}", "{\"version\":0}", "{\"version\":null}", "{\"Version\":1.7}"})
+        EXPECT_NO_THROW(ztsdtools::checkRemoteApiVersion("/u", ok, "missing", "mismatch")) << ok;
+
+    const Raised two = captureRaise([] { ztsdtools::checkRemoteApiVersion("/u", "{\"version\":2}", "missing", "mismatch"); });
+    EXPECT_EQ(two.code, -52002);
+    EXPECT_EQ(two.text("error_constant"), "ztapalerr_featureUnsupported");
+    EXPECT_EQ(two.text("file"), "ztsdtools_json\\jsonHelperFunctions");
+    EXPECT_EQ(two.member("line") ? two.member("line")->valueint : 0, 58);
+    EXPECT_EQ(two.detailKeys(kDebug),
+              (std::vector<std::string>{"message", "remoteVersion", "maxSupportedVersion", "uri"}));
+    EXPECT_EQ(two.detail(kDebug, "message"), "mismatch");
+    EXPECT_EQ(two.number(kDebug, "remoteVersion"), 2);
+    EXPECT_EQ(two.number(kDebug, "maxSupportedVersion"), 1);
+    EXPECT_EQ(two.detail(kDebug, "uri"), "/u");
+
+    const Raised absent = captureRaise([] { ztsdtools::checkRemoteApiVersion("/u", "{}", "missing", "mismatch"); });
+    EXPECT_EQ(absent.code, -52005);
+    EXPECT_EQ(absent.detail(kDebug, "JsonKey"), "version");
+    EXPECT_EQ(absent.detail(kDebug, "message"), "missing");
+
+    EXPECT_THROW(ztsdtools::checkRemoteApiVersion("/u", "{\"version\":-1}", "m", "m"), boost::numeric::negative_overflow);
+    EXPECT_EQ(captureRaise([] { ztsdtools::checkRemoteApiVersion("/u", "{\"version\":\"1\"}", "m", "m"); })
+                  .text("error_constant"),
+              "errCode");
+    EXPECT_EQ(captureRaise([] { ztsdtools::checkRemoteApiVersion("/u", "{\"version\":", "m", "m"); }).code, -52005);
+}
