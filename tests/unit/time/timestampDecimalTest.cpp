@@ -1,0 +1,321 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <ios>
+#include <limits>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "errors/exception.h"
+#include "time/timestamp.h"
+#include "time/timestampDecimal.h"
+#include "unit/support/literalTimestampConversion.h"
+#include "unit/support/statusFixture.h"
+
+using ztsdlib::TimestampDecimal;
+using ztsdlib::toDecimal;
+using ztsdlib::toTimestamp;
+
+namespace {
+
+constexpr std::uint64_t kMax64 = UINT64_MAX;
+
+ztsdlib_Timestamp ts(std::uint64_t seconds, std::uint32_t nanos, bool negative = false,
+                     std::uint32_t fractionalNanos = 0) {
+    ztsdlib_Timestamp t{};
+    t.seconds = seconds;
+    t.nanos = nanos;
+    t.fractionalNanos = fractionalNanos;
+    t.isNegative = negative;
+    return t;
+}
+
+TimestampDecimal dec(const std::string& text) { return TimestampDecimal(text); }
+
+std::string show(const ztsdlib_Timestamp& t) {
+    return std::string(t.isNegative ? "-" : "+") + std::to_string(t.seconds) + "s " + std::to_string(t.nanos) +
+           "ns f" + std::to_string(t.fractionalNanos);
+}
+
+// What one conversion did: a value, or a failure of some kind with a message.
+struct Outcome {
+    enum Kind { Value, Library, OutOfRange, InvalidArgument, Other } kind = Value;
+    std::string message;
+    ztsdlib_Timestamp timestamp{};
+    TimestampDecimal decimal;
+
+    std::string describe() const {
+        switch (kind) {
+            case Value: return "value " + show(timestamp) + " / " + decimal.str(0, std::ios::scientific);
+            case Library: return "library error: " + message;
+            case OutOfRange: return "out_of_range: " + message;
+            case InvalidArgument: return "invalid_argument: " + message;
+            case Other: return "other: " + message;
+        }
+        return "";
+    }
+};
+
+// The message of a library error, checked to be the conversions' report.
+std::string libraryMessage(const zterr::Exception& e) {
+    EXPECT_EQ(e.code(), -52005);
+    auto doc = ztsdtest::parseJson(e.status().json ? e.status().json : "");
+    if (!doc) {
+        ADD_FAILURE() << "report is not JSON";
+        return "";
+    }
+    const cJSON* constant = cJSON_GetObjectItemCaseSensitive(doc.get(), "error_constant");
+    const cJSON* file = cJSON_GetObjectItemCaseSensitive(doc.get(), "file");
+    const cJSON* component = cJSON_GetObjectItemCaseSensitive(doc.get(), "component");
+    EXPECT_STREQ(cJSON_GetStringValue(constant), "ztapalerr_invalidParameter");
+    EXPECT_STREQ(cJSON_GetStringValue(file), "source\\ztsdlib\\linearRegressionFilterWrapper");
+    EXPECT_STREQ(cJSON_GetStringValue(component), "ztsdlib");
+    const cJSON* debug = cJSON_GetObjectItemCaseSensitive(doc.get(), "ztsyncdomain_debug");
+    const cJSON* message = cJSON_GetObjectItemCaseSensitive(debug, "message");
+    return cJSON_IsString(message) ? message->valuestring : "";
+}
+
+template <typename Conversion>
+Outcome run(Conversion&& conversion) {
+    Outcome o;
+    try {
+        conversion(o);
+    } catch (const zterr::Exception& e) {
+        o.kind = Outcome::Library;
+        o.message = libraryMessage(e);
+    } catch (const ztsdtest::LiteralConversionFailure& e) {
+        o.kind = Outcome::Library;
+        o.message = e.message;
+    } catch (const std::out_of_range& e) {
+        o.kind = Outcome::OutOfRange;
+        o.message = e.what();
+    } catch (const std::invalid_argument& e) {
+        o.kind = Outcome::InvalidArgument;
+        o.message = e.what();
+    } catch (const std::exception& e) {
+        o.kind = Outcome::Other;
+        o.message = e.what();
+    }
+    return o;
+}
+
+// The fast and the literal conversion of a record agree in value, in
+// representation (every limb, exponent and sign) and in failure.
+::testing::AssertionResult sameToDecimal(const ztsdlib_Timestamp& t) {
+    const Outcome fast = run([&](Outcome& o) { o.decimal = toDecimal(t); });
+    const Outcome literal = run([&](Outcome& o) { o.decimal = ztsdtest::literalToDecimal(t); });
+    const bool same = fast.kind == literal.kind && fast.message == literal.message &&
+                      (fast.kind != Outcome::Value ||
+                       (fast.decimal == literal.decimal &&
+                        fast.decimal.backend().hash() == literal.decimal.backend().hash() &&
+                        fast.decimal.str(40, std::ios::scientific) == literal.decimal.str(40, std::ios::scientific)));
+    if (same) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "toDecimal(" << show(t) << "): fast " << fast.describe() << ", literal "
+                                         << literal.describe();
+}
+
+::testing::AssertionResult sameToTimestamp(const TimestampDecimal& d) {
+    const Outcome fast = run([&](Outcome& o) { o.timestamp = toTimestamp(d); });
+    const Outcome literal = run([&](Outcome& o) { o.timestamp = ztsdtest::literalToTimestamp(d); });
+    const bool same = fast.kind == literal.kind && fast.message == literal.message &&
+                      (fast.kind != Outcome::Value || ztsdlib::sameTimestamp(fast.timestamp, literal.timestamp));
+    if (same) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "toTimestamp(" << d.str(45, std::ios::scientific) << "): fast "
+                                         << fast.describe() << ", literal " << literal.describe();
+}
+
+std::string libraryFailure(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const zterr::Exception& e) {
+        return libraryMessage(e);
+    }
+    return "<no failure>";
+}
+
+class RandomDigits {
+public:
+    explicit RandomDigits(std::uint32_t seed) : engine(seed) {}
+    std::string digits(int count, bool nonZeroFirst = false) {
+        std::string s;
+        for (int i = 0; i < count; ++i) s += static_cast<char>('0' + pick(i == 0 && nonZeroFirst ? 1 : 0, 9));
+        return s;
+    }
+    int pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(engine); }
+    std::uint64_t u64(std::uint64_t lo = 0, std::uint64_t hi = kMax64) {
+        return std::uniform_int_distribution<std::uint64_t>(lo, hi)(engine);
+    }
+    bool coin() { return pick(0, 1) == 1; }
+    std::mt19937_64 engine;
+};
+
+ztsdlib_Timestamp randomRecord(RandomDigits& r) {
+    std::uint64_t seconds = 0;
+    switch (r.pick(0, 5)) {
+        case 0: seconds = r.u64(); break;
+        case 1: seconds = r.u64(0, 1000); break;
+        case 2: seconds = kMax64 - r.u64(0, 1000); break;
+        case 3: seconds = 13400000000ULL + r.u64(0, 200000000ULL) - 100000000ULL; break;  // 1601-epoch now
+        case 4: seconds = r.u64(0, 99999999ULL) * (r.coin() ? 100000000ULL : 1ULL); break;  // limb edges
+        default: seconds = 0; break;
+    }
+    std::uint32_t nanos = 0;
+    switch (r.pick(0, 5)) {
+        case 0: nanos = 0; break;
+        case 1: nanos = 999999999u; break;
+        case 2: nanos = static_cast<std::uint32_t>(r.u64(0, 9)) * 100000000u; break;
+        case 3: nanos = static_cast<std::uint32_t>(r.u64(0, 9)); break;
+        default: nanos = static_cast<std::uint32_t>(r.u64(0, 999999999u)); break;
+    }
+    return ts(seconds, nanos, r.coin(), static_cast<std::uint32_t>(r.u64(0, 3)));
+}
+
+// Decimals of every shape the conversions meet: quotients and products of
+// records, texts with more than 15 fraction digits close to the rounding
+// edges, huge and tiny magnitudes, both signs.
+TimestampDecimal randomDecimal(RandomDigits& r) {
+    const std::string sign = r.coin() ? "-" : "";
+    switch (r.pick(0, 9)) {
+        case 0: {  // a quotient of two records
+            ztsdlib_Timestamp a = randomRecord(r), b = randomRecord(r);
+            if (b.seconds == 0 && b.nanos == 0) b.nanos = 3;
+            return toDecimal(a) / toDecimal(b);
+        }
+        case 1: {  // small quotients: fractions with long expansions
+            return TimestampDecimal(static_cast<long long>(r.u64(0, 1000000)) * (r.coin() ? 1 : -1)) /
+                   TimestampDecimal(static_cast<long long>(r.u64(1, 999)));
+        }
+        case 2: {  // x.ddd999...9 (15 fraction digits), then a rounding digit: just below a boundary
+            const int random = r.pick(0, 14);
+            return dec(sign + std::to_string(r.u64(0, r.coin() ? 20000000000ULL : kMax64)) + "." +
+                       r.digits(random) + std::string(static_cast<std::size_t>(15 - random), '9') +
+                       std::to_string(r.pick(4, 9)) + r.digits(r.pick(0, 12)));
+        }
+        case 3: {  // 9 nanosecond digits, then 999999 and a rounding digit
+            return dec(sign + std::to_string(r.u64(0, 20000000000ULL)) + "." + r.digits(9) + "999999" +
+                       std::to_string(r.pick(4, 6)) + (r.coin() ? r.digits(r.pick(1, 10)) : std::string()));
+        }
+        case 4: {  // exact ties at the 16th fraction digit, odd and even 15th digits
+            return dec(sign + std::to_string(r.u64(0, 99999)) + "." + r.digits(15) + "5" +
+                       (r.coin() ? std::string() : r.digits(r.pick(1, 8))));
+        }
+        case 5: {  // near 2^64
+            return dec(sign + "1844674407370955161" + std::to_string(r.pick(4, 6)) + "." + r.digits(r.pick(0, 18)));
+        }
+        case 6: {  // huge
+            return dec(sign + r.digits(1, true) + "." + r.digits(r.pick(0, 30)) + "e" + std::to_string(r.pick(15, 40)));
+        }
+        case 7: {  // tiny
+            return dec(sign + r.digits(1, true) + "." + r.digits(r.pick(0, 30)) + "e-" + std::to_string(r.pick(8, 40)));
+        }
+        case 8: {  // products of records and a slope near 1
+            const TimestampDecimal slope = dec("1." + std::string(4, '0') + r.digits(r.pick(1, 12)));
+            return toDecimal(randomRecord(r)) * slope + toDecimal(randomRecord(r)) / TimestampDecimal(7);
+        }
+        default:
+            return toDecimal(randomRecord(r));
+    }
+}
+
+}  // namespace
+
+TEST(TimestampConversion, ToDecimalMatchesTheLiteralTextConversionOnRandomAndBoundaryRecords) {
+    const std::vector<ztsdlib_Timestamp> boundaries = {
+        ts(0, 0),           ts(0, 0, true),          ts(0, 1),          ts(0, 1, true),
+        ts(0, 999999999u),  ts(1, 0),                ts(5, 999999999u), ts(5, 1000000000u),
+        ts(0, UINT32_MAX),  ts(kMax64, 999999999u),  ts(kMax64, 0),     ts(kMax64, 0, true),
+        ts(99999999, 0),    ts(100000000, 0),        ts(10000000000000000ULL, 5), ts(13400000000ULL, 123456789u),
+        ts(0, 10),          ts(0, 100000000u, true), ts(12, 345, true, 77),
+    };
+    for (const auto& t : boundaries) EXPECT_TRUE(sameToDecimal(t));
+
+    RandomDigits r(20240611u);
+    for (int i = 0; i < 30000; ++i) ASSERT_TRUE(sameToDecimal(randomRecord(r))) << "iteration " << i;
+}
+
+TEST(TimestampConversion, ToTimestampMatchesTheLiteralTextConversionOnRandomAndEdgeDecimals) {
+    const std::vector<std::string> edges = {
+        "0", "-0", "1.9999999999", "-0.5", "18446744073709551615.999999999", "18446744073709551616",
+        "18446744073709551615.9999999999999994", "18446744073709551615.9999999999999995",
+        "-18446744073709551615.9999999999999995", "-18446744073709551616", "-18446744073709551615.5",
+        "0.0000000009999999999999995", "0.0000000009999999999999994", "0.9999999999999995", "0.9999999999999985",
+        "0.0000000000000005", "0.0000000000000015", "0.00000000000000050000001", "0.00000000000000049",
+        "1e-16", "-1e-16", "5e-16", "6e-16", "-4e-30", "1e19", "1e20", "-1e20", "-1e25", "123.000000001",
+    };
+    for (const auto& e : edges) EXPECT_TRUE(sameToTimestamp(dec(e)));
+    EXPECT_TRUE(sameToTimestamp(std::numeric_limits<TimestampDecimal>::quiet_NaN()));
+    EXPECT_TRUE(sameToTimestamp(std::numeric_limits<TimestampDecimal>::infinity()));
+    EXPECT_TRUE(sameToTimestamp(-std::numeric_limits<TimestampDecimal>::infinity()));
+    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(1) / TimestampDecimal(3)));
+    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(2) / TimestampDecimal(3)));
+    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(-2) / TimestampDecimal(3)));
+
+    RandomDigits r(77001u);
+    for (int i = 0; i < 30000; ++i) ASSERT_TRUE(sameToTimestamp(randomDecimal(r))) << "iteration " << i;
+}
+
+TEST(TimestampConversion, EveryValidRecordSurvivesTheRoundTrip) {
+    RandomDigits r(4242u);
+    for (int i = 0; i < 20000; ++i) {
+        ztsdlib_Timestamp t = randomRecord(r);
+        t.fractionalNanos = 0;  // not carried by the decimal
+        if (t.seconds == 0 && t.nanos == 0) t.isNegative = false;  // -0 comes back as +0
+        const ztsdlib_Timestamp back = toTimestamp(toDecimal(t));
+        ASSERT_TRUE(ztsdlib::sameTimestamp(back, t)) << show(t) << " came back as " << show(back);
+    }
+}
+
+TEST(TimestampConversion, ToDecimalRejectsNanosOfOneSecondOrMore) {
+    EXPECT_EQ(libraryFailure([] { toDecimal(ts(5, 1000000000u)); }), "Nano seconds field greater than 1e+9");
+    EXPECT_EQ(libraryFailure([] { toDecimal(ts(0, UINT32_MAX, true)); }), "Nano seconds field greater than 1e+9");
+    EXPECT_EQ(toDecimal(ts(5, 999999999u)), dec("5.999999999"));
+    EXPECT_EQ(toDecimal(ts(12, 345, true)), dec("-12.000000345"));
+    EXPECT_EQ(toDecimal(ts(kMax64, 999999999u)), dec("18446744073709551615.999999999"));
+    // -0 is plain zero, and fractionalNanos plays no part.
+    const TimestampDecimal negativeZero = toDecimal(ts(0, 0, true));
+    EXPECT_EQ(negativeZero, 0);
+    EXPECT_FALSE(negativeZero.backend().isneg());
+    EXPECT_EQ(toDecimal(ts(3, 7, false, 99)), toDecimal(ts(3, 7)));
+}
+
+TEST(TimestampConversion, ToTimestampTruncatesToNanosAfterRoundingTo15Digits) {
+    auto expectTs = [](const std::string& text, std::uint64_t s, std::uint32_t n, bool neg) {
+        const ztsdlib_Timestamp t = toTimestamp(dec(text));
+        EXPECT_TRUE(ztsdlib::sameTimestamp(t, ts(s, n, neg))) << text << " gave " << show(t);
+    };
+    expectTs("0", 0, 0, false);
+    expectTs("1.9999999999", 1, 999999999u, false);  // truncation, no rounding up to 2
+    expectTs("-0.5", 0, 500000000u, true);
+    expectTs("18446744073709551615.999999999", kMax64, 999999999u, false);
+    // Within half of 1e-15 below a boundary the 15-digit rounding carries.
+    expectTs("1.9999999999999996", 2, 0, false);
+    expectTs("1.9999999999999994", 1, 999999999u, false);
+    expectTs("0.0000000019999995", 0, 2, false);  // tie, 15th digit odd: rounds up
+    expectTs("0.0000000029999985", 0, 2, false);  // tie, 15th digit 8 (even): stays
+    expectTs("-4e-30", 0, 0, true);                          // below zero although it rounds to zero
+
+    EXPECT_EQ(libraryFailure([] { toTimestamp(dec("18446744073709551616")); }),
+              "Exceeded the max ztsdlib_Timestamp value");
+    EXPECT_EQ(libraryFailure([] { toTimestamp(std::numeric_limits<TimestampDecimal>::infinity()); }),
+              "Exceeded the max ztsdlib_Timestamp value");
+    EXPECT_EQ(libraryFailure([] { toTimestamp(std::numeric_limits<TimestampDecimal>::quiet_NaN()); }),
+              "The input timestamp is NaN");
+    // Below 2^64 but rounding up to it: the seconds no longer fit.
+    EXPECT_THROW(toTimestamp(dec("18446744073709551615.9999999999999999")), std::out_of_range);
+    try {
+        toTimestamp(dec("-18446744073709551616"));
+        ADD_FAILURE() << "negative magnitude 2^64 converted";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "stoull argument out of range");
+    }
+    try {
+        toTimestamp(-std::numeric_limits<TimestampDecimal>::infinity());
+        ADD_FAILURE() << "-infinity converted";
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "invalid stoull argument");
+    }
+    EXPECT_EQ(ztsdlib::timestampUpperLimit(), dec("18446744073709551616"));
+}
