@@ -129,6 +129,21 @@ ZTSDLIB_API uint8_t ztsdlib_getApiVersion(void);
  */
 ZTSDLIB_API ztsdlib_Timescale* ztsdlib_HostTimescale_create(const char* uri, zterr_Status* status);
 
+/*
+ * The timescale of a remote target, read from the timestamp daemon
+ * "zttimestampd" at host:port (TCP). uri names the timescale as the target's
+ * web service lists it, "/<remoteHost>/ztsdwebs/resources/<plugin>/timescales/<gmId>";
+ * the daemon knows it as "/localhost/ztsds/timescales/<gmId>". Creation asks
+ * the daemon for its API version (-52024 when it cannot be reached). Each
+ * getTime makes up to 5 attempts with 5000 ms socket time-outs and keeps the
+ * connection open for the next one; -52020 when the daemon no longer serves
+ * the timescale, -52024 when it cannot be read. toJson gives
+ * {"uri":..,"host":..,"port":..,"localUriOfTarget":..,"serverApiVersion":..}.
+ * A daemon that reports an API version below 1 stops the process.
+ */
+ZTSDLIB_API ztsdlib_Timescale* ztsdlib_TimescaleProxy_create(const char* uri, const char* host, uint32_t port,
+                                                             zterr_Status* status);
+
 ZTSDLIB_API const char* ztsdlib_Timescale_getUri(ztsdlib_Timescale* handle, zterr_Status* status);
 ZTSDLIB_API void ztsdlib_Timescale_getTime(ztsdlib_Timescale* handle, ztsdlib_Timestamp* timestamp,
                                            zterr_Status* status);

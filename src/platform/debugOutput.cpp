@@ -1,0 +1,26 @@
+#include "platform/debugOutput.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
+namespace ztsdlib {
+namespace platform {
+
+void writeDebugOutput(const char* text) noexcept {
+    if (!text) return;
+#if defined(_WIN32)
+    OutputDebugStringA(text);
+#else
+    std::fputs(text, stderr);
+    std::fflush(stderr);
+#endif
+}
+
+void stopProcess() noexcept { std::abort(); }
+
+}  // namespace platform
+}  // namespace ztsdlib

@@ -1,0 +1,91 @@
+// The RPC client of one timestamp daemon "zttimestampd": a TSocket to
+// host:port, a buffered transport over it, the binary protocol over that and
+// the generated timestampServiceClient.
+//
+// The transport stays open between calls; open() opens it only when it is
+// closed, and the owner closes it after a failure so that the next open()
+// starts a fresh connection. Every operation throws what Thrift throws:
+// transport exceptions for socket failures and time-outs, protocol and
+// application exceptions for bad replies, thrift_zterr for the daemon's own
+// failures.
+//
+// Threads: none of this is safe for concurrent use; the owner serialises it.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "timestampservice/timestampService.h"
+
+namespace apache {
+namespace thrift {
+namespace transport {
+class TSocket;
+class TTransport;
+}  // namespace transport
+namespace protocol {
+class TProtocol;
+}  // namespace protocol
+}  // namespace thrift
+}  // namespace apache
+
+namespace ztsdlib {
+
+// Default connect, receive and send time-out of the daemon's socket.
+constexpr std::uint32_t kTimestampDaemonSocketTimeout_ms = 5000;
+
+class TimescaleProxyThriftClientInterface {
+public:
+    virtual ~TimescaleProxyThriftClientInterface() = default;
+    // Opens the transport when it is closed and sets the socket time-outs.
+    virtual void open() = 0;
+    // Closes the transport; never throws. The next open() reconnects.
+    virtual void close() noexcept = 0;
+    virtual bool isOpen() const = 0;
+    virtual std::int32_t getApiVersion() = 0;
+    virtual void getTime(timestampservice::TimestampInfo& result, std::int32_t id) = 0;
+    virtual void getTimeAndCurrentTimescales(timestampservice::TimeInfo& result) = 0;
+};
+
+class TimescaleProxyThriftClient : public TimescaleProxyThriftClientInterface {
+public:
+    // port is passed to the socket as it is (a value above 65535 fails at
+    // open() with a transport exception). socketTimeout_ms bounds the
+    // connect and every receive and send.
+    TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
+                               std::uint32_t socketTimeout_ms = kTimestampDaemonSocketTimeout_ms);
+    ~TimescaleProxyThriftClient() override;
+
+    void open() override;
+    void close() noexcept override;
+    bool isOpen() const override;
+    std::int32_t getApiVersion() override;
+    void getTime(timestampservice::TimestampInfo& result, std::int32_t id) override;
+    void getTimeAndCurrentTimescales(timestampservice::TimeInfo& result) override;
+
+private:
+    std::shared_ptr<apache::thrift::transport::TSocket> socket;
+    std::shared_ptr<apache::thrift::transport::TTransport> transport;
+    std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
+    std::unique_ptr<timestampservice::timestampServiceClient> client;
+    int socketTimeout_ms;
+};
+
+// What an RPC failure was, for reports: the exception's what() text, its
+// numeric kind ("type_code") and a text naming it ("type", for example
+// "TTransportException::TIMED_OUT").
+struct RpcFailure {
+    std::string what;
+    std::int32_t typeCode = 0;
+    std::string type;
+    // A transport failure (socket, time-out, closed connection): worth
+    // another attempt on a fresh connection.
+    bool transport = false;
+};
+
+// Describes the exception e (any Thrift exception or standard exception).
+RpcFailure describeRpcFailure(const std::exception& e);
+
+}  // namespace ztsdlib

@@ -1,0 +1,288 @@
+// The timescale proxy against a real Thrift timestamp daemon on 127.0.0.1:
+// both API versions, removed timescales, refused, dropped and stalled
+// connections, the daemon's own failures, and connection reuse.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "integration/timestampservice/daemonTestSupport.h"
+#include "unit/support/raisedError.h"
+
+namespace {
+
+using daemontest::callerUri;
+using daemontest::DaemonFixture;
+using daemontest::elapsed_ms;
+using daemontest::kGmId;
+using ztsdsim::TimestampDaemonSimulator;
+using ztsdtest::captureRaise;
+
+constexpr const char* kDebug = "ztsyncdomain_debug";
+const std::string kLocalUri = TimestampDaemonSimulator::localTimescaleUri(kGmId);
+
+// The top-level member names of a report, in order.
+std::vector<std::string> memberNames(const ztsdtest::Raised& r) {
+    std::vector<std::string> names;
+    for (const cJSON* c = r.doc ? r.doc->child : nullptr; c; c = c->next) names.emplace_back(c->string);
+    return names;
+}
+
+const std::vector<std::string> kSiteMembers{"error_constant", "file", "line", "component"};
+
+std::vector<std::string> withSite(std::vector<std::string> rest) {
+    std::vector<std::string> all = kSiteMembers;
+    all.insert(all.end(), rest.begin(), rest.end());
+    return all;
+}
+
+using TimescaleProxyDaemonTest = DaemonFixture;
+
+TEST_F(TimescaleProxyDaemonTest, ReadsTheTargetClockOverApiVersionsOneAndTwo) {
+    for (const std::int32_t version : {1, 2, 3}) {
+        SCOPED_TRACE(version);
+        daemon.setApiVersion(version);
+        auto proxy = makeProxy();
+        for (int i = 0; i < 3; ++i) expectTrueReading(*proxy);
+        EXPECT_NE(proxy->toJson().find("\"serverApiVersion\":" + std::to_string(version)), std::string::npos);
+    }
+    // Version 2 and up read the list of timescales, not getTime's URI: a
+    // wrong URI there does not matter to them, and does to version 1.
+    daemon.setReportedUri(std::string("/localhost/ztsds/timescales/other"));
+    daemon.setApiVersion(2);
+    expectTrueReading(*makeProxy());
+    daemon.setApiVersion(1);
+    auto v1 = makeProxy();
+    ztsdlib_Timestamp t{};
+    EXPECT_EQ(captureRaise([&] { v1->getTime(t, nullptr); }).code, -52020);
+}
+
+TEST_F(TimescaleProxyDaemonTest, KeepsOneConnectionAcrossReadings) {
+    auto proxy = makeProxy();
+    // The handshake's connection is closed once the version is known.
+    EXPECT_EQ(daemon.connectionCount(), 1u);
+    EXPECT_EQ(daemon.callCount(), 1u);
+    for (int i = 0; i < 20; ++i) expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), 2u);
+    EXPECT_EQ(daemon.callCount(), 21u);  // one round trip per reading
+    EXPECT_EQ(daemon.openConnectionCount(), 1u);
+    proxy.reset();
+    for (int i = 0; i < 200 && daemon.openConnectionCount() != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(daemon.openConnectionCount(), 0u);  // the proxy closes it when deleted
+}
+
+TEST_F(TimescaleProxyDaemonTest, VersionOneTimestampOnAnotherTimescaleIsResourceRemoved) {
+    daemon.setApiVersion(1);
+    auto proxy = makeProxy();
+    daemon.setReportedUri(std::string("/localhost/ztsds/timescales/11-22-33-44-55-66-77-88"));
+    ztsdlib_Timestamp t{7, 8, 9, true};
+    const auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    EXPECT_EQ(r.code, -52020);
+    EXPECT_EQ(r.text("error_constant"), "ztapalerr_resourceRemoved");
+    EXPECT_EQ(r.text("file"), "source\\ztsdlib\\timescaleProxySession");
+    EXPECT_EQ(memberNames(r), withSite({"expectedLocalUri", "thisTimescaleUri", kDebug}));
+    EXPECT_EQ(r.text("expectedLocalUri"), kLocalUri);
+    EXPECT_EQ(r.text("thisTimescaleUri"), callerUri());
+    EXPECT_EQ(r.detailKeys(kDebug), std::vector<std::string>{"message"});
+    EXPECT_EQ(r.detail(kDebug, "message"),
+              "Timestamp received from remote target is on a different timescale than expected.");
+    EXPECT_TRUE(t.seconds == 7 && t.nanos == 8 && t.fractionalNanos == 9 && t.isNegative);  // untouched
+
+    // A complete answer: the connection stays in use.
+    const auto connections = daemon.connectionCount();
+    daemon.setReportedUri(std::nullopt);
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), connections);
+}
+
+TEST_F(TimescaleProxyDaemonTest, VersionTwoWithoutTheTimescaleListsWhatTheTargetServes) {
+    daemon.addTimescale("A1");
+    auto proxy = makeProxy();
+    daemon.addTimescale("B2");
+    daemon.removeTimescale(kGmId);
+    ztsdlib_Timestamp t{};
+    auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    EXPECT_EQ(r.code, -52020);
+    EXPECT_EQ(memberNames(r), withSite({"expectedLocalUri", "thisTimescaleUri", kDebug, "currentTimescaleUris"}));
+    EXPECT_EQ(r.text("expectedLocalUri"), kLocalUri);
+    EXPECT_EQ(r.text("thisTimescaleUri"), callerUri());
+    EXPECT_EQ(r.detail(kDebug, "message"),
+              "Timestamp received from remote target is on a different timescale than expected.");
+    EXPECT_EQ(r.text("currentTimescaleUris"),
+              "\"/localhost/ztsds/timescales/A1\",\"/localhost/ztsds/timescales/B2\"");
+
+    daemon.removeTimescale("A1");
+    daemon.removeTimescale("B2");
+    r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    EXPECT_EQ(r.code, -52020);
+    EXPECT_EQ(r.text("currentTimescaleUris"), "");
+
+    // Served again: readable again, on the same connection.
+    daemon.addTimescale(kGmId);
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), 2u);
+}
+
+TEST_F(TimescaleProxyDaemonTest, RefusedFourTimesTheFifthAttemptReadsTheTime) {
+    auto proxy = makeProxy();
+    daemon.refuseConnections(4);
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.refusedCount(), 4u);
+    EXPECT_EQ(daemon.connectionCount(), 1u + 5u);
+    // The fifth connection stays for the next reading.
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), 6u);
+}
+
+TEST_F(TimescaleProxyDaemonTest, RefusedFiveTimesIsCommunicationsFault) {
+    auto proxy = makeProxy();
+    daemon.refuseConnections(5);
+    ztsdlib_Timestamp t{};
+    const auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_EQ(r.text("error_constant"), "ztapalerr_communicationsFault");
+    EXPECT_EQ(memberNames(r), withSite({"timescaleUri", "std_exception_what", kDebug}));
+    EXPECT_EQ(r.text("timescaleUri"), callerUri());
+    EXPECT_FALSE(r.text("std_exception_what").empty());
+    EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"type_code", "type", "message"}));
+    EXPECT_EQ(r.detail(kDebug, "message"), "Encountered error getting time from zttimestampd on remote target.");
+    EXPECT_EQ(r.detail(kDebug, "type").rfind("TTransportException::", 0), 0u) << r.json;
+    EXPECT_GE(r.number(kDebug, "type_code"), 1);
+    EXPECT_EQ(daemon.refusedCount(), 5u);
+    EXPECT_EQ(daemon.callCount(), 1u);  // only the handshake was ever answered
+
+    // The refusals are spent: the next reading connects again.
+    expectTrueReading(*proxy);
+}
+
+TEST_F(TimescaleProxyDaemonTest, RecoversFromAConnectionDroppedMidCall) {
+    auto proxy = makeProxy();
+    expectTrueReading(*proxy);
+    const auto connections = daemon.connectionCount();
+    const auto calls = daemon.callCount();
+    daemon.dropCalls(1);
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), connections + 1);  // one reconnection
+    EXPECT_EQ(daemon.callCount(), calls + 2);              // the dropped call and its retry
+
+    // A connection the daemon closed while the proxy held it idle.
+    daemon.dropConnections();
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), connections + 2);
+}
+
+TEST_F(TimescaleProxyDaemonTest, StalledCallTimesOutAndTheNextAttemptAnswers) {
+    auto proxy = makeProxy(150, 2);
+    expectTrueReading(*proxy);
+    daemon.stallCalls(1);
+    const long long oneStall = elapsed_ms([&] { expectTrueReading(*proxy); });
+    EXPECT_GE(oneStall, 140);
+    EXPECT_LT(oneStall, 2000);
+
+    daemon.stallCalls(2);
+    ztsdlib::TimescaleProxy& p = *proxy;
+    ztsdlib::TimescaleProxy* pp = &p;
+    ztsdtest::Raised r;
+    const long long twoStalls = elapsed_ms([&] {
+        ztsdlib_Timestamp t{};
+        r = captureRaise([&] { pp->getTime(t, nullptr); });
+    });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_EQ(r.detail(kDebug, "type"), "TTransportException::TIMED_OUT") << r.json;
+    EXPECT_EQ(r.number(kDebug, "type_code"), 2);
+    EXPECT_GE(twoStalls, 290);
+    EXPECT_LT(twoStalls, 3000);
+    daemon.releaseStalls();
+    expectTrueReading(*proxy);
+}
+
+TEST_F(TimescaleProxyDaemonTest, DaemonFailureIsReportedWithItsStatusNested) {
+    auto proxy = makeProxy();
+    expectTrueReading(*proxy);
+    const auto connections = daemon.connectionCount();
+    daemon.failCalls(1, -52006, "{\"error_constant\":\"ztapalerr_resourceNotFound\",\"where\":\"daemon\"}");
+    ztsdlib_Timestamp t{};
+    auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_EQ(memberNames(r), withSite({"timescaleUri", kDebug, "nested_error"}));
+    EXPECT_EQ(r.detail(kDebug, "message"), "zttimestampd on remote target reported an error.");
+    EXPECT_EQ(r.number(kDebug, "code"), -52006);
+    const cJSON* nested = cJSON_GetArrayItem(r.member("nested_error"), 0);
+    ASSERT_NE(nested, nullptr) << r.json;
+    EXPECT_EQ(ztsdtest::Raised::textOf(cJSON_GetObjectItemCaseSensitive(nested, "where")), "daemon");
+    EXPECT_EQ(cJSON_GetObjectItemCaseSensitive(nested, "code")->valuedouble, -52006);
+    EXPECT_EQ(daemon.callCount(), 3u);  // not retried
+
+    // A report that is not JSON travels as text.
+    daemon.failCalls(1, -1, "disk \"full\"");
+    r = captureRaise([&] { proxy->getTime(t, nullptr); });
+    nested = cJSON_GetArrayItem(r.member("nested_error"), 0);
+    ASSERT_NE(nested, nullptr) << r.json;
+    EXPECT_EQ(ztsdtest::Raised::textOf(cJSON_GetObjectItemCaseSensitive(nested, "json")), "disk \"full\"");
+    EXPECT_EQ(cJSON_GetObjectItemCaseSensitive(nested, "code")->valuedouble, -1);
+
+    expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), connections);  // the connection stayed in step
+}
+
+TEST_F(TimescaleProxyDaemonTest, CreationFailsWhenTheVersionCannotBeAsked) {
+    daemon.refuseConnections(1);
+    auto r = captureRaise([&] { makeProxy(); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_EQ(memberNames(r), withSite({"timescaleUri", "std_exception_what", kDebug}));
+    EXPECT_EQ(r.detail(kDebug, "message"),
+              "Encountered error getting server API version from zttimestampd on remote target.");
+    EXPECT_EQ(daemon.connectionCount(), 1u);  // one attempt only
+
+    daemon.stallCalls(1);
+    r = captureRaise([&] { makeProxy(100); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_EQ(r.detail(kDebug, "type"), "TTransportException::TIMED_OUT");
+    daemon.releaseStalls();
+
+    // A URI that is not a timescale URI of the web service is refused before
+    // the daemon is contacted.
+    const auto connections = daemon.connectionCount();
+    r = captureRaise([&] { makeProxy(2000, 5, "/localhost/ztsds/timescales/system"); });
+    EXPECT_EQ(r.code, -52005);
+    EXPECT_EQ(daemon.connectionCount(), connections);
+}
+
+TEST_F(TimescaleProxyDaemonTest, ClosedPortIsCommunicationsFaultAtCreation) {
+    const std::uint16_t port = daemon.port();
+    daemon.stop();
+    ztsdlib::TimescaleProxySettings settings;
+    settings.socketTimeout_ms = 1000;
+    const auto r = captureRaise([&] { ztsdlib::TimescaleProxy proxy(callerUri(), "127.0.0.1", port, settings); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_NE(r.text("std_exception_what").find("onnect"), std::string::npos) << r.json;
+    EXPECT_EQ(r.detail(kDebug, "type"), "TTransportException::NOT_OPEN") << r.json;
+}
+
+TEST_F(TimescaleProxyDaemonTest, ReadingAfterTheDaemonStoppedSpendsTheAttemptsQuickly) {
+    auto proxy = makeProxy(500, 3);
+    expectTrueReading(*proxy);
+    daemon.stop();
+    ztsdlib_Timestamp t{};
+    ztsdtest::Raised r;
+    const long long took = elapsed_ms([&] { r = captureRaise([&] { proxy->getTime(t, nullptr); }); });
+    EXPECT_EQ(r.code, -52024);
+    EXPECT_LT(took, 1500);  // refused connections do not wait for time-outs
+}
+
+using TimescaleProxyDeathTest = DaemonFixture;
+
+TEST_F(TimescaleProxyDeathTest, DaemonVersionBelowOneStopsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const std::int32_t version : {0, -1}) {
+        daemon.setApiVersion(version);
+        EXPECT_DEATH(makeProxy(),
+                     "\\[ztsdlib\\|source\\\\ztsdlib\\\\timescaleProxySession\\|[0-9]+\\] !!ASSERT!!\n"
+                     "ASSERT\\(serverApiVersion > 0\\)");
+    }
+    daemon.setApiVersion(1);
+    expectTrueReading(*makeProxy());  // the parent is unaffected
+}
+
+}  // namespace

@@ -1,0 +1,444 @@
+#include "timestampDaemonSimulator.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/server/TThreadedServer.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TServerSocket.h>
+#include <thrift/transport/TSocket.h>
+#include <thrift/transport/TTransportException.h>
+
+#include "platform/clock.h"
+#include "timestampservice/timestampService.h"
+
+namespace ztsdsim {
+
+namespace tss = ztsdlib::timestampservice;
+using apache::thrift::protocol::TBinaryProtocolFactory;
+using apache::thrift::protocol::TProtocol;
+using apache::thrift::server::TServerEventHandler;
+using apache::thrift::server::TThreadedServer;
+using apache::thrift::transport::TBufferedTransport;
+using apache::thrift::transport::TBufferedTransportFactory;
+using apache::thrift::transport::TServerSocket;
+using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace {
+
+using Nanos = __int128;
+constexpr std::int64_t kNanosPerSecond = 1000000000;
+
+// The descriptor of the connection whose call this server thread is serving.
+thread_local int currentConnection = -1;
+
+Nanos toNanos(const ztsdlib_Timestamp& t) {
+    const Nanos magnitude = static_cast<Nanos>(t.seconds) * kNanosPerSecond + t.nanos;
+    return t.isNegative ? -magnitude : magnitude;
+}
+
+ztsdlib_Timestamp fromNanos(Nanos value) {
+    ztsdlib_Timestamp t{};
+    t.isNegative = value < 0;
+    const Nanos magnitude = value < 0 ? -value : value;
+    t.seconds = static_cast<std::uint64_t>(magnitude / kNanosPerSecond);
+    t.nanos = static_cast<std::uint32_t>(magnitude % kNanosPerSecond);
+    return t;
+}
+
+Nanos floorDivide(Nanos a, Nanos b) {
+    Nanos q = a / b;
+    if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
+    return q;
+}
+
+Nanos hostNow() { return static_cast<Nanos>(ztsdlib::platform::systemTime100nsSince1601()) * 100; }
+
+}  // namespace
+
+class DaemonState {
+public:
+    mutable std::mutex mutex;  // guards every member below but the lifecycle ones
+    std::condition_variable changed;
+    bool listening = false;
+    bool stopping = false;
+    std::string serveError;
+    std::uint16_t port = 0;
+
+    std::vector<std::string> uris;
+    std::int32_t apiVersion = 2;
+    std::int64_t offset_ns = 0;
+    std::int64_t rate_ppb = 0;
+    Nanos reference_ns = hostNow();
+    std::optional<std::string> reportedUri;
+
+    std::uint32_t refusals = 0;
+    std::uint32_t drops = 0;
+    std::uint32_t stalls = 0;
+    std::uint32_t failures = 0;
+    std::int32_t failureCode = 0;
+    std::string failureJson;
+    std::uint64_t releases = 0;  // bumped by every release of held calls
+
+    std::uint64_t connections = 0;
+    std::uint64_t refused = 0;
+    std::uint64_t calls = 0;
+    std::size_t stalled = 0;
+    std::set<int> open;  // descriptors of the connections being served
+
+    // Lifecycle: start() and stop() only.
+    std::mutex lifecycle;
+    std::unique_ptr<TThreadedServer> server;
+    std::thread serveThread;
+    bool started = false;
+
+    Nanos timeAtLocked(Nanos host) const {
+        return host + offset_ns + floorDivide((host - reference_ns) * rate_ppb, kNanosPerSecond);
+    }
+
+    // Counts an accepted connection; true when it is to be refused.
+    bool takeRefusal() {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++connections;
+        if (refusals == 0) return false;
+        --refusals;
+        ++refused;
+        return true;
+    }
+
+    // The faults a call meets before it is answered: stall, drop, failure.
+    void beforeCall(bool timeCall) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++calls;
+        if (stalls > 0) {
+            --stalls;
+            ++stalled;
+            const std::uint64_t seen = releases;
+            changed.wait(lock, [&] { return stopping || releases != seen; });
+            --stalled;
+        }
+        if (drops > 0) {
+            --drops;
+            lock.unlock();
+            if (currentConnection >= 0) ::shutdown(currentConnection, SHUT_RDWR);
+            throw TTransportException(TTransportException::END_OF_FILE, "ztsd-sim: connection dropped mid-call");
+        }
+        if (timeCall && failures > 0) {
+            --failures;
+            tss::thrift_zterr error;
+            error.code = failureCode;
+            error.json = failureJson;
+            throw error;
+        }
+    }
+};
+
+namespace {
+
+class Handler : public tss::timestampServiceIf {
+public:
+    explicit Handler(DaemonState* s) : state(s) {}
+
+    void getTime(tss::TimestampInfo& answer, const std::int32_t id) override {
+        state->beforeCall(true);
+        std::lock_guard<std::mutex> lock(state->mutex);
+        if (id < 0 || static_cast<std::size_t>(id) >= state->uris.size()) {
+            tss::thrift_zterr error;
+            error.code = -52006;
+            error.json = "{\"error_constant\":\"ztapalerr_resourceNotFound\",\"component\":\"zttimestampd\","
+                         "\"message\":\"No timescale with this id.\",\"id\":" +
+                         std::to_string(id) + "}";
+            throw error;
+        }
+        const ztsdlib_Timestamp t = fromNanos(state->timeAtLocked(hostNow()));
+        answer.seconds = static_cast<std::int64_t>(t.seconds);
+        answer.nanos = static_cast<std::int32_t>(t.nanos);
+        answer.fractionalNanos = 0;
+        answer.isNegative = t.isNegative;
+        answer.uri = state->reportedUri ? *state->reportedUri : state->uris[static_cast<std::size_t>(id)];
+    }
+
+    std::int32_t getApiVersion() override {
+        state->beforeCall(false);
+        std::lock_guard<std::mutex> lock(state->mutex);
+        return state->apiVersion;
+    }
+
+    void getTimeAndCurrentTimescales(tss::TimeInfo& answer) override {
+        state->beforeCall(true);
+        std::lock_guard<std::mutex> lock(state->mutex);
+        // A version 1 daemon does not know this method.
+        if (state->apiVersion < 2) throw std::runtime_error("Invalid method name: 'getTimeAndCurrentTimescales'");
+        const ztsdlib_Timestamp t = fromNanos(state->timeAtLocked(hostNow()));
+        answer.timestamp.seconds = static_cast<std::int64_t>(t.seconds);
+        answer.timestamp.nanos = static_cast<std::int32_t>(t.nanos);
+        answer.timestamp.fractionalNanos = 0;
+        answer.timestamp.isNegative = t.isNegative;
+        answer.timescaleUris = state->uris;
+    }
+
+private:
+    DaemonState* state;
+};
+
+// Accepts as the plain server socket does, but resets the connections the
+// state says to refuse.
+class RefusingServerSocket : public TServerSocket {
+public:
+    explicit RefusingServerSocket(DaemonState* s) : TServerSocket("127.0.0.1", 0), state(s) {}
+
+protected:
+    std::shared_ptr<TTransport> acceptImpl() override {
+        for (;;) {
+            std::shared_ptr<TTransport> client = TServerSocket::acceptImpl();
+            if (!state->takeRefusal()) return client;
+            if (auto socket = std::dynamic_pointer_cast<TSocket>(client)) {
+                const linger reset{1, 0};  // close with RST, not FIN
+                ::setsockopt(socket->getSocketFD(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            }
+            client->close();
+        }
+    }
+
+private:
+    DaemonState* state;
+};
+
+// Learns the port once the server listens, and keeps the set of open
+// connections with the descriptor of the one each server thread serves.
+class ConnectionTracker : public TServerEventHandler {
+public:
+    ConnectionTracker(DaemonState* s, std::shared_ptr<TServerSocket> socket)
+        : state(s), serverSocket(std::move(socket)) {}
+
+    void preServe() override {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->port = static_cast<std::uint16_t>(serverSocket->getPort());
+        state->listening = true;
+        state->changed.notify_all();
+    }
+
+    void* createContext(std::shared_ptr<TProtocol> input, std::shared_ptr<TProtocol>) override {
+        currentConnection = -1;
+        if (auto buffered = std::dynamic_pointer_cast<TBufferedTransport>(input->getTransport())) {
+            if (auto socket = std::dynamic_pointer_cast<TSocket>(buffered->getUnderlyingTransport())) {
+                currentConnection = static_cast<int>(socket->getSocketFD());
+            }
+        }
+        std::lock_guard<std::mutex> lock(state->mutex);
+        if (currentConnection >= 0) state->open.insert(currentConnection);
+        return nullptr;
+    }
+
+    void deleteContext(void*, std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) override {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->open.erase(currentConnection);
+        currentConnection = -1;
+    }
+
+private:
+    DaemonState* state;
+    std::shared_ptr<TServerSocket> serverSocket;
+};
+
+}  // namespace
+
+TimestampDaemonSimulator::TimestampDaemonSimulator() : state(std::make_unique<DaemonState>()) {}
+
+TimestampDaemonSimulator::~TimestampDaemonSimulator() { stop(); }
+
+void TimestampDaemonSimulator::start() {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycle);
+    if (state->started) throw std::logic_error("ztsd-sim: the timestamp daemon was started already");
+    state->started = true;
+
+    auto socket = std::make_shared<RefusingServerSocket>(state.get());
+    auto processor = std::make_shared<tss::timestampServiceProcessor>(std::make_shared<Handler>(state.get()));
+    state->server = std::make_unique<TThreadedServer>(processor, socket, std::make_shared<TBufferedTransportFactory>(),
+                                                      std::make_shared<TBinaryProtocolFactory>());
+    state->server->setServerEventHandler(std::make_shared<ConnectionTracker>(state.get(), socket));
+
+    DaemonState* s = state.get();
+    state->serveThread = std::thread([s] {
+        try {
+            s->server->serve();
+        } catch (const std::exception& e) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            s->serveError = e.what();
+            s->changed.notify_all();
+        }
+    });
+
+    std::unique_lock<std::mutex> lock(state->mutex);
+    const bool ready = state->changed.wait_for(lock, std::chrono::seconds(10),
+                                               [&] { return state->listening || !state->serveError.empty(); });
+    if (ready && state->listening) return;
+    const std::string why = ready ? state->serveError : "no answer within 10 s";
+    lock.unlock();
+    state->server->stop();
+    state->serveThread.join();
+    state->server.reset();
+    throw std::runtime_error("ztsd-sim: the timestamp daemon cannot listen: " + why);
+}
+
+void TimestampDaemonSimulator::stop() {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycle);
+    if (!state->server) return;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->stopping = true;
+        state->changed.notify_all();
+    }
+    // Interrupts the accept loop and every connection's read; held calls
+    // were released above.
+    state->server->stop();
+    if (state->serveThread.joinable()) state->serveThread.join();
+    state->server.reset();
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->listening = false;
+}
+
+bool TimestampDaemonSimulator::isRunning() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->listening && !state->stopping;
+}
+
+std::uint16_t TimestampDaemonSimulator::port() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->port;
+}
+
+std::string TimestampDaemonSimulator::localTimescaleUri(const std::string& gmId) {
+    return "/localhost/ztsds/timescales/" + gmId;
+}
+
+std::string TimestampDaemonSimulator::addTimescale(const std::string& gmId) {
+    std::string uri = localTimescaleUri(gmId);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (std::find(state->uris.begin(), state->uris.end(), uri) == state->uris.end()) state->uris.push_back(uri);
+    return uri;
+}
+
+void TimestampDaemonSimulator::removeTimescale(const std::string& gmId) {
+    const std::string uri = localTimescaleUri(gmId);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->uris.erase(std::remove(state->uris.begin(), state->uris.end(), uri), state->uris.end());
+}
+
+std::vector<std::string> TimestampDaemonSimulator::timescaleUris() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->uris;
+}
+
+void TimestampDaemonSimulator::setApiVersion(std::int32_t version) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->apiVersion = version;
+}
+
+std::int32_t TimestampDaemonSimulator::apiVersion() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->apiVersion;
+}
+
+void TimestampDaemonSimulator::setClock(std::int64_t offset_ns, std::int64_t rate_ppb) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->offset_ns = offset_ns;
+    state->rate_ppb = rate_ppb;
+    state->reference_ns = hostNow();
+}
+
+ztsdlib_Timestamp TimestampDaemonSimulator::timeAt(const ztsdlib_Timestamp& hostTime) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return fromNanos(state->timeAtLocked(toNanos(hostTime)));
+}
+
+ztsdlib_Timestamp TimestampDaemonSimulator::now() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return fromNanos(state->timeAtLocked(hostNow()));
+}
+
+void TimestampDaemonSimulator::setReportedUri(std::optional<std::string> uri) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->reportedUri = std::move(uri);
+}
+
+void TimestampDaemonSimulator::refuseConnections(std::uint32_t count) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->refusals = count;
+}
+
+void TimestampDaemonSimulator::dropCalls(std::uint32_t count) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->drops = count;
+}
+
+void TimestampDaemonSimulator::stallCalls(std::uint32_t count) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->stalls = count;
+}
+
+void TimestampDaemonSimulator::releaseStalls() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    ++state->releases;
+    state->changed.notify_all();
+}
+
+void TimestampDaemonSimulator::failCalls(std::uint32_t count, std::int32_t code, std::string json) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->failures = count;
+    state->failureCode = code;
+    state->failureJson = std::move(json);
+}
+
+void TimestampDaemonSimulator::dropConnections() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    // A descriptor leaves the set before its connection closes it, so each
+    // one here is still the connection it was.
+    for (const int fd : state->open) ::shutdown(fd, SHUT_RDWR);
+}
+
+void TimestampDaemonSimulator::clearFaults() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->refusals = state->drops = state->stalls = state->failures = 0;
+    state->reportedUri.reset();
+    ++state->releases;
+    state->changed.notify_all();
+}
+
+std::uint64_t TimestampDaemonSimulator::connectionCount() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->connections;
+}
+
+std::uint64_t TimestampDaemonSimulator::refusedCount() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->refused;
+}
+
+std::uint64_t TimestampDaemonSimulator::callCount() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->calls;
+}
+
+std::size_t TimestampDaemonSimulator::openConnectionCount() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->open.size();
+}
+
+std::size_t TimestampDaemonSimulator::stalledCallCount() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->stalled;
+}
+
+}  // namespace ztsdsim
