@@ -1,0 +1,56 @@
+#include "platform/dynamicLibrary.h"
+
+#include <dlfcn.h>
+
+#include <utility>
+
+namespace ztsdlib {
+namespace platform {
+
+DynamicLibrary DynamicLibrary::openFirst(const std::vector<std::string>& names, std::string& failures) {
+    failures.clear();
+    DynamicLibrary library;
+    for (const std::string& name : names) {
+        void* handle = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle) {
+            library.handle_ = handle;
+            library.name_ = name;
+            failures.clear();
+            return library;
+        }
+        const char* reason = ::dlerror();
+        if (!failures.empty()) failures += "; ";
+        failures += name + ": " + (reason ? reason : "not loadable");
+    }
+    return library;
+}
+
+DynamicLibrary::~DynamicLibrary() { close(); }
+
+DynamicLibrary::DynamicLibrary(DynamicLibrary&& other) noexcept
+    : handle_(std::exchange(other.handle_, nullptr)), name_(std::move(other.name_)) {}
+
+DynamicLibrary& DynamicLibrary::operator=(DynamicLibrary&& other) noexcept {
+    if (this != &other) {
+        close();
+        handle_ = std::exchange(other.handle_, nullptr);
+        name_ = std::move(other.name_);
+    }
+    return *this;
+}
+
+void* DynamicLibrary::symbol(const char* symbolName) const noexcept {
+    if (!handle_ || !symbolName) return nullptr;
+    return ::dlsym(handle_, symbolName);
+}
+
+void DynamicLibrary::close() noexcept {
+    if (handle_) {
+        ::dlclose(handle_);
+        handle_ = nullptr;
+    }
+    name_.clear();
+}
+
+}  // namespace platform
+}  // namespace ztsdlib

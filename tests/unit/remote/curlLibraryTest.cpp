@@ -1,0 +1,68 @@
+// Run-time resolution of libcurl and what a client does without it.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "remote/curlClient.h"
+#include "remote/curlLibrary.h"
+#include "remote/curlResourceManagerProxy.h"
+#include "unit/support/raisedError.h"
+
+using zt::vela::shared::CurlApi;
+using ztsdtest::captureRaise;
+using ztsdtest::Raised;
+
+namespace {
+const char* kDebug = "ztsyncdomain_debug";
+
+std::shared_ptr<const CurlApi> absentLibrary() {
+    return CurlApi::load({"libztsd-curl-absent.so.4", "libztsd-curl-absent.so"});
+}
+}  // namespace
+
+TEST(CurlLibrary, TheSystemLibraryLoadsByItsStandardNamesAndIsShared) {
+    EXPECT_EQ(CurlApi::defaultLibraryNames(), (std::vector<std::string>{"libcurl.so.4", "libcurl.so"}));
+    const auto api = CurlApi::system();
+    ASSERT_NE(api, nullptr);
+    EXPECT_EQ(api->libraryName, "libcurl.so.4");
+    EXPECT_NE(api->easy_init, nullptr);
+    EXPECT_NE(api->easy_setopt, nullptr);
+    EXPECT_NE(api->slist_free_all, nullptr);
+    EXPECT_EQ(CurlApi::system(), api);  // loaded once
+
+    CURL* handle = api->easy_init();
+    ASSERT_NE(handle, nullptr);
+    api->easy_cleanup(handle);
+}
+
+TEST(CurlLibrary, AnUnloadableLibraryFailsInitialisationNamingWhatWasTried) {
+    const Raised r = captureRaise([] { absentLibrary(); });
+    EXPECT_EQ(r.code, -411351);
+    EXPECT_EQ(r.text("error_constant"), "kInternalSoftwareErrorFailedInitialize");
+    EXPECT_EQ(r.detail(kDebug, "librariesTried"), "libztsd-curl-absent.so.4, libztsd-curl-absent.so");
+    const std::string reasons = r.detail(kDebug, "loaderErrors");
+    EXPECT_NE(reasons.find("libztsd-curl-absent.so.4: "), std::string::npos) << reasons;
+    EXPECT_NE(reasons.find("libztsd-curl-absent.so: "), std::string::npos) << reasons;
+
+    const Raised wrong = captureRaise([] { CurlApi::load({"libm.so.6"}); });
+    EXPECT_EQ(wrong.code, -411351);
+    EXPECT_EQ(wrong.detail(kDebug, "library"), "libm.so.6");
+    EXPECT_EQ(wrong.detail(kDebug, "missingEntryPoint"), "curl_global_init");
+}
+
+TEST(CurlLibrary, ClientsWithoutLibcurlFailWithInitialiseErrorAndNothingElseBreaks) {
+    zt::vela::shared::tCURL client(zt::vela::shared::kVelaMediaType, &absentLibrary);
+    std::string result = "untouched";
+    EXPECT_EQ(captureRaise([&] { client.initialize("http://127.0.0.1:9", "x"); }).code, -411351);
+    client.setAddress("http://127.0.0.1:9", "x");
+    EXPECT_EQ(captureRaise([&] { client.request(false, "", result); }).code, -411351);
+    EXPECT_EQ(result, "untouched");
+
+    const Raised proxy = captureRaise([] { zt::syncdomain::CurlResourceManagerProxy p("127.0.0.1:9", 100, &absentLibrary); });
+    EXPECT_EQ(proxy.code, -411351);
+
+    // A client on the real library is unaffected.
+    zt::syncdomain::CurlResourceManagerProxy fine("127.0.0.1:9");
+    EXPECT_EQ(fine.getTimeoutInMS(), 5000u);
+}

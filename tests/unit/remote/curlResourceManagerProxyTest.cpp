@@ -1,0 +1,127 @@
+// The resource manager proxy without a network: listing checks, resource
+// paths and the unsupported operation. Its HTTP exchanges are tested against
+// the simulator in the integration tests.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "remote/curlResourceManagerProxy.h"
+#include "unit/support/raisedError.h"
+
+using zt::syncdomain::CurlResourceManagerProxy;
+using zt::syncdomain::parseResourceListing;
+using ztsdtest::captureRaise;
+using ztsdtest::Raised;
+
+namespace {
+const char* kDebug = "ztsyncdomain_debug";
+const char* kBadType = "ResourceType in one of the resources returned from chassis is missing or invalid.";
+}  // namespace
+
+TEST(ResourceListing, SplitsUrisByTypeInArrayOrder) {
+    const auto listing = parseResourceListing(
+        "{\"version\":1,\"resources\":["
+        "{\"uri\":\"/h/ztsdwebs/resources/ztsd/timescales/t1\",\"resourceType\":\"timescales\"},"
+        "{\"uri\":\"/h/ztsdwebs/resources/ztsd/syncableDevices/d1\",\"resourceType\":\"syncableDevices\"},"
+        "{\"uri\":\"/h/ztsdwebs/resources/ztsd/timescales/t2\",\"resourceType\":\"timescales\",\"extra\":1},"
+        "{\"uri\":\"/h/ztsdwebs/resources/ztsd/syncableDevices/d2\",\"resourceType\":\"syncableDevices\"}]}",
+        "h");
+    EXPECT_EQ(listing.syncableDevices, (std::vector<std::string>{"/h/ztsdwebs/resources/ztsd/syncableDevices/d1",
+                                                                 "/h/ztsdwebs/resources/ztsd/syncableDevices/d2"}));
+    EXPECT_EQ(listing.timescales, (std::vector<std::string>{"/h/ztsdwebs/resources/ztsd/timescales/t1",
+                                                            "/h/ztsdwebs/resources/ztsd/timescales/t2"}));
+
+    const auto empty = parseResourceListing("{\"version\":1,\"resources\":[]}", "h");
+    EXPECT_TRUE(empty.syncableDevices.empty());
+    EXPECT_TRUE(empty.timescales.empty());
+}
+
+TEST(ResourceListing, RefusesAMissingOrWrongVersionNamingTheHost) {
+    for (const char* text : {"{\"resources\":[]}", "{\"version\":0,\"resources\":[]}", "{\"version\":2,\"resources\":[]}",
+                             "{\"version\":null,\"resources\":[]}", "{\"version\":\"1\",\"resources\":[]}",
+                             "{\"version\":-3,\"resources\":[]}"}) {
+        SCOPED_TRACE(text);
+        const Raised r = captureRaise([&] { parseResourceListing(text, "10.0.0.9:80"); });
+        EXPECT_EQ(r.code, -52005);
+        EXPECT_EQ(r.text("error_constant"), "ztapalerr_invalidParameter");
+        EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "remoteHost"}));
+        EXPECT_EQ(r.detail(kDebug, "message"),
+                  "Sync Domain API version in JSON response from chassis missing or incorrect.");
+        EXPECT_EQ(r.detail(kDebug, "remoteHost"), "10.0.0.9:80");
+    }
+}
+
+TEST(ResourceListing, RefusesMissingResourcesUrisAndUnknownTypes) {
+    const Raised noResources = captureRaise([] { parseResourceListing("{\"version\":1}", "h"); });
+    EXPECT_EQ(noResources.code, -52006);
+    EXPECT_EQ(noResources.text("error_constant"), "ztapalerr_resourceNotFound");
+    EXPECT_EQ(noResources.detail(kDebug, "message"), "Error parsing 'resources' key from JSON response.");
+
+    const Raised noUri =
+        captureRaise([] { parseResourceListing("{\"version\":1,\"resources\":[{\"resourceType\":\"timescales\"}]}", "h"); });
+    EXPECT_EQ(noUri.code, -52005);
+    EXPECT_EQ(noUri.detailKeys(kDebug), (std::vector<std::string>{"message", "resource"}));
+    EXPECT_EQ(noUri.detail(kDebug, "message"), "Error parsing 'uri' key from resource JSON array element.");
+    EXPECT_EQ(noUri.detail(kDebug, "resource"), "{\"resourceType\":\"timescales\"}");
+
+    struct Case {
+        const char* element;
+        const char* type;
+    };
+    for (const Case& c : {Case{"{\"uri\":\"/x\",\"resourceType\":\"devices\"}", "devices"},
+                          Case{"{\"uri\":\"/x\"}", ""}, Case{"{\"uri\":\"/x\",\"resourceType\":\"Timescales\"}", "Timescales"}}) {
+        SCOPED_TRACE(c.element);
+        const std::string text = std::string("{\"version\":1,\"resources\":[") + c.element + "]}";
+        const Raised r = captureRaise([&] { parseResourceListing(text, "h"); });
+        EXPECT_EQ(r.code, -52005);
+        EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "resourceType", "expectedType1",
+                                                                   "expectedType2", "resource"}));
+        EXPECT_EQ(r.detail(kDebug, "message"), kBadType);
+        EXPECT_EQ(r.detail(kDebug, "resourceType"), c.type);
+        EXPECT_EQ(r.detail(kDebug, "expectedType1"), "syncableDevices");
+        EXPECT_EQ(r.detail(kDebug, "expectedType2"), "timescales");
+        EXPECT_EQ(r.detail(kDebug, "resource"), c.element);
+    }
+
+    // Wrong JSON types are the getters' type errors.
+    EXPECT_EQ(captureRaise([] { parseResourceListing("{\"version\":1,\"resources\":{}}", "h"); }).code, -52004);
+    EXPECT_EQ(captureRaise([] { parseResourceListing("{\"version\":1,\"resources\":[1]}", "h"); }).code, -52004);
+}
+
+TEST(CurlResourceManagerProxy, ResourcePathsNameOneResourceUnderTheService) {
+    EXPECT_EQ(CurlResourceManagerProxy::resourceUriOf("/ztsdwebs/resources/ztsd/syncableDevices/chassis0"),
+              "resources/ztsd/syncableDevices/chassis0");
+    EXPECT_EQ(CurlResourceManagerProxy::resourceUriOf("ztsdwebs/resources/a"), "resources/a");
+    EXPECT_EQ(CurlResourceManagerProxy::resourceUriOf("/resources/a/b"), "resources/a/b");
+    EXPECT_EQ(CurlResourceManagerProxy::resourceUriOf("resources/a"), "resources/a");
+
+    for (const char* bad : {"", "/", "/ztsdwebs", "/ztsdwebs/resources", "/ztsdwebs/resources/", "/ztsdwebs/resources//a",
+                            "/other/resources/a", "//ztsdwebs/resources/a", "/ztsdwebs/ztsdwebs/resources/a"}) {
+        SCOPED_TRACE(bad);
+        const Raised r = captureRaise([&] { CurlResourceManagerProxy::resourceUriOf(bad); });
+        EXPECT_EQ(r.code, -52005);
+        EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "uri"}));
+        EXPECT_EQ(r.detail(kDebug, "message"), "Unable to retrieve 'resourceQualifier' from uri.");
+        EXPECT_EQ(r.detail(kDebug, "uri"), bad);
+    }
+}
+
+TEST(CurlResourceManagerProxy, IsMadeForOneHostAndRefusesTimescaleInfo) {
+    CurlResourceManagerProxy proxy("[fe80::1]:8080");
+    EXPECT_EQ(proxy.remoteHost(), "[fe80::1]:8080");
+    EXPECT_EQ(proxy.servicePrefix(), "http://[fe80::1]:8080/ztsdwebs");
+    EXPECT_EQ(proxy.getTimeoutInMS(), 5000u);
+    proxy.setTimeoutInMS(250);
+    EXPECT_EQ(proxy.getTimeoutInMS(), 250u);
+
+    zt::syncdomain::ResourceManagerInterface& manager = proxy;
+    const Raised r = captureRaise([&] { manager.getTimescaleInfo("/h/ztsdwebs/resources/ztsd/timescales/t"); });
+    EXPECT_EQ(r.code, -52002);
+    EXPECT_EQ(r.text("error_constant"), "ztapalerr_featureUnsupported");
+    EXPECT_EQ(r.detail(kDebug, "message"), "CurlResourceManagerProxy::getTimescaleInfo is not implemented.");
+
+    // A malformed path fails before any traffic (there is no server at this address).
+    EXPECT_EQ(captureRaise([&] { manager.getResource("/nowhere"); }).code, -52005);
+    EXPECT_EQ(captureRaise([&] { manager.putResource("", "{}"); }).code, -52005);
+}
