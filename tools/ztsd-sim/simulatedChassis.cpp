@@ -1,0 +1,37 @@
+#include "simulatedChassis.h"
+
+#include <utility>
+
+namespace ztsdsim {
+
+SimulatedChassis::SimulatedChassis(std::string plugin) : web(std::move(plugin)) {}
+
+SimulatedChassis::~SimulatedChassis() { stop(); }
+
+void SimulatedChassis::start() {
+    daemon.start();
+    try {
+        web.start();
+    } catch (...) {
+        daemon.stop();
+        throw;
+    }
+}
+
+void SimulatedChassis::stop() {
+    web.stop();
+    daemon.stop();
+}
+
+std::string SimulatedChassis::addTimescale(const std::string& gmId) {
+    std::string uri = web.addTimescale(gmId);
+    daemon.addTimescale(gmId);
+    return uri;
+}
+
+void SimulatedChassis::removeTimescale(const std::string& gmId) {
+    web.removeTimescale(gmId);
+    daemon.removeTimescale(gmId);
+}
+
+}  // namespace ztsdsim
