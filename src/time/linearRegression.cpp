@@ -1,0 +1,111 @@
+#include "time/linearRegression.h"
+
+#include "errors/exception.h"
+
+namespace ztsdlib {
+namespace {
+
+[[noreturn]] void raiseFit(int line, const char* constant, std::int32_t code, const char* message) {
+    zterr::raise(ZTERR_SITE_AT(kLinearRegressionFile, line, constant), code, "ztsyncdomain_debug",
+                 {{"message", message}});
+}
+
+}  // namespace
+
+LinearRegression::LinearRegression(std::uint64_t maxHistory) : maxHistorySize(maxHistory) {
+    if (maxHistorySize < 2) {
+        zterr::raise(ZTERR_SITE(kLinearRegressionFile, zterr::name::ztapalerr_invalidParameter),
+                     zterr::code::ztapalerr_invalidParameter, "ztsyncdomain_debug",
+                     {{"message", "Max history size needs to be >= 2."}, {"maxHistorySize", maxHistorySize}});
+    }
+    const std::uint64_t largest = offsetsFromStart.max_size();
+    if (maxHistorySize > largest) {
+        zterr::raise(ZTERR_SITE(kLinearRegressionFile, zterr::name::ztapalerr_invalidParameter),
+                     zterr::code::ztapalerr_invalidParameter, "ztsyncdomain_debug",
+                     {{"message", "Max history size set greater than system limitations."},
+                      {"offsetsFromStart.max_size()", largest},
+                      {"maxHistorySize", maxHistorySize}});
+    }
+}
+
+void LinearRegression::addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) {
+    if (offsetsFromStart.empty()) {
+        start1_s = first_s;
+        start2_s = second_s;
+    }
+    const TimestampDecimal dx_s = first_s - start1_s;
+    const TimestampDecimal dy_s = second_s - start2_s;
+    if (offsetsFromStart.size() >= maxHistorySize) {
+        // Take the oldest sample out of the sums and reuse its node for the
+        // new one (moved to the back: no allocation once the history is full).
+        Sample& oldest = offsetsFromStart.front();
+        sumX -= oldest.dx_s;
+        sumY -= oldest.dy_s;
+        sumXX -= oldest.dx_s * oldest.dx_s;
+        sumXY -= oldest.dx_s * oldest.dy_s;
+        offsetsFromStart.splice(offsetsFromStart.end(), offsetsFromStart, offsetsFromStart.begin());
+        offsetsFromStart.back() = Sample{dx_s, dy_s};
+    } else {
+        offsetsFromStart.push_back(Sample{dx_s, dy_s});
+    }
+    const Sample& sample = offsetsFromStart.back();
+    sumX += sample.dx_s;
+    sumY += sample.dy_s;
+    sumXX += sample.dx_s * sample.dx_s;
+    sumXY += sample.dx_s * sample.dy_s;
+    refit();
+}
+
+void LinearRegression::refit() {
+    const unsigned long long n = offsetsFromStart.size();
+    if (n < 2) {
+        fit = Fit::NotEnoughHistory;
+        return;
+    }
+    const TimestampDecimal denominator = sumXX * n - sumX * sumX;
+    if (denominator == 0) {
+        fit = Fit::InvalidDenominator;
+        return;
+    }
+    slope_ = (sumXY * n - sumX * sumY) / denominator;
+    const TimestampDecimal offsetIntercept = (sumY - slope_ * sumX) / n;
+    intercept_ = start2_s + offsetIntercept - slope_ * start1_s;
+    fit = Fit::Ready;
+}
+
+void LinearRegression::requireFit() const {
+    if (fit == Fit::NotEnoughHistory) {
+        raiseFit(__LINE__, zterr::name::ztapalerr_resourceNotInitialized, zterr::code::ztapalerr_resourceNotInitialized,
+                 "Not enough history to calculate slope and intercept");
+    }
+    if (fit == Fit::InvalidDenominator) {
+        raiseFit(__LINE__, zterr::name::ztapalerr_osFault, zterr::code::ztapalerr_osFault,
+                 "Invalid denominator in correlator calculation");
+    }
+}
+
+TimestampDecimal LinearRegression::slope() const {
+    requireFit();
+    return slope_;
+}
+
+TimestampDecimal LinearRegression::intercept_s() const {
+    requireFit();
+    return intercept_;
+}
+
+TimestampDecimal LinearRegression::calculateSecond(const TimestampDecimal& first_s) const {
+    requireFit();
+    return slope_ * first_s + intercept_;
+}
+
+TimestampDecimal LinearRegression::calculateFirst(const TimestampDecimal& second_s) const {
+    requireFit();
+    if (slope_ == 0) {
+        raiseFit(__LINE__, zterr::name::ztapalerr_osFault, zterr::code::ztapalerr_osFault,
+                 "LinearRegression slope is 0.");
+    }
+    return (second_s - intercept_) / slope_;
+}
+
+}  // namespace ztsdlib

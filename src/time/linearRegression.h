@@ -1,0 +1,75 @@
+// Least-squares line through a bounded history of paired readings, in exact
+// decimal arithmetic.
+//
+// The history keeps at most maxHistorySize samples, oldest first; adding to a
+// full history drops the oldest. Samples are stored as offsets from the first
+// sample ever added (start1, start2), which keeps the squares small and
+// exact; the start references never move, not even when that first sample is
+// dropped. Four running sums (sumX, sumY, sumXX, sumXY over the offsets) are
+// updated on every add and always equal the sums over the kept samples.
+//
+// Fit, with n kept samples:
+//   denominator     = n * sumXX - sumX * sumX
+//   slope           = (n * sumXY - sumX * sumY) / denominator
+//   offsetIntercept = (sumY - slope * sumX) / n
+//   intercept       = start2 + offsetIntercept - slope * start1
+// n enters as an integer: the decimal multiplies by it exactly as by the
+// decimal n, and divides by it by exact long division (truncated to the
+// decimal's 5 limbs), which is both more accurate and far cheaper than the
+// reciprocal that a division by a decimal goes through.
+// The history changes only in addSample, so the fit (or the reason there is
+// none: fewer than 2 samples, a zero denominator) is computed there and kept;
+// calculations use it as it stands, with exactly the results a fresh fit
+// would give, and report the reason when there is no fit:
+//   -52010 "Not enough history to calculate slope and intercept"
+//   -52008 "Invalid denominator in correlator calculation"
+//   -52008 "LinearRegression slope is 0." (calculateFirst only)
+// Construction refuses maxHistorySize < 2 and sizes the list cannot hold
+// (-52005). Reports carry the file label "source\ztsdlib\linearRegression".
+//
+// Not thread-safe: LinearRegressionFilterWrapper serialises access.
+#pragma once
+
+#include <cstdint>
+#include <list>
+
+#include "time/linearRegressionFilterInterface.h"
+
+namespace ztsdlib {
+
+constexpr const char* kLinearRegressionFile = "source\\ztsdlib\\linearRegression";
+
+class LinearRegression : public LinearRegressionFilterInterface {
+public:
+    explicit LinearRegression(std::uint64_t maxHistorySize);
+
+    std::uint64_t getHistorySize() const override { return offsetsFromStart.size(); }
+    void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) override;
+    TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const override;
+    TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const override;
+
+    // The fitted line (throws as the calculations do when there is none).
+    TimestampDecimal slope() const;
+    TimestampDecimal intercept_s() const;
+
+private:
+    struct Sample {
+        TimestampDecimal dx_s;  // first reading - start1
+        TimestampDecimal dy_s;  // second reading - start2
+    };
+    enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
+
+    void refit();
+    void requireFit() const;
+
+    std::uint64_t maxHistorySize;
+    std::list<Sample> offsetsFromStart;
+    TimestampDecimal start1_s, start2_s;
+    TimestampDecimal sumX, sumY;
+    TimestampDecimal sumXX, sumXY;
+
+    Fit fit = Fit::NotEnoughHistory;
+    TimestampDecimal slope_, intercept_;
+};
+
+}  // namespace ztsdlib

@@ -1,0 +1,30 @@
+// A filter that fits a straight line through paired readings of two
+// timescales and maps a reading of either one onto the other. Readings are
+// exact decimals of seconds; the first coordinate is the first timescale's
+// reading, the second the second's.
+#pragma once
+
+#include <cstdint>
+
+#include "time/timestampDecimal.h"
+
+namespace ztsdlib {
+
+class LinearRegressionFilterInterface {
+public:
+    virtual ~LinearRegressionFilterInterface() = default;
+
+    // Number of samples the fit is made over now.
+    virtual std::uint64_t getHistorySize() const = 0;
+    // Adds one paired reading (first on the first timescale, second on the
+    // second), dropping the oldest sample when the history is full.
+    virtual void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) = 0;
+    // The first timescale's reading for a reading of the second:
+    // x = (y - intercept) / slope.
+    virtual TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const = 0;
+    // The second timescale's reading for a reading of the first:
+    // y = slope * x + intercept.
+    virtual TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const = 0;
+};
+
+}  // namespace ztsdlib

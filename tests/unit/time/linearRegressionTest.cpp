@@ -1,0 +1,414 @@
+// The regression is checked against an exact least-squares fit computed
+// here with rational arithmetic on the absolute readings (a centred formula,
+// not the offsets and running sums of the code under test), to the
+// nanosecond after the documented conversion back to a timestamp.
+#include <gtest/gtest.h>
+
+#include <boost/multiprecision/cpp_int.hpp>
+#include <cstdint>
+#include <algorithm>
+#include <ios>
+#include <limits>
+#include <list>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "time/linearRegression.h"
+#include "time/linearRegressionFilterWrapper.h"
+#include "time/timestamp.h"
+#include "unit/support/errorReport.h"
+
+using boost::multiprecision::cpp_int;
+using boost::multiprecision::cpp_rational;
+using ztsdlib::LinearRegression;
+using ztsdlib::LinearRegressionFilterWrapper;
+using ztsdlib::TimestampDecimal;
+using ztsdtest::catchReport;
+
+namespace {
+
+const cpp_int kNanosPerSecond = 1000000000;
+
+ztsdlib_Timestamp recordOfNanos(const cpp_int& ns) {
+    const cpp_int magnitude = ns < 0 ? cpp_int(-ns) : ns;
+    ztsdlib_Timestamp t{};
+    t.seconds = static_cast<std::uint64_t>(magnitude / kNanosPerSecond);
+    t.nanos = static_cast<std::uint32_t>(magnitude % kNanosPerSecond);
+    t.isNegative = ns < 0;
+    return t;
+}
+
+TimestampDecimal decimalOfNanos(const cpp_int& ns) { return ztsdlib::toDecimal(recordOfNanos(ns)); }
+
+// Every stored digit of a decimal, as an exact rational.
+cpp_rational rationalOf(const TimestampDecimal& d) {
+    const std::string text = d.str(0, std::ios::scientific);  // all 40 digits, "-d.ddd...e+XX"
+    const std::size_t e = text.find('e');
+    std::string mantissa = text.substr(0, e);
+    const bool negative = !mantissa.empty() && mantissa[0] == '-';
+    if (negative) mantissa.erase(0, 1);
+    const std::size_t dot = mantissa.find('.');
+    const int fractionDigits = dot == std::string::npos ? 0 : static_cast<int>(mantissa.size() - dot - 1);
+    if (dot != std::string::npos) mantissa.erase(dot, 1);
+    const int exponent = std::stoi(text.substr(e + 1)) - fractionDigits;
+    cpp_rational value{cpp_int(mantissa)};
+    const cpp_int scale = boost::multiprecision::pow(cpp_int(10), exponent < 0 ? -exponent : exponent);
+    if (exponent < 0)
+        value /= scale;
+    else
+        value *= scale;
+    return negative ? cpp_rational(-value) : value;
+}
+
+// The documented conversion of an exact value to a record: round to 15
+// fraction digits (half to even), then truncate to nanoseconds.
+ztsdlib_Timestamp referenceRecord(const cpp_rational& value) {
+    const bool negative = value < 0;
+    const cpp_rational magnitude = negative ? cpp_rational(-value) : value;
+    const cpp_int e15 = boost::multiprecision::pow(cpp_int(10), 15);
+    const cpp_rational scaled = magnitude * e15;
+    cpp_int units = boost::multiprecision::numerator(scaled) / boost::multiprecision::denominator(scaled);
+    const cpp_rational rest = scaled - cpp_rational(units);
+    if (rest > cpp_rational(1, 2) || (rest == cpp_rational(1, 2) && (units & 1) != 0)) ++units;
+    ztsdlib_Timestamp t{};
+    t.seconds = static_cast<std::uint64_t>(units / e15);
+    t.nanos = static_cast<std::uint32_t>((units % e15) / 1000000);
+    t.isNegative = negative;
+    return t;
+}
+
+// Within 1e-30 of an exact value (the decimal divides through a reciprocal,
+// so even simple quotients may differ from the exact one in the last digits).
+::testing::AssertionResult near(const TimestampDecimal& got, const cpp_rational& exact) {
+    if (abs(rationalOf(got) - exact) < cpp_rational(1, cpp_int("1000000000000000000000000000000")))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << got.str(40) << " is not " << exact;
+}
+
+std::string show(const ztsdlib_Timestamp& t) {
+    return std::string(t.isNegative ? "-" : "") + std::to_string(t.seconds) + "s+" + std::to_string(t.nanos) + "ns";
+}
+
+struct SampleNs {
+    cpp_int x, y;  // readings of the first and second timescale, in ns
+};
+
+// The least-squares line through the samples, exactly (seconds).
+struct ExactLine {
+    cpp_rational slope, intercept;
+    cpp_rational second(const cpp_rational& x) const { return slope * x + intercept; }
+    cpp_rational first(const cpp_rational& y) const { return (y - intercept) / slope; }
+};
+
+ExactLine exactFit(const std::vector<SampleNs>& samples) {
+    const cpp_rational n(static_cast<long long>(samples.size()));
+    cpp_rational meanX, meanY;
+    for (const auto& s : samples) {
+        meanX += cpp_rational(s.x, kNanosPerSecond);
+        meanY += cpp_rational(s.y, kNanosPerSecond);
+    }
+    meanX /= n;
+    meanY /= n;
+    cpp_rational sxx, sxy;
+    for (const auto& s : samples) {
+        const cpp_rational dx = cpp_rational(s.x, kNanosPerSecond) - meanX;
+        const cpp_rational dy = cpp_rational(s.y, kNanosPerSecond) - meanY;
+        sxx += dx * dx;
+        sxy += dx * dy;
+    }
+    ExactLine line;
+    line.slope = sxy / sxx;
+    line.intercept = meanY - line.slope * meanX;
+    return line;
+}
+
+// Readings 1 ms apart (with jitter) at 1601-epoch magnitudes, the second
+// timescale running at slope (ppm off 1) with noise of up to noise_ns.
+std::vector<SampleNs> noisySamples(std::mt19937_64& rng, int count, long long ppm, long long noise_ns) {
+    std::vector<SampleNs> samples;
+    const cpp_int x0 = cpp_int(13400000000LL) * kNanosPerSecond + 123456789;
+    const cpp_int offset = cpp_int(-2500000000LL);  // 2.5 s behind
+    std::uniform_int_distribution<long long> jitter(0, 999), noise(-noise_ns, noise_ns);
+    for (int i = 0; i < count; ++i) {
+        const cpp_int x = x0 + cpp_int(i) * 1000000 + jitter(rng);
+        const cpp_int ideal = x + (x * ppm) / 1000000 + offset;
+        samples.push_back({x, ideal + noise(rng)});
+    }
+    return samples;
+}
+
+std::vector<SampleNs> tail(const std::vector<SampleNs>& all, std::size_t count) {
+    return std::vector<SampleNs>(all.end() - static_cast<std::ptrdiff_t>(std::min(count, all.size())), all.end());
+}
+
+// The record of a computed value matches the exact value to the
+// nanosecond: it is the exact value's record (rounded to 15 digits, then
+// truncated), or, when the exact value lies within 1e-14 s of a nanosecond
+// boundary, the record on either side of it (the decimal's products carry
+// errors of a few 1e-16 s, so such values may legitimately land either way).
+::testing::AssertionResult sameToTheNanosecond(const ztsdlib_Timestamp& got, const cpp_rational& exact) {
+    const ztsdlib_Timestamp reference = referenceRecord(exact);
+    if (ztsdlib::sameTimestamp(got, reference)) return ::testing::AssertionSuccess();
+    const cpp_rational margin(1, cpp_int("100000000000000"));
+    for (const cpp_rational& shifted : {cpp_rational(exact + margin), cpp_rational(exact - margin)}) {
+        if (ztsdlib::sameTimestamp(got, referenceRecord(shifted))) return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "got " << show(got) << ", exact " << show(reference);
+}
+
+// Every calculation of the wrapper equals the exact fit to the nanosecond,
+// and the filter's decimal is within 2e-15 s of the exact value.
+void expectMatchesExactFit(const LinearRegressionFilterWrapper& wrapper, const LinearRegression& regression,
+                           const std::vector<SampleNs>& kept, const std::vector<cpp_int>& queries_ns) {
+    const ExactLine line = exactFit(kept);
+    const cpp_rational tolerance(2, cpp_int("1000000000000000"));
+    for (const cpp_int& q : queries_ns) {
+        const cpp_rational qs(q, kNanosPerSecond);
+
+        const cpp_rational exactSecond = line.second(qs);
+        const cpp_rational gotSecond = rationalOf(regression.calculateSecond(decimalOfNanos(q)));
+        EXPECT_LT(abs(gotSecond - exactSecond), tolerance) << "calculateSecond at " << q;
+        EXPECT_TRUE(sameToTheNanosecond(wrapper.calculateSecond(recordOfNanos(q)), exactSecond))
+            << "calculateSecond(" << q << " ns)";
+
+        const cpp_rational exactFirst = line.first(qs);
+        const cpp_rational gotFirst = rationalOf(regression.calculateFirst(decimalOfNanos(q)));
+        EXPECT_LT(abs(gotFirst - exactFirst), tolerance) << "calculateFirst at " << q;
+        EXPECT_TRUE(sameToTheNanosecond(wrapper.calculateFirst(recordOfNanos(q)), exactFirst))
+            << "calculateFirst(" << q << " ns)";
+    }
+}
+
+std::vector<cpp_int> queriesAround(const std::vector<SampleNs>& samples) {
+    std::vector<cpp_int> q;
+    q.push_back(samples.front().x);
+    q.push_back(samples.back().x);
+    q.push_back(samples.back().y);
+    q.push_back(samples.back().x + cpp_int(3600) * kNanosPerSecond + 7);  // an hour ahead
+    q.push_back(samples.front().x - cpp_int(86400) * kNanosPerSecond);    // a day back
+    q.push_back(cpp_int(0));
+    return q;
+}
+
+}  // namespace
+
+TEST(LinearRegression, RecoversAKnownSlopeAndInterceptAt1601EpochMagnitudes) {
+    // Second = slope * first + intercept exactly: readings 20 us apart make
+    // slope * first a whole number of nanoseconds for slopes 1 +/- 50 ppm.
+    struct Line {
+        const char* slope;
+        long long slopeNumerator, slopeDenominator;
+        long long intercept_ns;
+    };
+    const Line lines[] = {{"1.00005", 20001, 20000, -670000123456LL},
+                          {"0.99995", 19999, 20000, 987654321LL},
+                          {"1", 1, 1, 42LL}};
+    for (const Line& l : lines) {
+        auto regression = std::make_shared<LinearRegression>(100);
+        LinearRegressionFilterWrapper wrapper(regression);
+        const cpp_int x0 = cpp_int(13400000000LL) * kNanosPerSecond;
+        auto lineAt = [&](const cpp_int& x) { return x * l.slopeNumerator / l.slopeDenominator + l.intercept_ns; };
+        for (int i = 0; i < 150; ++i) {
+            const cpp_int x = x0 + cpp_int(i) * 20000 * 37;
+            regression->addSample(decimalOfNanos(x), decimalOfNanos(lineAt(x)));
+        }
+        EXPECT_LT(abs(rationalOf(regression->slope()) - cpp_rational(l.slopeNumerator, l.slopeDenominator)),
+                  cpp_rational(1, cpp_int("1000000000000000000000000000000")))
+            << l.slope << " came out as " << regression->slope().str(40);
+        EXPECT_LT(abs(rationalOf(regression->intercept_s()) - cpp_rational(l.intercept_ns, kNanosPerSecond)),
+                  cpp_rational(1, cpp_int("1000000000000000000")));
+        for (int k : {0, 5, 149, 100000, -100000}) {
+            const cpp_int x = x0 + cpp_int(k) * 20000;
+            const cpp_int y = lineAt(x);
+            EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateSecond(recordOfNanos(x)), recordOfNanos(y)))
+                << l.slope << " at " << x;
+            EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateFirst(recordOfNanos(y)), recordOfNanos(x)))
+                << l.slope << " at " << y;
+        }
+    }
+}
+
+TEST(LinearRegression, MatchesAnExactLeastSquaresFitToTheNanosecondAcrossHistorySizes) {
+    std::mt19937_64 rng(99);
+    struct Case {
+        std::uint64_t maxHistory;
+        int samples;
+        long long ppm, noise_ns;
+        bool checkEveryAdd;
+    };
+    const Case cases[] = {{2, 9, 50, 300, true},      {3, 12, -50, 100, true},  {7, 7, 17, 500, true},
+                          {7, 30, -3, 1000, true},     {50, 120, 49, 250, false}, {1000, 1000, -50, 400, false},
+                          {1000, 1013, 25, 800, false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE("maxHistory " + std::to_string(c.maxHistory) + ", samples " + std::to_string(c.samples));
+        const auto samples = noisySamples(rng, c.samples, c.ppm, c.noise_ns);
+        auto regression = std::make_shared<LinearRegression>(c.maxHistory);
+        LinearRegressionFilterWrapper wrapper(regression);
+        for (int i = 0; i < c.samples; ++i) {
+            regression->addSample(decimalOfNanos(samples[i].x), decimalOfNanos(samples[i].y));
+            const std::vector<SampleNs> seen(samples.begin(), samples.begin() + i + 1);
+            const auto kept = tail(seen, c.maxHistory);
+            ASSERT_EQ(regression->getHistorySize(), kept.size());
+            ASSERT_EQ(wrapper.getHistorySize(), kept.size());
+            const bool last = i + 1 == c.samples;
+            if (kept.size() >= 2 && (c.checkEveryAdd || last)) expectMatchesExactFit(wrapper, *regression, kept, queriesAround(kept));
+        }
+    }
+}
+
+TEST(LinearRegression, FitsTheWorkedExampleAndUsesOnlyTheNewestSamplesAfterOverflow) {
+    auto r = std::make_shared<LinearRegression>(3);
+    LinearRegressionFilterWrapper wrapper(r);
+    r->addSample(10, 20);
+    r->addSample(11, 22);
+    r->addSample(12, 24);
+    EXPECT_TRUE(near(r->slope(), 2));
+    EXPECT_TRUE(near(r->intercept_s(), 0));
+    EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateSecond(recordOfNanos(13 * kNanosPerSecond)),
+                                       recordOfNanos(26 * kNanosPerSecond)));
+    EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateFirst(recordOfNanos(30 * kNanosPerSecond)),
+                                       recordOfNanos(15 * kNanosPerSecond)));
+
+    // A fourth sample drops (10, 20): the fit is over (11,22), (12,24), (13,29).
+    r->addSample(13, 29);
+    EXPECT_EQ(r->getHistorySize(), 3u);
+    EXPECT_TRUE(near(r->slope(), cpp_rational(7, 2)));
+    EXPECT_TRUE(near(r->intercept_s(), -17));
+    EXPECT_TRUE(near(r->calculateSecond(12), 25));  // the mean point
+
+    // The start references stay with the first sample even after it left.
+    LinearRegression two(2);
+    two.addSample(0, 0);
+    two.addSample(1, 5);
+    two.addSample(2, 6);
+    EXPECT_EQ(two.getHistorySize(), 2u);
+    EXPECT_TRUE(near(two.slope(), 1));
+    EXPECT_TRUE(near(two.calculateSecond(3), 7));
+    EXPECT_TRUE(near(two.calculateFirst(4), 0));
+}
+
+TEST(LinearRegression, RefusesHistoryBoundsBelowTwoOrBeyondWhatTheListCanHold) {
+    auto tooSmall = catchReport([] { LinearRegression r(1); });
+    EXPECT_EQ(tooSmall.code, -52005);
+    EXPECT_EQ(tooSmall.errorConstant, "ztapalerr_invalidParameter");
+    EXPECT_EQ(tooSmall.file, "source\\ztsdlib\\linearRegression");
+    EXPECT_EQ(tooSmall.message, "Max history size needs to be >= 2.");
+    EXPECT_EQ(tooSmall.number("maxHistorySize"), 1.0);
+    EXPECT_EQ(catchReport([] { LinearRegression r(0); }).message, "Max history size needs to be >= 2.");
+    EXPECT_FALSE(catchReport([] { LinearRegression r(2); }).present);
+
+    auto tooBig = catchReport([] { LinearRegression r(UINT64_MAX); });
+    EXPECT_EQ(tooBig.code, -52005);
+    EXPECT_EQ(tooBig.message, "Max history size set greater than system limitations.");
+    // Both sizes in full, in this order (the JSON text keeps all 64-bit digits).
+    const std::string largest = std::to_string(std::list<std::pair<TimestampDecimal, TimestampDecimal>>().max_size());
+    EXPECT_NE(tooBig.text.find("\"offsetsFromStart.max_size()\":" + largest + ",\"maxHistorySize\":18446744073709551615}"),
+              std::string::npos)
+        << tooBig.text;
+    EXPECT_FALSE(catchReport([&] { LinearRegression r(std::stoull(largest)); }).present);
+    EXPECT_TRUE(catchReport([&] { LinearRegression r(std::stoull(largest) + 1); }).present);
+}
+
+TEST(LinearRegression, DegenerateHistoriesReportWhyThereIsNoFit) {
+    LinearRegression r(4);
+    auto none = catchReport([&] { r.calculateSecond(1); });
+    EXPECT_EQ(none.code, -52010);
+    EXPECT_EQ(none.errorConstant, "ztapalerr_resourceNotInitialized");
+    EXPECT_EQ(none.message, "Not enough history to calculate slope and intercept");
+    r.addSample(5, 5);
+    EXPECT_EQ(catchReport([&] { r.calculateSecond(1); }).message, "Not enough history to calculate slope and intercept");
+    EXPECT_EQ(catchReport([&] { r.calculateFirst(1); }).message, "Not enough history to calculate slope and intercept");
+
+    // Every first reading equal: no line can be fitted.
+    r.addSample(5, 6);
+    r.addSample(5, 9);
+    for (int direction = 0; direction < 2; ++direction) {
+        const auto report = catchReport([&] { direction == 0 ? r.calculateSecond(1) : r.calculateFirst(1); });
+        EXPECT_EQ(report.code, -52008);
+        EXPECT_EQ(report.errorConstant, "ztapalerr_osFault");
+        EXPECT_EQ(report.file, "source\\ztsdlib\\linearRegression");
+        EXPECT_EQ(report.message, "Invalid denominator in correlator calculation");
+    }
+
+    // Second readings that never change: slope 0, so only one direction works.
+    LinearRegression flat(3);
+    flat.addSample(13400000000, 77);
+    flat.addSample(13400000001, 77);
+    flat.addSample(13400000005, 77);
+    EXPECT_EQ(flat.calculateSecond(123456), 77);
+    auto zero = catchReport([&] { flat.calculateFirst(77); });
+    EXPECT_EQ(zero.code, -52008);
+    EXPECT_EQ(zero.message, "LinearRegression slope is 0.");
+
+    // Overflow can make a fitted history degenerate: the sums follow the
+    // samples that are kept, not those ever added.
+    LinearRegression evicting(2);
+    evicting.addSample(0, 0);
+    evicting.addSample(5, 1);
+    EXPECT_TRUE(near(evicting.slope(), cpp_rational(1, 5)));
+    evicting.addSample(5, 2);
+    EXPECT_EQ(catchReport([&] { evicting.calculateSecond(1); }).message, "Invalid denominator in correlator calculation");
+    evicting.addSample(6, 4);
+    EXPECT_TRUE(near(evicting.slope(), 2));
+    EXPECT_TRUE(near(evicting.calculateSecond(7), 6));
+}
+
+namespace {
+// A filter whose answers the test sets, to see the wrapper's conversions.
+class ScriptedFilter : public ztsdlib::LinearRegressionFilterInterface {
+public:
+    std::uint64_t getHistorySize() const override { return 17; }
+    void addSample(const TimestampDecimal& first, const TimestampDecimal& second) override {
+        lastFirst = first;
+        lastSecond = second;
+    }
+    TimestampDecimal calculateFirst(const TimestampDecimal& second) const override {
+        argument = second;
+        return answer;
+    }
+    TimestampDecimal calculateSecond(const TimestampDecimal& first) const override {
+        argument = first;
+        return answer;
+    }
+    TimestampDecimal answer, lastFirst, lastSecond;
+    mutable TimestampDecimal argument;
+};
+}  // namespace
+
+TEST(LinearRegressionFilterWrapper, ConvertsAroundTheFilterAndReportsUnrepresentableResults) {
+    auto filter = std::make_shared<ScriptedFilter>();
+    LinearRegressionFilterWrapper wrapper(filter);
+    EXPECT_EQ(wrapper.getHistorySize(), 17u);
+
+    ztsdlib_Timestamp in{};
+    in.seconds = 13400000000ULL;
+    in.nanos = 5;
+    in.isNegative = true;
+    filter->answer = TimestampDecimal("-1.9999999999");
+    ztsdlib_Timestamp out = wrapper.calculateSecond(in);
+    EXPECT_EQ(filter->argument, TimestampDecimal("-13400000000.000000005"));
+    EXPECT_EQ(out.seconds, 1u);
+    EXPECT_EQ(out.nanos, 999999999u);
+    EXPECT_TRUE(out.isNegative);
+
+    filter->answer = TimestampDecimal("18446744073709551616");
+    auto tooBig = catchReport([&] { wrapper.calculateFirst(in); });
+    EXPECT_EQ(tooBig.code, -52005);
+    EXPECT_EQ(tooBig.file, "source\\ztsdlib\\linearRegressionFilterWrapper");
+    EXPECT_EQ(tooBig.message, "Exceeded the max ztsdlib_Timestamp value");
+    filter->answer = std::numeric_limits<TimestampDecimal>::quiet_NaN();
+    EXPECT_EQ(catchReport([&] { wrapper.calculateSecond(in); }).message, "The input timestamp is NaN");
+
+    // A bad argument fails before the filter is asked.
+    filter->argument = 99;
+    in.nanos = 1000000000u;
+    EXPECT_EQ(catchReport([&] { wrapper.calculateFirst(in); }).message, "Nano seconds field greater than 1e+9");
+    EXPECT_EQ(filter->argument, 99);
+
+    wrapper.addSample(TimestampDecimal(3), TimestampDecimal(4));
+    EXPECT_EQ(filter->lastFirst, 3);
+    EXPECT_EQ(filter->lastSecond, 4);
+}
