@@ -150,6 +150,93 @@ ZTSDLIB_API void ztsdlib_Timescale_getTime(ztsdlib_Timescale* handle, ztsdlib_Ti
 /* {"uri":"<uri>"}; free() the result. */
 ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Status* status);
 
+/* ---- correlators -------------------------------------------------------- */
+
+/*
+ * A correlator maps a time read on one of its two timescales to the
+ * corresponding time on the other. The timescales (and the correlator a
+ * caching correlator wraps) stay the caller's: keep them alive as long as
+ * the correlator.
+ *
+ * Linear: once started, a background task reads timescale1 then timescale2
+ * every millisecond until maxSampleSize samples are held, then every
+ * samplingIntervalMs, and fits a line through the last maxSampleSize pairs
+ * in exact decimal arithmetic (maxSampleSize must be at least 2). The first
+ * correlate after a start waits up to maxWaitForFirstCorrelateMs for the
+ * history to fill; two samples are enough to answer. Errors: -52017 before
+ * start, -52016 when started twice, -52010 with too few samples, -52005 for
+ * a source timescale that is neither of the two. Results are truncated to
+ * whole nanoseconds. stop() reports what ended the sampling task early (a
+ * timescale that failed), if anything; the correlator is stopped either way.
+ * correlate, the getters, isRunning and toJson may be called from any number
+ * of threads at once, also while start/stop run on one controlling thread.
+ *
+ * Caching: answers a question already asked (same source URI, same
+ * timestamp in all four fields) from memory, without asking the wrapped
+ * correlator; failures are not remembered. The cache is never cleared and
+ * has no bound. Calls on one caching correlator must not overlap.
+ *
+ * Nop: for two timescales on one clock; returns the timestamp unchanged.
+ * start/stop do nothing, isRunning is always true. Any thread, any time.
+ */
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
+    const char* correlatorUri, ztsdlib_Timescale* timescale1, ztsdlib_Timescale* timescale2,
+    uint32_t samplingIntervalMs, uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs, zterr_Status* status);
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_CachingCorrelator_create(const char* uri,
+                                                                          ztsdlib_TimestampCorrelator* correlator,
+                                                                          zterr_Status* status);
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_NopCorrelator_create(const char* correlatorUri,
+                                                                      ztsdlib_Timescale* timescale1,
+                                                                      ztsdlib_Timescale* timescale2,
+                                                                      zterr_Status* status);
+
+/* Writes the time on the other timescale for timestampInSourceTimescale,
+ * read on the timescale whose URI is sourceTimescale, to correlatedTimestamp. */
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_correlate(ztsdlib_TimestampCorrelator* handle,
+                                                       const ztsdlib_Timestamp* timestampInSourceTimescale,
+                                                       const char* sourceTimescale,
+                                                       ztsdlib_Timestamp* correlatedTimestamp, zterr_Status* status);
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getUri(ztsdlib_TimestampCorrelator* handle,
+                                                           zterr_Status* status);
+/* The URIs stored by the first and second timescale; valid while they live. */
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getTimescale1Uri(ztsdlib_TimestampCorrelator* handle,
+                                                                     zterr_Status* status);
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getTimescale2Uri(ztsdlib_TimestampCorrelator* handle,
+                                                                     zterr_Status* status);
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_start(ztsdlib_TimestampCorrelator* handle, zterr_Status* status);
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_stop(ztsdlib_TimestampCorrelator* handle, zterr_Status* status);
+ZTSDLIB_API bool ztsdlib_TimestampCorrelator_isRunning(ztsdlib_TimestampCorrelator* handle, zterr_Status* status);
+/* One line, for example { "type" : "linear", "uri" : "...", "timescaleUri1" : "...",
+ * "timescaleUri2" : "...", "samplingIntervalMs" : 1000, "maxSampleSize" : 100,
+ * "maxWaitForFirstCorrelateMs" : 500, "isThreadRunning" : true }; a nop
+ * correlator writes "type" : "nop" and "isRunning" : true after the URIs, a
+ * caching correlator its wrapped correlator's text. free() the result. */
+ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator* handle, zterr_Status* status);
+
+/* ---- syncable devices -------------------------------------------------- */
+
+/*
+ * A remote syncable device, named by its URI
+ *   /<remoteHost>/ztsdwebs/resources/<plugin>/syncableDevices/<name>
+ * and reached over HTTP at http://<remoteHost>/ztsdwebs/resources/... .
+ * Creating one sends nothing. A device handle is used from one thread at a
+ * time (a sync domain asks it from one pool task at a time).
+ */
+ZTSDLIB_API ztsdlib_SyncableDevice* ztsdlib_SyncableDeviceProxy_create(const char* uri, zterr_Status* status);
+/* Places a domain's requirements document on the device; refused with
+ * -1074100993 when they conflict with requirements already in force. */
+ZTSDLIB_API void ztsdlib_SyncableDevice_setCoherencyRequirements(ztsdlib_SyncableDevice* handle,
+                                                                 const char* syncDomainUri,
+                                                                 const char* jsonRequirements, zterr_Status* status);
+/* Forgets one domain's claim locally; sends nothing. */
+ZTSDLIB_API void ztsdlib_SyncableDevice_clearCoherencyRequirements(ztsdlib_SyncableDevice* handle,
+                                                                   const char* syncDomainUri, zterr_Status* status);
+ZTSDLIB_API bool ztsdlib_SyncableDevice_isCoherent(ztsdlib_SyncableDevice* handle, uint32_t* coherencyLossCount,
+                                                   zterr_Status* status);
+ZTSDLIB_API const char* ztsdlib_SyncableDevice_getUri(ztsdlib_SyncableDevice* handle, zterr_Status* status);
+/* The device's JSON with this handle's uri and its "syncDomainUris"; free() it. */
+ZTSDLIB_API char* ztsdlib_SyncableDevice_toJson(ztsdlib_SyncableDevice* handle, zterr_Status* status);
+
 /* ---- thread pools ------------------------------------------------------- */
 
 /*

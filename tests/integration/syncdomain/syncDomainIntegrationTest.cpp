@@ -1,0 +1,173 @@
+// Sync domains of device proxies against several simulated chassis, each its
+// own HTTP server on 127.0.0.1, on the library's pool, through the exports.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "syncdomain/libraryThreadPool.h"
+#include "syncdomain/syncDomain.h"
+#include "syncdomain/syncableDeviceProxy.h"
+#include "time/hostTimescale.h"
+#include "unit/support/raisedError.h"
+#include "unit/support/statusFixture.h"
+#include "ztsd-sim/chassisSimulator.h"
+#include "ztsdlib/ztsdlib.h"
+
+using ztsdtest::captureRaise;
+
+namespace {
+
+constexpr int kChassis = 3;
+
+class DomainOfChassis : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (int i = 0; i < kChassis; ++i) {
+            sims.push_back(std::make_unique<ztsdsim::ChassisSimulator>());
+            sims.back()->start();
+            const std::string uri = sims.back()->addDevice("chassis" + std::to_string(i));
+            // A short HTTP time-out so that a stalled chassis frees its pool thread soon.
+            devices.push_back(std::make_unique<ztsdlib::SyncableDeviceProxy>(uri, 2500));
+        }
+        domain = std::make_unique<ztsdlib::SyncDomain>("/domains/lab", timescale, 1000, 200, &pool);
+        for (auto& d : devices) domain->addSyncableDevice(d.get());
+    }
+    void TearDown() override {
+        for (auto& s : sims) s->stop();  // releases stalled requests
+    }
+    ztsdtest::OwnedStatus status;
+    ztsdlib::HostTimescale timescale{"/localhost/ztsds/timescales/system"};
+    std::vector<std::unique_ptr<ztsdsim::ChassisSimulator>> sims;
+    std::vector<std::unique_ptr<ztsdlib::SyncableDeviceProxy>> devices;
+    // Declared after the devices: destroyed first, so late tasks finish
+    // before the devices they use go away.
+    ztsdlib::LibraryThreadPool pool{kChassis};
+    std::unique_ptr<ztsdlib::SyncDomain> domain;
+};
+
+}  // namespace
+
+TEST_F(DomainOfChassis, PlacesRequirementsOnEveryChassisAndStartsInEachMode) {
+    for (int i = 0; i < kChassis; ++i)
+        EXPECT_EQ(sims[i]->requirementsOf("chassis" + std::to_string(i)), domain->getRequirementsJson());
+
+    domain->startV2(false, false, 0);  // not saving: no traffic
+    EXPECT_TRUE(domain->isRunning());
+    EXPECT_EQ(sims[0]->getCountOf("chassis0"), 0u);
+    domain->stop();
+
+    domain->startV2(false, true, 0);  // not waiting: one check, latch left clear
+    EXPECT_EQ(sims[0]->getCountOf("chassis0"), 1u);
+    EXPECT_FALSE(domain->isCoherent());
+    domain->stop();
+
+    sims[1]->setCoherent("chassis1", false);
+    std::thread recover([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        sims[1]->setCoherent("chassis1", true);
+    });
+    EXPECT_TRUE(domain->start(5));  // waiting: passes until chassis1 comes round
+    recover.join();
+    EXPECT_GE(sims[1]->getCountOf("chassis1"), 3u);
+    EXPECT_TRUE(domain->isCoherent());
+    EXPECT_TRUE(domain->isCoherentSinceLastChecked());
+}
+
+TEST_F(DomainOfChassis, ALossOnOneMemberIsFinalForIsCoherentAndReportedOnceSinceLastCheck) {
+    ASSERT_TRUE(domain->start(5));
+    sims[2]->addCoherencyLoss("chassis2");
+    EXPECT_FALSE(domain->isCoherentSinceLastChecked());
+    EXPECT_TRUE(domain->isCoherentSinceLastChecked());
+    EXPECT_FALSE(domain->isCoherent());
+    EXPECT_FALSE(domain->isCoherent());
+    domain->stop();
+    ASSERT_TRUE(domain->start(5));
+    EXPECT_TRUE(domain->isCoherent());
+}
+
+TEST_F(DomainOfChassis, AStalledMemberEndsTheStartWithTheFanOutTimeout) {
+    ztsdsim::Fault stall;
+    stall.stall = true;
+    sims[1]->setFault("", stall);
+    const auto began = std::chrono::steady_clock::now();
+    auto timedOut = captureRaise([&] { domain->start(1); });
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(2500));
+    EXPECT_EQ(timedOut.code, -52007);
+    EXPECT_EQ(timedOut.number("ztsyncdomain_debug", "timeout_ms"), 1000);
+    EXPECT_FALSE(domain->isRunning());
+    sims[1]->clearFaults();
+}
+
+TEST_F(DomainOfChassis, ARefusingMemberIsACommunicationsFaultWithItsErrorNested) {
+    ASSERT_TRUE(domain->start(5));
+    sims[0]->stop();
+    auto failed = captureRaise([&] { domain->isCoherentSinceLastChecked(); });
+    EXPECT_EQ(failed.code, -52024);
+    const cJSON* nested = failed.member("nested_error");
+    ASSERT_TRUE(cJSON_IsArray(nested));
+    ASSERT_EQ(cJSON_GetArraySize(nested), 1);
+    EXPECT_EQ(cJSON_GetObjectItem(cJSON_GetArrayItem(nested, 0), "code")->valueint, -52024);
+
+    // toJson still describes every member, the unreachable one with its error.
+    const std::string json = domain->toJson();
+    auto doc = ztsdtest::parseJson(json);
+    ASSERT_TRUE(doc) << json;
+    cJSON* members = cJSON_GetObjectItem(doc.get(), "syncableDevices");
+    ASSERT_EQ(cJSON_GetArraySize(members), kChassis);
+    int withError = 0;
+    for (cJSON* m = members->child; m; m = m->next) {
+        if (cJSON_GetObjectItem(m, "error")) {
+            ++withError;
+            EXPECT_STREQ(cJSON_GetObjectItem(m, "uri")->valuestring, devices[0]->getUri().c_str());
+        } else {
+            EXPECT_TRUE(cJSON_IsArray(cJSON_GetObjectItem(m, "syncDomainUris")));
+        }
+    }
+    EXPECT_EQ(withError, 1);
+}
+
+TEST_F(DomainOfChassis, ASecondDomainWithOtherRequirementsIsRefusedByTheDevices) {
+    ztsdlib::SyncDomain other("/domains/other", timescale, 5000, 200, &pool);
+    auto conflict = captureRaise([&] { other.addSyncableDevice(devices[0].get()); });
+    EXPECT_EQ(conflict.code, -1074100993);
+    EXPECT_FALSE(other.isMember(devices[0]->getUri()));
+
+    ztsdlib::SyncDomain agreeing("/domains/agreeing", timescale, 1000, 200, &pool);
+    agreeing.addSyncableDevice(devices[0].get());
+    EXPECT_TRUE(agreeing.isMember(devices[0]->getUri()));
+}
+
+TEST_F(DomainOfChassis, WorksThroughTheCInterfaceOnTheLibraryPool) {
+    void* cPool = ztsdlib_ThreadPool_create(2, &status);
+    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
+    ztsdlib_SyncDomain* d = ztsdlib_SyncDomain_create("/domains/c", ts, 1000, 200, cPool, &status);
+    ztsdlib_SyncableDevice* dev = ztsdlib_SyncableDeviceProxy_create(sims[0]->deviceUri("chassis0").c_str(), &status);
+    ASSERT_EQ(status.s.code, 0) << status.text();
+    ztsdlib_SyncDomain_addSyncableDevice(d, dev, &status);
+    EXPECT_TRUE(ztsdlib_SyncDomain_isMember(d, sims[0]->deviceUri("chassis0").c_str(), &status));
+    EXPECT_TRUE(ztsdlib_SyncDomain_start(d, 5, &status));
+    EXPECT_TRUE(ztsdlib_SyncDomain_isCoherent(d, &status));
+    std::uint32_t losses = 99;
+    EXPECT_TRUE(ztsdlib_SyncableDevice_isCoherent(dev, &losses, &status));
+    EXPECT_EQ(losses, 0u);
+    char* json = ztsdlib_SyncableDevice_toJson(dev, &status);
+    ASSERT_NE(json, nullptr);
+    // A proxy of its own: only this domain's requirements are recorded on it.
+    EXPECT_NE(std::string(json).find("\"syncDomainUris\":[\"/domains/c\"]"), std::string::npos) << json;
+    std::free(json);
+    ztsdlib_SyncableDevice_clearCoherencyRequirements(dev, "/domains/c", &status);
+    EXPECT_EQ(status.s.code, 0) << status.text();
+
+    ztsdlib_SyncableDevice_isCoherent(dev, nullptr, &status);
+    EXPECT_EQ(status.s.code, -52005);
+    EXPECT_NE(status.text().find("\"coherencyLossCount\":\"nullptr\""), std::string::npos);
+
+    ztsdlib_SyncDomain_delete(d);
+    ztsdlib_SyncableDevice_delete(dev);
+    ztsdlib_Timescale_delete(ts);
+    ztsdlib_ThreadPool_delete(cPool);
+}
