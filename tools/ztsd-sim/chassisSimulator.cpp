@@ -66,6 +66,20 @@ std::string print(const cJSON* item) {
     return result;
 }
 
+// The reply envelope around result; a null info stands for {}, a null
+// result for JSON null.
+std::string envelopeText(bool success, std::int64_t code, const std::string& text, JsonPtr info, JsonPtr result) {
+    JsonPtr envelope = makeObject();
+    JsonPtr error = makeObject();
+    add(error.get(), "success", cJSON_CreateBool(success));
+    add(error.get(), "errorCode", integer(code));
+    add(error.get(), "errorText", cJSON_CreateString(text.c_str()));
+    add(error.get(), "errorInfo", info ? info.release() : cJSON_CreateObject());
+    add(envelope.get(), "error", error.release());
+    add(envelope.get(), "result", result ? result.release() : cJSON_CreateNull());
+    return print(envelope.get());
+}
+
 bool isReading(const std::string& method) { return method == "GET" || method == "HEAD"; }
 
 // HTTP forbids a body with these statuses.
@@ -74,6 +88,35 @@ bool isBodiless(int status) { return (status >= 100 && status < 200) || status =
 void checkName(const char* what, const std::string& name) {
     const bool bad = name.empty() || name.find_first_of("/?#% \t\r\n\"\\") != std::string::npos;
     if (bad) throw std::invalid_argument(std::string("ztsd-sim: invalid ") + what + " name \"" + name + "\"");
+}
+
+// Routes every path and method to handler. Failures the HTTP layer answers
+// by itself (a malformed request line, an unknown method) and exceptions get
+// the envelope too; answers of the handler carry their media type already
+// and pass unchanged.
+void installHandlers(httplib::Server& server, const httplib::Server::Handler& handler) {
+    server.Get(".*", handler);
+    server.Put(".*", handler);
+    server.Post(".*", handler);
+    server.Delete(".*", handler);
+    server.Patch(".*", handler);
+    server.Options(".*", handler);
+    server.set_error_handler(httplib::Server::HandlerWithResponse(
+        [](const httplib::Request& request, httplib::Response& response) {
+            if (response.has_header("Content-Type")) return httplib::Server::HandlerResponse::Unhandled;
+            JsonPtr info = makeObject();
+            add(info.get(), "method", cJSON_CreateString(request.method.c_str()));
+            response.set_content(envelopeText(false, zterr::code::ztapalerr_invalidParameter,
+                                              "The request could not be handled.", std::move(info), nullptr),
+                                 kMediaType);
+            return httplib::Server::HandlerResponse::Handled;
+        }));
+    server.set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+        response.status = 500;
+        response.set_content(envelopeText(false, zterr::code::ztapalerr_softwareFaultAPALInternalUseOnly,
+                                          "The simulator failed.", nullptr, nullptr),
+                             kMediaType);
+    });
 }
 
 }  // namespace simdetail
@@ -94,7 +137,6 @@ struct ChassisSimulator::Answer {
     std::string errorText;
     std::string allow;  // the "Allow" header of a 405
 };
-
 
 // ---------------------------------------------------------------------------
 // Life cycle
@@ -130,40 +172,8 @@ void ChassisSimulator::start() {
     server->set_keep_alive_max_count(std::size_t{1} << 30);
     server->set_keep_alive_timeout(options_.keepAliveTimeout_s);
 
-    const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+    installHandlers(*server, [this](const httplib::Request& request, httplib::Response& response) {
         handle(request, response);
-    };
-    server->Get(".*", handler);
-    server->Put(".*", handler);
-    server->Post(".*", handler);
-    server->Delete(".*", handler);
-    server->Patch(".*", handler);
-    server->Options(".*", handler);
-    // Failures the HTTP layer answers by itself (a malformed request line, an
-    // unknown method) get the envelope too; answers of handle() carry their
-    // media type already and pass unchanged.
-    server->set_error_handler(httplib::Server::HandlerWithResponse(
-        [](const httplib::Request& request, httplib::Response& response) {
-        if (response.has_header("Content-Type")) return httplib::Server::HandlerResponse::Unhandled;
-        JsonPtr envelope = makeObject();
-        JsonPtr error = makeObject();
-        add(error.get(), "success", cJSON_CreateFalse());
-        add(error.get(), "errorCode", integer(zterr::code::ztapalerr_invalidParameter));
-        add(error.get(), "errorText", cJSON_CreateString("The request could not be handled."));
-        JsonPtr info = makeObject();
-        add(info.get(), "method", cJSON_CreateString(request.method.c_str()));
-        add(error.get(), "errorInfo", info.release());
-        add(envelope.get(), "error", error.release());
-        add(envelope.get(), "result", cJSON_CreateNull());
-        response.set_content(print(envelope.get()), kMediaType);
-        return httplib::Server::HandlerResponse::Handled;
-    }));
-    server->set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
-        response.status = 500;
-        response.set_content(
-            "{\"error\":{\"success\":false,\"errorCode\":-52003,\"errorText\":\"The simulator failed.\","
-            "\"errorInfo\":{}},\"result\":null}",
-            kMediaType);
     });
 
     int port = -1;
@@ -500,7 +510,6 @@ ChassisSimulator::Route ChassisSimulator::routeLocked(const std::string& path) c
     return route;
 }
 
-
 void ChassisSimulator::handle(const httplib::Request& request, httplib::Response& response) {
     std::unique_lock<std::mutex> lock(mutex_);
     ++requestCount_;
@@ -546,7 +555,7 @@ void ChassisSimulator::handle(const httplib::Request& request, httplib::Response
     const bool altered = faulted && (fault.httpStatus != 0 || fault.hasRawBody || fault.envelopeError);
     Answer answer = answerLocked(request, !altered);
     lock.unlock();
-    send(response, answer, faulted ? &fault : nullptr);
+    send(response, std::move(answer), faulted ? &fault : nullptr);
 }
 
 ChassisSimulator::Answer ChassisSimulator::answerLocked(const httplib::Request& request, bool applyChanges) {
@@ -624,27 +633,22 @@ ChassisSimulator::Answer ChassisSimulator::listingLocked(const std::string& unde
     return answer;
 }
 
-void ChassisSimulator::send(httplib::Response& response, const Answer& answer, const Fault* fault) {
+void ChassisSimulator::send(httplib::Response& response, Answer answer, const Fault* fault) {
     int status = answer.status;
     std::string body;
     if (fault != nullptr && fault->hasRawBody) {
         body = fault->rawBody;
     } else {
-        JsonPtr error = makeObject();
-        const bool envelopeError = fault != nullptr && fault->envelopeError;
-        add(error.get(), "success", cJSON_CreateBool(envelopeError ? false : answer.success));
-        add(error.get(), "errorCode", integer(envelopeError ? fault->errorCode : answer.errorCode));
-        add(error.get(), "errorText",
-            cJSON_CreateString(envelopeError ? fault->errorText.c_str() : answer.errorText.c_str()));
-        JsonPtr info = envelopeError ? parseWhole(fault->errorInfoJson) : makeObject();
-        // An info text that is not JSON goes out as it stands, so a test can
-        // send a broken envelope on purpose.
-        add(error.get(), "errorInfo", info ? info.release() : cJSON_CreateRaw(fault->errorInfoJson.c_str()));
-        JsonPtr envelope = makeObject();
-        add(envelope.get(), "error", error.release());
-        cJSON* const result = answer.result ? cJSON_Duplicate(answer.result.get(), 1) : cJSON_CreateNull();
-        add(envelope.get(), "result", result);
-        body = print(envelope.get());
+        JsonPtr result = std::move(answer.result);
+        if (fault != nullptr && fault->envelopeError) {
+            // An info text that is not JSON goes out as it stands, so a test
+            // can send a broken envelope on purpose.
+            JsonPtr info = parseWhole(fault->errorInfoJson);
+            if (!info) info.reset(cJSON_CreateRaw(fault->errorInfoJson.c_str()));
+            body = envelopeText(false, fault->errorCode, fault->errorText, std::move(info), std::move(result));
+        } else {
+            body = envelopeText(answer.success, answer.errorCode, answer.errorText, nullptr, std::move(result));
+        }
     }
     if (fault != nullptr && fault->httpStatus != 0) status = fault->httpStatus;
     if (isBodiless(status)) body.clear();

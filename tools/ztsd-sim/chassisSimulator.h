@@ -74,12 +74,19 @@ extern const char* const kMediaType;   // "vnd.zt.syncDomain.v0/json; charset=ut
 // The service name, first segment of every resource path.
 extern const char* const kWebService;  // "ztsdwebs"
 
-struct Fault {                      // applied to requests whose path starts with pathPrefix ("" = all)
+// Applied to requests whose path starts with the prefix given to setFault
+// ("" = all).
+struct Fault {
     int latency_ms = 0;             // delay before answering
     bool stall = false;             // hold the request until the fault is cleared or the simulator stops
-    int httpStatus = 0;             // 0 = normal; otherwise reply with this status (body: envelope as usual unless rawBody set)
-    bool hasRawBody = false; std::string rawBody;   // replace the whole reply body (invalid/truncated JSON, huge bodies...)
-    bool envelopeError = false; std::int64_t errorCode = 0; std::string errorText; std::string errorInfoJson = "{}"; // "success":false envelope
+    int httpStatus = 0;             // 0 = normal; otherwise reply with this status
+                                    // (body: envelope as usual unless rawBody set)
+    bool hasRawBody = false;        // replace the whole reply body with rawBody
+    std::string rawBody;            // (invalid or truncated JSON, huge bodies...)
+    bool envelopeError = false;     // a "success":false envelope with the three below
+    std::int64_t errorCode = 0;
+    std::string errorText;
+    std::string errorInfoJson = "{}";  // sent as it stands when it is not JSON
     bool dropConnection = false;    // close the connection without an answer
     int remaining = -1;             // how many requests it applies to; -1 = until cleared
 };
@@ -136,8 +143,10 @@ public:
     std::vector<std::string> timescaleUris() const;          // in the order added
 
     void setCoherent(const std::string& name, bool coherent);
-    void addCoherencyLoss(const std::string& name, std::uint32_t count = 1);   // bumps the loss count (device goes incoherent and back, as a real one would)
-    void setDeviceVersion(const std::string& name, std::optional<std::int64_t> version);   // nullopt = omit "version"
+    // Bumps the loss count (the device went incoherent and back, as a real
+    // one would); the coherency flag stays as it is.
+    void addCoherencyLoss(const std::string& name, std::uint32_t count = 1);
+    void setDeviceVersion(const std::string& name, std::optional<std::int64_t> version);  // nullopt = omit "version"
     void setDeviceReportedUri(const std::string& name, std::optional<std::string> uri);    // wrong "uri"; nullopt = omit
     void setListingVersion(std::optional<std::int64_t> version);
     std::string requirementsOf(const std::string& name) const;   // last PUT body, "" if none
@@ -173,7 +182,7 @@ private:
     Answer devicePayloadLocked(const std::string& name, const Device& device) const;
     Answer listingLocked(const std::string& underPath) const;
     static Answer failure(int status, std::int32_t code, std::string text);
-    static void send(httplib::Response& response, const Answer& answer, const Fault* fault);
+    static void send(httplib::Response& response, Answer answer, const Fault* fault);
     std::string remoteHostLocked() const;
     std::string deviceUriLocked(const std::string& name) const;
     std::string timescaleUriLocked(const std::string& gmId) const;

@@ -49,7 +49,8 @@ int main(int argc, char** argv) {
     bool incoherent = false;
     std::size_t maxWorkers = 512;
     app.add_option("--host", host, "Address to listen on")->capture_default_str();
-    app.add_option("--port", port, "First port (0 = ephemeral ports)")->capture_default_str()->check(CLI::Range(0, 65535));
+    app.add_option("--port", port, "First port (0 = ephemeral ports)")
+        ->capture_default_str()->check(CLI::Range(0, 65535));
     app.add_option("--chassis", chassisCount, "Number of chassis")->capture_default_str()->check(CLI::Range(1, 256));
     app.add_option("--devices-per-chassis", devicesPerChassis, "Syncable devices per chassis")
         ->capture_default_str()->check(CLI::Range(0, 4096));

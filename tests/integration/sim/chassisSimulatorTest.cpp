@@ -241,7 +241,8 @@ TEST_F(SimulatorResources, UnknownPathsAndMethodsGetEnvelopeErrors) {
     for (const std::string path :
          {std::string("/ztsdwebs/resources/ztsd/syncableDevices/nobody"), std::string("/other/resources/"),
           std::string("/ztsdwebs/resources/otherplugin/syncableDevices/chassis0"),
-          std::string("/ztsdwebs/resources/ztsd/clocks/"), std::string("/ztsdwebs/resources/ztsd/syncableDevices/chassis0/"),
+          std::string("/ztsdwebs/resources/ztsd/clocks/"),
+          std::string("/ztsdwebs/resources/ztsd/syncableDevices/chassis0/"),
           std::string("/ztsdwebs//resources/"), std::string("/ztsdwebs/resources/ztsd/syncableDevices/chassis0/x")}) {
         const simtest::Reply reply = exchange(sim, "GET", path);
         EXPECT_EQ(reply.status, 404) << path;
@@ -256,6 +257,19 @@ TEST_F(SimulatorResources, UnknownPathsAndMethodsGetEnvelopeErrors) {
     const simtest::Reply onListing = exchange(sim, "POST", kListing, "{}");
     EXPECT_EQ(onListing.status, 405);
     EXPECT_FALSE(onListing.success());
+
+    // A method the HTTP layer itself refuses still gets the envelope.
+    httplib::Client client("127.0.0.1", sim.port());
+    httplib::Request request;
+    request.method = "FETCH";
+    request.path = kListing;
+    const httplib::Result refused = client.send(request);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 400);
+    EXPECT_EQ(refused->get_header_value("Content-Type"), ztsdsim::kMediaType);
+    const simtest::Json document = simtest::parse(refused->body);
+    EXPECT_TRUE(cJSON_IsFalse(member(member(document.get(), "error"), "success"))) << refused->body;
+    EXPECT_EQ(text(member(member(member(document.get(), "error"), "errorInfo"), "method")), "FETCH");
 }
 
 TEST(SimulatorSetup, NamesAndOrderOfCallsAreChecked) {
