@@ -79,6 +79,47 @@ static void missingParameterReport(void) {
     CHECK(status.json == NULL && status.capacity == 0);
 }
 
+/* A linear correlator between two host timescales (one clock read under two
+ * URIs): now on the first maps to about now on the second. */
+static void correlatorBetweenHostTimescales(void) {
+    zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
+    ztsdlib_Timescale* first = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
+    ztsdlib_Timescale* second = ztsdlib_HostTimescale_create("/localhost/ztsds/timescales/copy", &status);
+    ztsdlib_TimestampCorrelator* correlator =
+        ztsdlib_LinearCorrelator_create("/correlators/hosts", first, second, 10, 5, 2000, &status);
+    ztsdlib_Timestamp now, mapped;
+    long long difference_ns;
+    char* json;
+
+    CHECK(correlator != NULL);
+    ztsdlib_TimestampCorrelator_start(correlator, &status);
+    CHECK(ztsdlib_TimestampCorrelator_isRunning(correlator, &status));
+    ztsdlib_Timescale_getTime(first, &now, &status);
+    ztsdlib_TimestampCorrelator_correlate(correlator, &now, ZTSDLIB_HOST_TIMESCALE_URI, &mapped, &status);
+    CHECK(status.code == 0);
+    difference_ns = ((long long)mapped.seconds - (long long)now.seconds) * 1000000000LL +
+                    ((long long)mapped.nanos - (long long)now.nanos);
+    CHECK(difference_ns > -20000000LL && difference_ns < 20000000LL);
+    CHECK(!mapped.isNegative);
+
+    CHECK(strcmp(ztsdlib_TimestampCorrelator_getTimescale2Uri(correlator, &status),
+                 "/localhost/ztsds/timescales/copy") == 0);
+    ztsdlib_TimestampCorrelator_stop(correlator, &status);
+    json = ztsdlib_TimestampCorrelator_toJson(correlator, &status);
+    CHECK(json != NULL && strstr(json, "\"isThreadRunning\" : false }") != NULL);
+    free(json);
+    CHECK(status.code == 0);
+
+    /* A source that is neither timescale is reported. */
+    ztsdlib_TimestampCorrelator_correlate(correlator, &now, "/elsewhere", &mapped, &status);
+    CHECK(status.code == -52005);
+
+    ztsdlib_TimestampCorrelator_delete(correlator);
+    ztsdlib_Timescale_delete(second);
+    ztsdlib_Timescale_delete(first);
+    status.reallocate(&status, 0);
+}
+
 static void zeroInitialisedStatus(void) {
     zterr_Status status = {0};
     CHECK(ztsdlib_HostTimescale_create(NULL, &status) == NULL);
@@ -163,6 +204,7 @@ int main(void) {
     hostTimescaleRoundTrip();
     missingParameterReport();
     zeroInitialisedStatus();
+    correlatorBetweenHostTimescales();
     syncDomainOnTheLibraryPool();
 #if !defined(_WIN32)
     timescaleProxyRefused();

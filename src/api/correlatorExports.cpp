@@ -1,0 +1,106 @@
+// Exports of the correlator family.
+#include <string>
+
+#include "api/exportFrame.h"
+#include "time/cachingCorrelator.h"
+#include "time/linearCorrelator.h"
+#include "time/nopCorrelator.h"
+
+using ztsdlib::TimescaleInterface;
+using ztsdlib::TimestampCorrelatorInterface;
+using ztsdlib::api::handleOf;
+using ztsdlib::api::objectOf;
+
+extern "C" {
+
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
+    const char* correlatorUri, ztsdlib_Timescale* timescale1, ztsdlib_Timescale* timescale2,
+    uint32_t samplingIntervalMs, uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs, zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr,
+                       ({{"correlatorUri", correlatorUri}, {"timescale1", timescale1}, {"timescale2", timescale2}}),
+                       [&] {
+                           TimestampCorrelatorInterface* object = new ztsdlib::LinearCorrelator(
+                               std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1),
+                               *objectOf<TimescaleInterface>(timescale2), samplingIntervalMs, maxSampleSize,
+                               maxWaitForFirstCorrelateMs);
+                           return handleOf<ztsdlib_TimestampCorrelator>(object);
+                       });
+}
+
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_CachingCorrelator_create(const char* uri,
+                                                                          ztsdlib_TimestampCorrelator* correlator,
+                                                                          zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({{"uri", uri}, {"correlator", correlator}}), [&] {
+        TimestampCorrelatorInterface* object = new ztsdlib::CachingCorrelator(
+            std::string(uri), *objectOf<TimestampCorrelatorInterface>(correlator));
+        return handleOf<ztsdlib_TimestampCorrelator>(object);
+    });
+}
+
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_NopCorrelator_create(const char* correlatorUri,
+                                                                      ztsdlib_Timescale* timescale1,
+                                                                      ztsdlib_Timescale* timescale2,
+                                                                      zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr,
+                       ({{"correlatorUri", correlatorUri}, {"timescale1", timescale1}, {"timescale2", timescale2}}),
+                       [&] {
+                           TimestampCorrelatorInterface* object = new ztsdlib::NopCorrelator(
+                               std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1),
+                               *objectOf<TimescaleInterface>(timescale2));
+                           return handleOf<ztsdlib_TimestampCorrelator>(object);
+                       });
+}
+
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_correlate(ztsdlib_TimestampCorrelator* handle,
+                                                       const ztsdlib_Timestamp* timestampInSourceTimescale,
+                                                       const char* sourceTimescale,
+                                                       ztsdlib_Timestamp* correlatedTimestamp, zterr_Status* status) {
+    ZTSD_EXPORT_VOID(status,
+                     ({{"handle", handle},
+                       {"timestampInSourceTimescale", timestampInSourceTimescale},
+                       {"sourceTimescale", sourceTimescale},
+                       {"correlatedTimestamp", correlatedTimestamp}}),
+                     [&] {
+                         *correlatedTimestamp = objectOf<TimestampCorrelatorInterface>(handle)->correlate(
+                             sourceTimescale, *timestampInSourceTimescale);
+                     });
+}
+
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getUri(ztsdlib_TimestampCorrelator* handle,
+                                                           zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}),
+                       [&] { return objectOf<TimestampCorrelatorInterface>(handle)->getUri().c_str(); });
+}
+
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getTimescale1Uri(ztsdlib_TimestampCorrelator* handle,
+                                                                     zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}),
+                       [&] { return objectOf<TimestampCorrelatorInterface>(handle)->getTimescale1Uri().c_str(); });
+}
+
+ZTSDLIB_API const char* ztsdlib_TimestampCorrelator_getTimescale2Uri(ztsdlib_TimestampCorrelator* handle,
+                                                                     zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}),
+                       [&] { return objectOf<TimestampCorrelatorInterface>(handle)->getTimescale2Uri().c_str(); });
+}
+
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_start(ztsdlib_TimestampCorrelator* handle, zterr_Status* status) {
+    ZTSD_EXPORT_VOID(status, ({{"handle", handle}}), [&] { objectOf<TimestampCorrelatorInterface>(handle)->start(); });
+}
+
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_stop(ztsdlib_TimestampCorrelator* handle, zterr_Status* status) {
+    ZTSD_EXPORT_VOID(status, ({{"handle", handle}}), [&] { objectOf<TimestampCorrelatorInterface>(handle)->stop(); });
+}
+
+ZTSDLIB_API bool ztsdlib_TimestampCorrelator_isRunning(ztsdlib_TimestampCorrelator* handle, zterr_Status* status) {
+    return ZTSD_EXPORT(status, false, ({{"handle", handle}}),
+                       [&] { return objectOf<TimestampCorrelatorInterface>(handle)->isRunning(); });
+}
+
+ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator* handle, zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}), [&] {
+        return ztsdlib::api::duplicateForCaller(objectOf<TimestampCorrelatorInterface>(handle)->toJson());
+    });
+}
+
+}  // extern "C"

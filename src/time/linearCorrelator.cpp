@@ -1,0 +1,179 @@
+#include "time/linearCorrelator.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "errors/exception.h"
+#include "errors/status.h"
+#include "time/linearRegression.h"
+#include "time/linearRegressionFilterWrapper.h"
+#include "time/timestamp.h"
+
+namespace ztsdlib {
+namespace {
+
+constexpr std::uint64_t kMinHistorySize = 2;
+constexpr auto kFillPause = std::chrono::milliseconds(1);
+constexpr auto kWaitPoll = std::chrono::milliseconds(5);
+
+// Reads a timescale; an error it reports in the status becomes an exception
+// like one it throws.
+ztsdlib_Timestamp readTime(TimescaleInterface& timescale) {
+    ztsdlib_Timestamp reading{};
+    zterr_Status status = zterr::makeOwnedStatus();
+    try {
+        timescale.getTime(reading, &status);
+    } catch (...) {
+        zterr::releaseStatus(&status);
+        throw;
+    }
+    if (status.code < 0) throw zterr::Exception(std::move(status));
+    zterr::releaseStatus(&status);
+    return reading;
+}
+
+}  // namespace
+
+LinearCorrelator::LinearCorrelator(std::string correlatorUri, TimescaleInterface& first, TimescaleInterface& second,
+                                   std::uint32_t samplingInterval, std::uint32_t maxSamples,
+                                   std::uint32_t maxWaitForFirstCorrelate)
+    : TimescalePairCorrelator(std::move(correlatorUri), first, second),
+      samplingIntervalMs(samplingInterval),
+      maxSampleSize(maxSamples),
+      maxWaitForFirstCorrelateMs(maxWaitForFirstCorrelate),
+      firstCorrelateTimer(maxWaitForFirstCorrelate) {}
+
+LinearCorrelator::~LinearCorrelator() {
+    try {
+        stop();
+    } catch (...) {
+        // The reason sampling ended has nowhere to go from a destructor.
+    }
+}
+
+void LinearCorrelator::start() {
+    if (running.load()) {
+        zterr::raise(ZTERR_SITE(kLinearCorrelatorFile, zterr::name::ztapalerr_threadAlreadyStarted),
+                     zterr::code::ztapalerr_threadAlreadyStarted, "ztsyncdomain_debug",
+                     {{"message", "LinearCorrelator thread already started."}});
+    }
+    auto holder = std::make_shared<LinearRegressionFilterWrapper>(std::make_shared<LinearRegression>(maxSampleSize));
+    {
+        std::lock_guard<std::mutex> lock(filterMutex);
+        filter = holder;
+    }
+    // The timer is restarted before running is set, so that a concurrent
+    // first correlate never measures its wait against a previous run.
+    {
+        std::lock_guard<std::mutex> lock(timerMutex);
+        firstCorrelateTimer.restart(maxWaitForFirstCorrelateMs);
+    }
+    running.exchange(true);
+    try {
+        samplingTask = std::async(std::launch::async, &LinearCorrelator::sampleUntilStopped, this, holder);
+    } catch (...) {
+        running.exchange(false);
+        throw;
+    }
+}
+
+void LinearCorrelator::stop() {
+    {
+        std::lock_guard<std::mutex> lock(wakeMutex);
+        if (!running.exchange(false)) return;
+    }
+    wake.notify_all();
+    if (samplingTask.valid()) samplingTask.get();  // passes on what ended the task, if anything
+}
+
+void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder) {
+    ztsdlib_Timestamp previous1{};
+    ztsdlib_Timestamp previous2{};
+    while (running.load()) {
+        const ztsdlib_Timestamp reading1 = readTime(timescale1);
+        const ztsdlib_Timestamp reading2 = readTime(timescale2);
+        if (!sameTimestamp(reading1, previous1) && !sameTimestamp(reading2, previous2)) {
+            const TimestampDecimal first_s = toDecimal(reading1);
+            const TimestampDecimal second_s = toDecimal(reading2);
+            holder->addSample(first_s, second_s);
+        }
+        previous1 = reading1;
+        previous2 = reading2;
+
+        const auto pause = holder->getHistorySize() < maxSampleSize
+                               ? std::chrono::milliseconds(kFillPause)
+                               : std::chrono::milliseconds(samplingIntervalMs);
+        std::unique_lock<std::mutex> lock(wakeMutex);
+        wake.wait_for(lock, pause, [this] { return !running.load(); });
+    }
+}
+
+std::shared_ptr<LinearRegressionFilterWrapper> LinearCorrelator::currentFilter() const {
+    std::lock_guard<std::mutex> lock(filterMutex);
+    return filter;
+}
+
+std::uint64_t LinearCorrelator::historySize() const {
+    const auto holder = currentFilter();
+    return holder ? holder->getHistorySize() : 0;
+}
+
+std::uint64_t LinearCorrelator::waitForHistory(const LinearRegressionFilterWrapper& holder) {
+    std::uint64_t size = holder.getHistorySize();
+    if (size >= maxSampleSize) return size;
+    for (;;) {
+        size = holder.getHistorySize();
+        if (size >= maxSampleSize) break;
+        {
+            // Latches: once expired, later callers stop waiting at once.
+            std::lock_guard<std::mutex> lock(timerMutex);
+            if (firstCorrelateTimer.hasExpired()) break;
+        }
+        std::this_thread::sleep_for(kWaitPoll);
+    }
+    return size;
+}
+
+ztsdlib_Timestamp LinearCorrelator::correlate(std::string_view sourceTimescaleUri,
+                                              const ztsdlib_Timestamp& timestampInSourceTimescale) {
+    const bool firstToSecond = sourceIsFirst(sourceTimescaleUri, kLinearCorrelatorFile);
+    if (!running.load()) {
+        zterr::raise(ZTERR_SITE(kLinearCorrelatorFile, zterr::name::ztapalerr_invalidStateTransition),
+                     zterr::code::ztapalerr_invalidStateTransition, "ztsyncdomain_debug",
+                     {{"message", "Correlator must be started before calling correlate."}});
+    }
+    const auto holder = currentFilter();
+    const std::uint64_t size = waitForHistory(*holder);
+    if (size < kMinHistorySize) {
+        zterr::raise(ZTERR_SITE(kLinearCorrelatorFile, zterr::name::ztapalerr_resourceNotInitialized),
+                     zterr::code::ztapalerr_resourceNotInitialized, "ztsyncdomain_debug",
+                     {{"message",
+                       "Correlator does not have enough data points even after waiting for the appropriates "
+                       "sampling intervals."},
+                      {"samplingInterval_ms", samplingIntervalMs},
+                      {"historySizeAfterCheck", size},
+                      {"minHistorySize", kMinHistorySize}});
+    }
+    return firstToSecond ? holder->calculateSecond(timestampInSourceTimescale)
+                         : holder->calculateFirst(timestampInSourceTimescale);
+}
+
+std::string LinearCorrelator::toJson() const {
+    std::string json = toJsonOpening("linear");
+    json += "\"samplingIntervalMs\" : ";
+    json += std::to_string(samplingIntervalMs);
+    json += ", ";
+    json += "\"maxSampleSize\" : ";
+    json += std::to_string(maxSampleSize);
+    json += ", ";
+    json += "\"maxWaitForFirstCorrelateMs\" : ";
+    json += std::to_string(maxWaitForFirstCorrelateMs);
+    json += ", ";
+    json += "\"isThreadRunning\" : ";
+    json += isRunning() ? "true" : "false";
+    json += " }";
+    return json;
+}
+
+}  // namespace ztsdlib

@@ -1,0 +1,109 @@
+// Correlates two timescales by a running linear regression of their
+// readings.
+//
+// Once started, a background sampling task reads timescale1 and then
+// timescale2 over and over and adds each pair as one sample (first
+// coordinate timescale1) to a regression of maxSampleSize samples. A round in
+// which either clock did not move (its reading equals its previous one, all
+// fields compared) adds nothing. The task pauses 1 ms between rounds while
+// the history is below maxSampleSize and samplingIntervalMs once it is full.
+// A timescale that throws, or reports an error in the status it is given,
+// ends the task; running stays set until stop().
+//
+// correlate(source, t): the source's URI picks the direction (timescale1's
+// URI: first to second; timescale2's: second to first; otherwise -52005);
+// a stopped correlator refuses with -52017. The first correlate after a
+// start may wait, polling every 5 ms, for the history to fill, at most
+// maxWaitForFirstCorrelateMs in all; the timer's expiry latches, so later
+// calls do not wait again. Two samples are then enough; with fewer the call
+// fails with -52010 and the details "samplingInterval_ms",
+// "historySizeAfterCheck" and "minHistorySize" (2). Regression and
+// conversion failures pass through unchanged.
+//
+// start() refuses a running correlator (-52016) and otherwise starts with a
+// fresh, empty history (a maxSampleSize below 2 is refused by the
+// regression, -52005, and leaves the correlator stopped). stop() clears
+// running, wakes the sampling task at once (it sleeps on a condition
+// variable, so even a long samplingIntervalMs does not delay stop) and waits
+// for it to finish; if the task ended with an exception, stop() then throws
+// that exception, so the reason sampling ended is not lost; the correlator
+// is stopped either way. A correlator that is not running is left as it is.
+// The destructor stops a running correlator and discards such an exception.
+//
+// Threads: the sampling task, any number of threads calling correlate and
+// the other const operations, and one controlling thread calling
+// start/stop (start and stop must not run at the same time). The
+// regression holder has its own mutex (every use of the regression is under
+// it); filterMutex guards only which holder is current, timerMutex the
+// first-correlate timer, wakeMutex the sampling task's sleep. running is
+// atomic. Reports carry the file label "source\ztsdlib\linearCorrelator".
+//
+// The timescales are the caller's objects: the correlator refers to them
+// and the caller keeps them alive as long as the correlator.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "time/monotonicTimer.h"
+#include "time/timestampCorrelatorInterface.h"
+
+namespace ztsdlib {
+
+class LinearRegressionFilterWrapper;
+
+constexpr const char* kLinearCorrelatorFile = "source\\ztsdlib\\linearCorrelator";
+
+class LinearCorrelator : public TimescalePairCorrelator {
+public:
+    LinearCorrelator(std::string correlatorUri, TimescaleInterface& timescale1, TimescaleInterface& timescale2,
+                     std::uint32_t samplingIntervalMs, std::uint32_t maxSampleSize,
+                     std::uint32_t maxWaitForFirstCorrelateMs);
+    ~LinearCorrelator() override;
+
+    LinearCorrelator(const LinearCorrelator&) = delete;
+    LinearCorrelator& operator=(const LinearCorrelator&) = delete;
+
+    ztsdlib_Timestamp correlate(std::string_view sourceTimescaleUri,
+                                const ztsdlib_Timestamp& timestampInSourceTimescale) override;
+    void start() override;
+    void stop() override;
+    bool isRunning() const override { return running.load(); }
+    // { "type" : "linear", "uri" : "...", "timescaleUri1" : "...", "timescaleUri2" : "...",
+    //   "samplingIntervalMs" : n, "maxSampleSize" : n, "maxWaitForFirstCorrelateMs" : n,
+    //   "isThreadRunning" : true|false } on one line, URIs not escaped.
+    std::string toJson() const override;
+
+    // Samples in the current history (0 before the first start).
+    std::uint64_t historySize() const;
+
+private:
+    void sampleUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder);
+    std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
+    // The history size to go on with, after the first-correlate wait.
+    std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder);
+
+    const std::uint32_t samplingIntervalMs;
+    const std::uint32_t maxSampleSize;
+    const std::uint32_t maxWaitForFirstCorrelateMs;
+
+    mutable std::mutex filterMutex;
+    std::shared_ptr<LinearRegressionFilterWrapper> filter;
+
+    std::atomic<bool> running{false};
+    std::future<void> samplingTask;
+
+    std::mutex timerMutex;
+    ztsdtools::MonotonicTimer firstCorrelateTimer;
+
+    std::mutex wakeMutex;
+    std::condition_variable wake;
+};
+
+}  // namespace ztsdlib

@@ -1,0 +1,287 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "time/linearCorrelator.h"
+#include "time/timestamp.h"
+#include "unit/support/errorReport.h"
+#include "unit/support/testTimescales.h"
+
+using ztsdlib::LinearCorrelator;
+using ztsdtest::catchReport;
+using ztsdtest::SteppingTimescale;
+using ztsdtest::timestampOfNanos;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+const std::string kFirstUri = "/chassis-a/ztsdwebs/resources/p/timescales/1";
+const std::string kSecondUri = "/localhost/ztsds/timescales/system";
+
+// A: 1 ms per reading from 10^7 s; B: 1.00005 ms per reading from 2 * 10^7 s
+// (50 ppm fast). Pairs read in turn lie on B = 2e7 s + (A - 1e7 s) * 1.00005.
+constexpr std::uint64_t kStartA_ns = 10000000ULL * 1000000000ULL;
+constexpr std::uint64_t kStartB_ns = 20000000ULL * 1000000000ULL;
+
+std::uint64_t lineB_ns(std::uint64_t a_ns) {
+    const long long offset_ns = static_cast<long long>(a_ns) - static_cast<long long>(kStartA_ns);
+    return static_cast<std::uint64_t>(static_cast<long long>(kStartB_ns) + offset_ns / 20000 * 20001);
+}
+
+long long elapsed_ms(Clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
+}
+
+// Polls until pred holds or 5 s pass.
+template <typename Pred>
+bool eventually(Pred pred) {
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (!pred()) {
+        if (Clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+struct Pair {
+    SteppingTimescale a{kFirstUri, kStartA_ns, 1000000ULL};
+    SteppingTimescale b{kSecondUri, kStartB_ns, 1000050ULL};
+};
+
+}  // namespace
+
+TEST(LinearCorrelator, CorrelatesBothWaysAlongTheLineOfItsTimescales) {
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 20, 5000);
+    correlator.start();
+    EXPECT_TRUE(correlator.isRunning());
+    // Readings that are whole multiples of 20 us map to whole nanoseconds.
+    for (std::uint64_t a_ns : std::initializer_list<std::uint64_t>{kStartA_ns, kStartA_ns + 40000ULL, kStartA_ns + 7200000000000ULL,
+                               kStartA_ns - 3600000000000ULL}) {
+        const ztsdlib_Timestamp b = correlator.correlate(kFirstUri, timestampOfNanos(a_ns));
+        EXPECT_TRUE(ztsdlib::sameTimestamp(b, timestampOfNanos(lineB_ns(a_ns)))) << a_ns;
+        const ztsdlib_Timestamp a = correlator.correlate(kSecondUri, timestampOfNanos(lineB_ns(a_ns)));
+        EXPECT_TRUE(ztsdlib::sameTimestamp(a, timestampOfNanos(a_ns))) << a_ns;
+    }
+    // The first correlate waited for the full history.
+    EXPECT_GE(correlator.historySize(), 20u);
+    // Results are truncated, never rounded, to the nanosecond: 1 ns of B is
+    // 0.99995 ns of A.
+    const ztsdlib_Timestamp a = correlator.correlate(kSecondUri, timestampOfNanos(lineB_ns(kStartA_ns) + 1));
+    EXPECT_TRUE(ztsdlib::sameTimestamp(a, timestampOfNanos(kStartA_ns)));
+    correlator.stop();
+    EXPECT_FALSE(correlator.isRunning());
+}
+
+TEST(LinearCorrelator, ReportsAForeignSourceBeforeAStoppedStateAndRefusesASecondStart) {
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 5, 1000);
+
+    auto foreign = catchReport([&] { correlator.correlate("/other", timestampOfNanos(1)); });
+    EXPECT_EQ(foreign.code, -52005);
+    EXPECT_EQ(foreign.errorConstant, "ztapalerr_invalidParameter");
+    EXPECT_EQ(foreign.file, "source\\ztsdlib\\linearCorrelator");
+    EXPECT_EQ(foreign.message, "Source timescale does not match either timescale in the correlator.");
+    // A prefix of a URI is not the URI.
+    EXPECT_EQ(catchReport([&] { correlator.correlate(kFirstUri.substr(0, 10), timestampOfNanos(1)); }).code, -52005);
+
+    for (const std::string& source : {kFirstUri, kSecondUri}) {
+        auto stopped = catchReport([&] { correlator.correlate(source, timestampOfNanos(1)); });
+        EXPECT_EQ(stopped.code, -52017);
+        EXPECT_EQ(stopped.errorConstant, "ztapalerr_invalidStateTransition");
+        EXPECT_EQ(stopped.message, "Correlator must be started before calling correlate.");
+    }
+    EXPECT_EQ(clocks.a.reads.load(), 0u);  // never started: nothing was read
+
+    correlator.start();
+    auto twice = catchReport([&] { correlator.start(); });
+    EXPECT_EQ(twice.code, -52016);
+    EXPECT_EQ(twice.errorConstant, "ztapalerr_threadAlreadyStarted");
+    EXPECT_EQ(twice.file, "source\\ztsdlib\\linearCorrelator");
+    EXPECT_EQ(twice.message, "LinearCorrelator thread already started.");
+    EXPECT_TRUE(correlator.isRunning());
+    correlator.stop();
+    correlator.stop();  // stopping a stopped correlator changes nothing
+    EXPECT_FALSE(correlator.isRunning());
+}
+
+TEST(LinearCorrelator, ClocksThatDoNotMoveAddNothingAndOnlyTheFirstCorrelateWaits) {
+    // One clock stands still (after its first reading, which differs from
+    // the all-zero reading the task starts from and so gives one sample), or
+    // both read zero throughout (no sample at all).
+    for (int still = 0; still < 3; ++still) {
+        Pair clocks;
+        const std::uint64_t expectedHistory = still == 2 ? 0 : 1;
+        if (still == 0) clocks.a.frozenAfter = 0;
+        if (still == 1) clocks.b.frozenAfter = 0;
+        SteppingTimescale zeroA(kFirstUri, 0, 5), zeroB(kSecondUri, 0, 5);
+        zeroA.frozenAfter = 0;
+        zeroB.frozenAfter = 0;
+        LinearCorrelator correlator("/corr", still == 2 ? zeroA : clocks.a, still == 2 ? zeroB : clocks.b, 7, 10, 150);
+        const auto begin = Clock::now();  // the wait counts from start
+        correlator.start();
+        auto first = catchReport([&] { correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns)); });
+        const auto waited = elapsed_ms(begin);
+        EXPECT_GE(waited, 150);
+        EXPECT_LT(waited, 3000);
+        EXPECT_EQ(first.code, -52010);
+        EXPECT_EQ(first.errorConstant, "ztapalerr_resourceNotInitialized");
+        EXPECT_EQ(first.file, "source\\ztsdlib\\linearCorrelator");
+        EXPECT_EQ(first.message,
+                  "Correlator does not have enough data points even after waiting for the appropriates sampling "
+                  "intervals.");
+        EXPECT_EQ(first.number("samplingInterval_ms"), 7.0);
+        EXPECT_EQ(first.number("historySizeAfterCheck"), static_cast<double>(expectedHistory));
+        EXPECT_EQ(first.number("minHistorySize"), 2.0);
+        EXPECT_NE(first.text.find("\"samplingInterval_ms\":7,\"historySizeAfterCheck\":"), std::string::npos);
+        // Sampling went on all the while, at the fill rate.
+        EXPECT_GT((still == 2 ? zeroB : clocks.b).reads.load(), 10u);
+
+        // The timer latched: the next call fails at once.
+        const auto again = Clock::now();
+        EXPECT_EQ(catchReport([&] { correlator.correlate(kSecondUri, timestampOfNanos(kStartB_ns)); }).code, -52010);
+        EXPECT_LT(elapsed_ms(again), 100);
+        EXPECT_EQ(correlator.historySize(), expectedHistory);
+        correlator.stop();
+    }
+}
+
+TEST(LinearCorrelator, FirstCorrelateGoesOnAsSoonAsTheHistoryIsFullOrWithWhatTheWaitLeft) {
+    {
+        // maxSampleSize 2: the first correlate returns once two samples exist.
+        Pair clocks;
+        LinearCorrelator correlator("/corr", clocks.a, clocks.b, 60000, 2, 60000);
+        correlator.start();
+        const auto begin = Clock::now();
+        const ztsdlib_Timestamp b = correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns + 20000));
+        EXPECT_LT(elapsed_ms(begin), 2000);
+        EXPECT_TRUE(ztsdlib::sameTimestamp(b, timestampOfNanos(lineB_ns(kStartA_ns + 20000))));
+        EXPECT_EQ(correlator.historySize(), 2u);
+        correlator.stop();
+    }
+    {
+        // Clocks that stop after three readings: the wait runs out, and the
+        // three samples there are are enough (two would do).
+        Pair clocks;
+        clocks.a.frozenAfter = 2;
+        LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 50, 100);
+        const auto begin = Clock::now();
+        correlator.start();
+        const ztsdlib_Timestamp a = correlator.correlate(kSecondUri, timestampOfNanos(lineB_ns(kStartA_ns + 60000)));
+        EXPECT_GE(elapsed_ms(begin), 100);
+        EXPECT_TRUE(ztsdlib::sameTimestamp(a, timestampOfNanos(kStartA_ns + 60000)));
+        EXPECT_EQ(correlator.historySize(), 3u);
+        correlator.stop();
+    }
+}
+
+TEST(LinearCorrelator, ARestartBeginsWithAFreshHistoryAndAFreshFirstCorrelateWait) {
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 30, 200);
+    correlator.start();
+    ASSERT_TRUE(eventually([&] { return correlator.historySize() >= 30; }));
+    correlator.stop();
+    EXPECT_EQ(correlator.historySize(), 30u);  // kept until the next start
+
+    // Both clocks stand still from now on: the new run gets one sample (its
+    // first round) and nothing of the old history.
+    clocks.a.frozenAfter = static_cast<long long>(clocks.a.reads.load());
+    clocks.b.frozenAfter = static_cast<long long>(clocks.b.reads.load());
+    const auto begin = Clock::now();
+    correlator.start();
+    ASSERT_TRUE(eventually([&] { return correlator.historySize() >= 1; }));
+    auto report = catchReport([&] { correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns)); });
+    EXPECT_GE(elapsed_ms(begin), 200);  // the wait (counted from start) starts over with each start
+    EXPECT_EQ(report.code, -52010);
+    EXPECT_EQ(report.number("historySizeAfterCheck"), 1.0);
+    correlator.stop();
+}
+
+TEST(LinearCorrelator, StopWakesTheSamplingTaskInsteadOfWaitingOutTheInterval) {
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 600000, 3, 5000);
+    correlator.start();
+    ASSERT_TRUE(eventually([&] { return correlator.historySize() >= 3; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // now in the 10-minute pause
+    const std::uint64_t reads = clocks.a.reads.load();
+    const auto begin = Clock::now();
+    correlator.stop();
+    EXPECT_LT(elapsed_ms(begin), 1000);
+    EXPECT_EQ(clocks.a.reads.load(), reads);
+
+    // The destructor stops a running correlator the same way.
+    auto another = std::make_unique<LinearCorrelator>("/corr2", clocks.a, clocks.b, 600000, 2, 5000);
+    another->start();
+    ASSERT_TRUE(eventually([&] { return another->historySize() >= 2; }));
+    const auto destroyed = Clock::now();
+    another.reset();
+    EXPECT_LT(elapsed_ms(destroyed), 1000);
+    const std::uint64_t afterDestruction = clocks.a.reads.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(clocks.a.reads.load(), afterDestruction);
+}
+
+TEST(LinearCorrelator, AFailingTimescaleEndsSamplingAndStopReportsWhy) {
+    using Failure = SteppingTimescale::Failure;
+    const struct {
+        Failure failure;
+        std::int32_t code;
+        const char* message;
+    } cases[] = {{Failure::Throw, -52024, "the test timescale failed"},
+                 {Failure::Status, -52020, "the test timescale reported an error"},
+                 {Failure::BadNanos, -52005, "Nano seconds field greater than 1e+9"}};
+    for (const auto& c : cases) {
+        Pair clocks;
+        clocks.b.failure = c.failure;
+        clocks.b.failFrom = 4;
+        LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 100, 100);
+        correlator.start();
+        ASSERT_TRUE(eventually([&] { return clocks.b.reads.load() >= 5; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(clocks.b.reads.load(), 5u);  // sampling ended at the failure
+        EXPECT_EQ(correlator.historySize(), 4u);
+        EXPECT_TRUE(correlator.isRunning());   // until stop()
+        // What was sampled is still used once the wait has run out.
+        const ztsdlib_Timestamp b = correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns + 20000));
+        EXPECT_TRUE(ztsdlib::sameTimestamp(b, timestampOfNanos(lineB_ns(kStartA_ns + 20000))));
+
+        auto why = catchReport([&] { correlator.stop(); });
+        EXPECT_EQ(why.code, c.code);
+        EXPECT_EQ(why.message, c.message);
+        EXPECT_FALSE(correlator.isRunning());
+        EXPECT_FALSE(catchReport([&] { correlator.stop(); }).present);  // reported once
+        clocks.b.failFrom = -1;
+        correlator.start();  // and it can run again
+        EXPECT_TRUE(correlator.isRunning());
+        correlator.stop();
+    }
+}
+
+TEST(LinearCorrelator, RefusesToStartWithAHistoryBoundBelowTwo) {
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 1, 10);
+    auto report = catchReport([&] { correlator.start(); });
+    EXPECT_EQ(report.code, -52005);
+    EXPECT_EQ(report.message, "Max history size needs to be >= 2.");
+    EXPECT_FALSE(correlator.isRunning());
+    EXPECT_EQ(clocks.a.reads.load(), 0u);
+}
+
+TEST(LinearCorrelator, DescribesItselfOnOneLineWithTheUrisAsTheyStand) {
+    SteppingTimescale a("/a\"b", 1, 1), b("/c\\d", 1, 1);
+    LinearCorrelator correlator("/corr/1", a, b, 1000, 2, 4294967295u);
+    EXPECT_EQ(correlator.toJson(),
+              "{ \"type\" : \"linear\", \"uri\" : \"/corr/1\", \"timescaleUri1\" : \"/a\"b\", "
+              "\"timescaleUri2\" : \"/c\\d\", \"samplingIntervalMs\" : 1000, \"maxSampleSize\" : 2, "
+              "\"maxWaitForFirstCorrelateMs\" : 4294967295, \"isThreadRunning\" : false }");
+    correlator.start();
+    EXPECT_NE(correlator.toJson().find("\"isThreadRunning\" : true }"), std::string::npos);
+    correlator.stop();
+    EXPECT_EQ(correlator.getUri(), "/corr/1");
+    EXPECT_EQ(&correlator.getTimescale1Uri(), &a.getUri());
+    EXPECT_EQ(&correlator.getTimescale2Uri(), &b.getUri());
+}
