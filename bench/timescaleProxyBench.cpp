@@ -32,27 +32,44 @@ struct Daemon {
     }
 };
 
+// The generated client on an open connection, making the call the proxy
+// makes for the daemon's version.
+class BareClient {
+public:
+    BareClient(std::uint16_t port, std::int32_t daemonVersion)
+        : socket(std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", port)),
+          transport(std::make_shared<apache::thrift::transport::TBufferedTransport>(socket)),
+          client(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport)),
+          version(daemonVersion) {
+        transport->open();
+        socket->setRecvTimeout(5000);
+        socket->setSendTimeout(5000);
+    }
+    ~BareClient() { transport->close(); }
+
+    std::int64_t read() {
+        if (version == 1) {
+            client.getTime(stamp, 0);
+            return stamp.seconds;
+        }
+        client.getTimeAndCurrentTimescales(info);
+        return info.timestamp.seconds;
+    }
+
+private:
+    std::shared_ptr<apache::thrift::transport::TSocket> socket;
+    std::shared_ptr<apache::thrift::transport::TBufferedTransport> transport;
+    tss::timestampServiceClient client;
+    std::int32_t version;
+    tss::TimeInfo info;
+    tss::TimestampInfo stamp;
+};
+
 void bareClient(benchmark::State& state) {
     const auto version = static_cast<std::int32_t>(state.range(0));
     Daemon daemon(version);
-    auto socket = std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", daemon.sim.port());
-    auto transport = std::make_shared<apache::thrift::transport::TBufferedTransport>(socket);
-    tss::timestampServiceClient client(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport));
-    transport->open();
-    socket->setRecvTimeout(5000);
-    socket->setSendTimeout(5000);
-    tss::TimeInfo info;
-    tss::TimestampInfo stamp;
-    for (auto _ : state) {
-        if (version == 1) {
-            client.getTime(stamp, 0);
-            benchmark::DoNotOptimize(stamp.seconds);
-        } else {
-            client.getTimeAndCurrentTimescales(info);
-            benchmark::DoNotOptimize(info.timestamp.seconds);
-        }
-    }
-    transport->close();
+    BareClient client(daemon.sim.port(), version);
+    for (auto _ : state) benchmark::DoNotOptimize(client.read());
 }
 
 void timescaleProxy(benchmark::State& state) {
@@ -72,24 +89,15 @@ void timescaleProxy(benchmark::State& state) {
 void proxyOverBare(benchmark::State& state) {
     const auto version = static_cast<std::int32_t>(state.range(0));
     Daemon daemon(version);
-    auto socket = std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", daemon.sim.port());
-    auto transport = std::make_shared<apache::thrift::transport::TBufferedTransport>(socket);
-    tss::timestampServiceClient client(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport));
-    transport->open();
+    BareClient client(daemon.sim.port(), version);
     ztsdlib::TimescaleProxy proxy(kUri, "127.0.0.1", daemon.sim.port());
     ztsdlib_Timestamp t{};
     proxy.getTime(t, nullptr);
-    tss::TimeInfo info;
-    tss::TimestampInfo stamp;
     std::chrono::nanoseconds bare{0};
     std::chrono::nanoseconds viaProxy{0};
     for (auto _ : state) {
         const auto t0 = std::chrono::steady_clock::now();
-        if (version == 1) {
-            client.getTime(stamp, 0);
-        } else {
-            client.getTimeAndCurrentTimescales(info);
-        }
+        benchmark::DoNotOptimize(client.read());
         const auto t1 = std::chrono::steady_clock::now();
         proxy.getTime(t, nullptr);
         const auto t2 = std::chrono::steady_clock::now();
@@ -98,7 +106,6 @@ void proxyOverBare(benchmark::State& state) {
         benchmark::DoNotOptimize(t.seconds);
     }
     state.counters["proxyOverBare"] = static_cast<double>(viaProxy.count()) / static_cast<double>(bare.count());
-    transport->close();
 }
 
 }  // namespace
