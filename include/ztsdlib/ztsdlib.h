@@ -49,6 +49,7 @@
 #define ZTSDLIB_ZTSDLIB_H
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(_WIN32)
@@ -285,6 +286,33 @@ ZTSDLIB_API const char* ztsdlib_SyncDomain_getTimescaleUri(ztsdlib_SyncDomain* h
 ZTSDLIB_API const char* ztsdlib_SyncDomain_getUri(ztsdlib_SyncDomain* handle, zterr_Status* status);
 /* free() the result. */
 ZTSDLIB_API char* ztsdlib_SyncDomain_toJson(ztsdlib_SyncDomain* handle, zterr_Status* status);
+
+/* ---- loading a chassis' resources ---------------------------------------- */
+
+/* The caller's memory routine for arrays the library hands back. */
+typedef void* (*ztsdlib_Allocator)(size_t size);
+
+/*
+ * networkDeviceParamsJson:
+ *   {"version":1,"type":"networkDeviceParams",
+ *    "params":{"remoteHost":"<host[:port]>","timestampDaemonPort":<port, optional, default 9090>}}
+ * Lists the chassis at remoteHost and returns a proxy of its (first)
+ * syncable device in *deviceOut and one timescale proxy per listed timescale
+ * in an array made with allocator (*timescalesOut; NULL when there are none,
+ * and allocator is then not called) of *timescaleCount handles. The caller
+ * owns every handle and the array. Nothing is written on failure.
+ */
+ZTSDLIB_API void ztsdlib_loadProxyResources(const char* networkDeviceParamsJson, ztsdlib_SyncableDevice** deviceOut,
+                                            ztsdlib_Timescale*** timescalesOut, uint32_t* timescaleCount,
+                                            ztsdlib_Allocator allocator, zterr_Status* status);
+/*
+ * Writes the URI root of the described device (remoteHost, in [...] when it
+ * holds a ':') into both buffers of bufferSize bytes; -52019 when the root
+ * and its NUL do not fit. No network traffic.
+ */
+ZTSDLIB_API void ztsdlib_getProxyResourceUriRootsToUnload(const char* networkDeviceParamsJson, uint32_t bufferSize,
+                                                          char* deviceUriRootOut, char* timescaleUriRootOut,
+                                                          zterr_Status* status);
 
 /* ---- deletion (one entry point for every handle) ------------------------ */
 

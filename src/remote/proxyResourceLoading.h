@@ -1,0 +1,60 @@
+// Turning a network device description into the proxies of what its chassis
+// offers.
+//
+// The description ("networkDeviceParamsJson"):
+//   {"version":1,"type":"networkDeviceParams",
+//    "params":{"remoteHost":"<host[:port] of the chassis web service>",
+//              "timestampDaemonPort":<port of its timestamp daemon>}}
+// "timestampDaemonPort" is optional (kDefaultTimestampDaemonPort); the daemon
+// is reached on the host part of remoteHost (without its port).
+//
+// Choices:
+//  - A listing with several "syncableDevices" entries loads the first one;
+//    the others are left alone (one description names one device).
+//  - With no "timescales" entries the caller's allocator is not called: the
+//    array is NULL and the count 0.
+//  - Every proxy is made before anything is written to the caller: a failure
+//    releases what was made and leaves the outputs untouched. The array is
+//    allocated last, so it is never left behind either.
+//  - The URI root is remoteHost as given, wrapped in "[...]" when it holds a
+//    ":" and is not bracketed already. Both root buffers must hold the root
+//    and its terminating NUL.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "syncdomain/syncableDeviceInterface.h"
+#include "time/timescaleInterface.h"
+
+namespace ztsdlib {
+
+constexpr std::uint32_t kDefaultTimestampDaemonPort = 9090;
+
+struct NetworkDeviceParams {
+    std::string remoteHost;
+    std::uint32_t timestampDaemonPort = kDefaultTimestampDaemonPort;
+};
+
+// Validates strictly (the source names the caller in the report) and reads
+// the description; raises -52005 with the message of the first rule broken.
+NetworkDeviceParams parseNetworkDeviceParams(const std::string& json, const char* source);
+
+std::string uriRootOf(const std::string& remoteHost);
+
+// The host part of "host", "host:port", "[v6]" or "[v6]:port"; a bare IPv6
+// literal (several ":") is returned whole.
+std::string hostPartOf(const std::string& remoteHost);
+
+struct LoadedProxies {
+    std::unique_ptr<SyncableDeviceInterface> device;
+    std::vector<std::unique_ptr<TimescaleInterface>> timescales;
+};
+
+// Lists the chassis and makes a device proxy and one timescale proxy per
+// listed timescale. Raises -52006 when the chassis lists no syncable device.
+LoadedProxies loadProxyResources(const NetworkDeviceParams& params);
+
+}  // namespace ztsdlib

@@ -1,0 +1,172 @@
+// Loading a chassis' resources as proxies through the exports, against
+// simulated chassis (web service and timestamp daemon) on 127.0.0.1.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "unit/support/statusFixture.h"
+#include "ztsd-sim/simulatedChassis.h"
+#include "ztsdlib/ztsdlib.h"
+
+namespace {
+
+std::string params(const std::string& remoteHost, std::uint16_t daemonPort) {
+    return "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" + remoteHost +
+           "\",\"timestampDaemonPort\":" + std::to_string(daemonPort) + "}}";
+}
+
+int allocations = 0;
+void* countingAllocator(size_t size) {
+    ++allocations;
+    return std::malloc(size);
+}
+void* refusingAllocator(size_t) { return nullptr; }
+
+struct Loaded {
+    ztsdlib_SyncableDevice* device = nullptr;
+    ztsdlib_Timescale** timescales = nullptr;
+    uint32_t count = 12345;
+};
+
+class Loading : public ::testing::Test {
+protected:
+    void SetUp() override { chassis.start(); }
+    Loaded load(const std::string& json, ztsdlib_Allocator allocator = countingAllocator) {
+        Loaded out;
+        ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, allocator, &status);
+        return out;
+    }
+    std::string hostParams() { return params(chassis.webService().remoteHost(), chassis.daemonPort()); }
+    ztsdsim::SimulatedChassis chassis;
+    ztsdtest::OwnedStatus status;
+};
+
+}  // namespace
+
+TEST_F(Loading, MakesTheFirstDeviceAndEveryTimescaleOfTheListing) {
+    const std::string first = chassis.webService().addDevice("chassis0");
+    chassis.webService().addDevice("chassis1");  // a second device is left alone
+    const std::string ts1 = chassis.addTimescale("00-80-2F-AA-BB-01");
+    const std::string ts2 = chassis.addTimescale("00-80-2F-AA-BB-02");
+    allocations = 0;
+    Loaded out = load(hostParams());
+    ASSERT_EQ(status.s.code, 0) << status.text();
+    ASSERT_EQ(out.count, 2u);
+    EXPECT_EQ(allocations, 1);
+    EXPECT_STREQ(ztsdlib_SyncableDevice_getUri(out.device, &status), first.c_str());
+    EXPECT_STREQ(ztsdlib_Timescale_getUri(out.timescales[0], &status), ts1.c_str());
+    EXPECT_STREQ(ztsdlib_Timescale_getUri(out.timescales[1], &status), ts2.c_str());
+
+    // The proxies work: the device answers and the timescales read the daemon.
+    uint32_t losses = 9;
+    EXPECT_TRUE(ztsdlib_SyncableDevice_isCoherent(out.device, &losses, &status));
+    ztsdlib_Timestamp t{};
+    ztsdlib_Timescale_getTime(out.timescales[1], &t, &status);
+    EXPECT_EQ(status.s.code, 0) << status.text();
+    EXPECT_GT(t.seconds, 13000000000u);
+
+    ztsdlib_SyncableDevice_delete(out.device);
+    for (uint32_t i = 0; i < out.count; ++i) ztsdlib_Timescale_delete(out.timescales[i]);
+    std::free(out.timescales);
+}
+
+TEST_F(Loading, WithoutTimescalesNothingIsAllocated) {
+    chassis.webService().addDevice("chassis0");
+    allocations = 0;
+    Loaded out = load(hostParams());
+    ASSERT_EQ(status.s.code, 0) << status.text();
+    EXPECT_EQ(out.count, 0u);
+    EXPECT_EQ(out.timescales, nullptr);
+    EXPECT_EQ(allocations, 0);
+    ztsdlib_SyncableDevice_delete(out.device);
+}
+
+TEST_F(Loading, FailuresWriteNothingAndLeakNothing) {
+    chassis.addTimescale("00-80-2F-AA-BB-01");
+    Loaded out = load(hostParams());  // only timescales listed
+    EXPECT_EQ(status.s.code, -52006);
+    EXPECT_NE(status.text().find("No syncableDevices returned from remote chassis to load."), std::string::npos);
+    EXPECT_NE(status.text().find("\"resourceType\":\"syncableDevice\""), std::string::npos);
+    EXPECT_EQ(out.device, nullptr);
+    EXPECT_EQ(out.count, 12345u);
+
+    chassis.webService().addDevice("chassis0");
+    ztsdtest::OwnedStatus refused;
+    Loaded none;
+    ztsdlib_loadProxyResources(hostParams().c_str(), &none.device, &none.timescales, &none.count, refusingAllocator,
+                               &refused);
+    EXPECT_EQ(refused.s.code, -52000);
+    EXPECT_NE(refused.text().find("Unable to allocate memory for Timescales"), std::string::npos);
+    EXPECT_EQ(none.device, nullptr);
+
+    // A daemon that cannot be reached fails the load; the proxies made so far go.
+    ztsdtest::OwnedStatus noDaemon;
+    const std::string badPort = params(chassis.webService().remoteHost(), 1);
+    ztsdlib_loadProxyResources(badPort.c_str(), &none.device, &none.timescales, &none.count, countingAllocator,
+                               &noDaemon);
+    EXPECT_EQ(noDaemon.s.code, -52024) << noDaemon.text();
+    EXPECT_EQ(none.device, nullptr);
+}
+
+TEST_F(Loading, RefusesMissingArgumentsAndMalformedDescriptions) {
+    Loaded out;
+    ztsdlib_loadProxyResources(hostParams().c_str(), &out.device, nullptr, &out.count, countingAllocator, &status);
+    EXPECT_EQ(status.s.code, -52005);
+    EXPECT_NE(status.text().find("\"nullptr\":\"timescalesOut\""), std::string::npos) << status.text();
+
+    const std::pair<std::string, std::string> cases[] = {
+        {"{\"version\":1,", "networkDeviceParamsJson contains an invalid JSON string."},
+        {"{\"version\":0,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"h\"}}",
+         "Sync Domain API version in networkDeviceParamsJson missing or incorrect."},
+        {"{\"type\":\"networkDeviceParams\"}", "Sync Domain API version in networkDeviceParamsJson missing or incorrect."},
+        {"{\"version\":1,\"type\":\"other\"}", "Type in networkDeviceParamsJson missing or invalid."},
+        {"{\"version\":1,\"type\":\"networkDeviceParams\"}", "Error parsing 'params' key from networkDeviceParamsJson"},
+        {"{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{}}",
+         "Error parsing 'remoteHost' key from networkDeviceParamsJson"},
+    };
+    for (const auto& [json, message] : cases) {
+        ztsdtest::OwnedStatus st;
+        Loaded o;
+        ztsdlib_loadProxyResources(json.c_str(), &o.device, &o.timescales, &o.count, countingAllocator, &st);
+        EXPECT_EQ(st.s.code, -52005) << json;
+        EXPECT_NE(st.text().find(message), std::string::npos) << st.text();
+        EXPECT_EQ(o.device, nullptr);
+        ztsdtest::OwnedStatus roots;
+        char a[64], b[64];
+        ztsdlib_getProxyResourceUriRootsToUnload(json.c_str(), sizeof a, a, b, &roots);
+        EXPECT_NE(roots.text().find(message), std::string::npos) << roots.text();
+    }
+}
+
+TEST(UriRoots, BracketIpv6HostsAndNeedRoomForTheNul) {
+    auto roots = [](const std::string& host, uint32_t size, std::string& device, std::string& timescale) {
+        const std::string json =
+            "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" + host + "\"}}";
+        ztsdtest::OwnedStatus st;
+        char a[64] = "untouched", b[64] = "untouched";
+        ztsdlib_getProxyResourceUriRootsToUnload(json.c_str(), size, a, b, &st);
+        device = a;
+        timescale = b;
+        return std::make_pair(st.s.code, st.text());
+    };
+    std::string d, t;
+    EXPECT_EQ(roots("chassis-7", 64, d, t).first, 0);
+    EXPECT_EQ(d, "chassis-7");
+    EXPECT_EQ(t, "chassis-7");
+    roots("fe80::1", 64, d, t);
+    EXPECT_EQ(d, "[fe80::1]");
+    roots("[fe80::1]", 64, d, t);
+    EXPECT_EQ(d, "[fe80::1]");
+    EXPECT_EQ(roots("abcd", 5, d, t).first, 0);  // four characters and the NUL
+    auto tooSmall = roots("abcd", 4, d, t);
+    EXPECT_EQ(tooSmall.first, -52019);
+    EXPECT_NE(tooSmall.second.find("the uri root buffers is not large enough."), std::string::npos);
+    EXPECT_NE(tooSmall.second.find("\"remoteHost\":\"abcd\",\"bufferSize\":4"), std::string::npos);
+    EXPECT_EQ(d, "untouched");
+
+    ztsdtest::OwnedStatus st;
+    char a[8];
+    ztsdlib_getProxyResourceUriRootsToUnload("{}", sizeof a, a, nullptr, &st);
+    EXPECT_NE(st.text().find("\"nullptr\":\"timescaleUriRootOut\""), std::string::npos);
+}
