@@ -12,24 +12,23 @@ std::uint64_t LinearRegressionFilterWrapper::getHistorySize() const {
     return filter_->getHistorySize();
 }
 
-ztsdlib_Timestamp LinearRegressionFilterWrapper::calculateFirst(const ztsdlib_Timestamp& second) const {
-    const TimestampDecimal y = toDecimal(second);
-    TimestampDecimal x;
+ztsdlib_Timestamp LinearRegressionFilterWrapper::calculate(const ztsdlib_Timestamp& argument,
+                                                           Calculation calculation) const {
+    const TimestampDecimal in = toDecimal(argument);
+    TimestampDecimal out;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        x = filter_->calculateFirst(y);
+        out = ((*filter_).*calculation)(in);
     }
-    return toTimestamp(x);
+    return toTimestamp(out);
+}
+
+ztsdlib_Timestamp LinearRegressionFilterWrapper::calculateFirst(const ztsdlib_Timestamp& second) const {
+    return calculate(second, &LinearRegressionFilterInterface::calculateFirst);
 }
 
 ztsdlib_Timestamp LinearRegressionFilterWrapper::calculateSecond(const ztsdlib_Timestamp& first) const {
-    const TimestampDecimal x = toDecimal(first);
-    TimestampDecimal y;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        y = filter_->calculateSecond(x);
-    }
-    return toTimestamp(y);
+    return calculate(first, &LinearRegressionFilterInterface::calculateSecond);
 }
 
 void LinearRegressionFilterWrapper::addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) {

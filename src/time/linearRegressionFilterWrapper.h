@@ -38,6 +38,10 @@ public:
     LinearRegressionFilterInterface& filter() const { return *filter_; }
 
 private:
+    using Calculation = TimestampDecimal (LinearRegressionFilterInterface::*)(const TimestampDecimal&) const;
+    // Converts the argument, runs the calculation under the lock, converts back.
+    ztsdlib_Timestamp calculate(const ztsdlib_Timestamp& argument, Calculation calculation) const;
+
     mutable std::mutex mutex_;
     std::shared_ptr<LinearRegressionFilterInterface> filter_;
 };

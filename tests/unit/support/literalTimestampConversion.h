@@ -23,24 +23,23 @@ struct LiteralConversionFailure {
 
 // std::stoull/std::stoul with the messages of the conversions' contract (the
 // standard library here words them differently; kind and cause are the same).
-inline unsigned long long literalStoull(const std::string& text) {
+template <typename Convert>
+auto withContractMessages(const std::string& name, Convert&& convert) {
     try {
-        return std::stoull(text, nullptr, 10);
+        return convert();
     } catch (const std::out_of_range&) {
-        throw std::out_of_range("stoull argument out of range");
+        throw std::out_of_range(name + " argument out of range");
     } catch (const std::invalid_argument&) {
-        throw std::invalid_argument("invalid stoull argument");
+        throw std::invalid_argument("invalid " + name + " argument");
     }
 }
 
+inline unsigned long long literalStoull(const std::string& text) {
+    return withContractMessages("stoull", [&] { return std::stoull(text, nullptr, 10); });
+}
+
 inline unsigned long literalStoul(const std::string& text) {
-    try {
-        return std::stoul(text, nullptr, 10);
-    } catch (const std::out_of_range&) {
-        throw std::out_of_range("stoul argument out of range");
-    } catch (const std::invalid_argument&) {
-        throw std::invalid_argument("invalid stoul argument");
-    }
+    return withContractMessages("stoul", [&] { return std::stoul(text, nullptr, 10); });
 }
 
 inline ztsdlib::TimestampDecimal literalToDecimal(const ztsdlib_Timestamp& t) {
