@@ -24,15 +24,24 @@ TimescaleProxyThriftClient::TimescaleProxyThriftClient(const std::string& host, 
                                                        std::uint32_t timeout_ms)
     // A port beyond int's range becomes -1, which the socket refuses at open().
     : socket(std::make_shared<TSocket>(host, port > static_cast<std::uint32_t>(INT_MAX) ? -1 : static_cast<int>(port))),
-      transport(std::make_shared<TBufferedTransport>(socket)),
-      protocol(std::make_shared<TBinaryProtocol>(transport)),
-      client(std::make_unique<timestampservice::timestampServiceClient>(protocol)),
-      socketTimeout_ms(timeout_ms > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeout_ms)) {}
+      socketTimeout_ms(timeout_ms > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeout_ms)) {
+    layerOverSocket();
+}
+
+void TimescaleProxyThriftClient::layerOverSocket() {
+    transport = std::make_shared<TBufferedTransport>(socket);
+    protocol = std::make_shared<TBinaryProtocol>(transport);
+    client = std::make_unique<timestampservice::timestampServiceClient>(protocol);
+}
 
 TimescaleProxyThriftClient::~TimescaleProxyThriftClient() { close(); }
 
 void TimescaleProxyThriftClient::open() {
     if (transport->isOpen()) return;
+    // A reply the protocol gave up on may have left bytes of the old
+    // connection in the buffers; the new connection starts with empty ones.
+    if (opened) layerOverSocket();
+    opened = true;
     // Without a connect time-out an unreachable host would hold the caller
     // for the operating system's own (minutes).
     socket->setConnTimeout(socketTimeout_ms);

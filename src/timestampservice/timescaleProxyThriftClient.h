@@ -4,7 +4,7 @@
 //
 // The transport stays open between calls; open() opens it only when it is
 // closed, and the owner closes it after a failure so that the next open()
-// starts a fresh connection. Every operation throws what Thrift throws:
+// starts a fresh connection, with fresh buffers. Every operation throws what Thrift throws:
 // transport exceptions for socket failures and time-outs, protocol and
 // application exceptions for bad replies, thrift_zterr for the daemon's own
 // failures.
@@ -66,11 +66,15 @@ public:
     void getTimeAndCurrentTimescales(timestampservice::TimeInfo& result) override;
 
 private:
+    // A fresh buffered transport, protocol and generated client over socket.
+    void layerOverSocket();
+
     std::shared_ptr<apache::thrift::transport::TSocket> socket;
     std::shared_ptr<apache::thrift::transport::TTransport> transport;
     std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
     std::unique_ptr<timestampservice::timestampServiceClient> client;
     int socketTimeout_ms;
+    bool opened = false;  // open() has succeeded or been tried before
 };
 
 // What an RPC failure was, for reports: the exception's what() text, its

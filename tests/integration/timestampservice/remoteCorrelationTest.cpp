@@ -1,0 +1,71 @@
+// End to end: a linear correlator between the host's clock and a remote
+// timescale whose daemon runs 2.5 s ahead and 50 ppm fast recovers the
+// daemon's true mapping, both ways, to within 100 us.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "integration/timestampservice/daemonTestSupport.h"
+#include "time/hostTimescale.h"
+#include "time/linearCorrelator.h"
+
+namespace {
+
+using daemontest::hostNow;
+
+// b - a in nanoseconds, for non-negative records less than 292 years apart.
+std::int64_t nanosBetween(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {
+    return (static_cast<std::int64_t>(b.seconds) - static_cast<std::int64_t>(a.seconds)) * 1000000000 +
+           (static_cast<std::int64_t>(b.nanos) - static_cast<std::int64_t>(a.nanos));
+}
+
+// What is left after the regression is mostly the time between the
+// correlator's host reading and the daemon's clock reading (the request's
+// way out over loopback), some tens of microseconds. Sanitizer builds run
+// that path several times slower, so they get 1 ms.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::int64_t kTolerance_ns = 1000000;
+#else
+constexpr std::int64_t kTolerance_ns = 100000;
+#endif
+
+using RemoteCorrelationTest = daemontest::DaemonFixture;
+
+TEST_F(RemoteCorrelationTest, HostToRemoteAndBackWithin100us) {
+    ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
+    auto remote = makeProxy();
+    // 200 samples 1 ms apart, filling and after.
+    ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/e2e", host, *remote, 1, 200, 5000);
+    correlator.start();
+
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        const ztsdlib_Timestamp h = hostNow();
+        const ztsdlib_Timestamp expectedRemote = daemon.timeAt(h);
+        const ztsdlib_Timestamp remoteTime = correlator.correlate(ztsdlib::kHostTimescaleUri, h);
+        const std::int64_t forward = nanosBetween(expectedRemote, remoteTime);
+        EXPECT_LE(std::llabs(forward), kTolerance_ns) << "host " << daemontest::show(h) << " -> remote "
+                                                      << daemontest::show(remoteTime) << ", true "
+                                                      << daemontest::show(expectedRemote);
+
+        // Back: the remote time the daemon shows at host time h maps to h.
+        const ztsdlib_Timestamp hostTime = correlator.correlate(remote->getUri(), expectedRemote);
+        const std::int64_t backward = nanosBetween(h, hostTime);
+        EXPECT_LE(std::llabs(backward), kTolerance_ns) << "remote " << daemontest::show(expectedRemote)
+                                                       << " -> host " << daemontest::show(hostTime) << ", true "
+                                                       << daemontest::show(h);
+        // And at a host time inside the sampled span, not at its end.
+        ztsdlib_Timestamp earlier = h;
+        earlier.nanos = h.nanos >= 50000000 ? h.nanos - 50000000 : h.nanos + 950000000;
+        earlier.seconds -= h.nanos >= 50000000 ? 0 : 1;
+        const std::int64_t inside =
+            nanosBetween(daemon.timeAt(earlier), correlator.correlate(ztsdlib::kHostTimescaleUri, earlier));
+        EXPECT_LE(std::llabs(inside), kTolerance_ns);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    correlator.stop();
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+// The RPC client against a loopback peer that answers with bytes the test
+// chooses: a reply the protocol gives up on must not leak into the next
+// connection, and a well-formed reply is read as the daemon meant it.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/protocol/TProtocolException.h>
+#include <thrift/transport/TBufferTransports.h>
+
+#include "timestampservice/timescaleProxyThriftClient.h"
+
+namespace {
+
+namespace tss = ztsdlib::timestampservice;
+using apache::thrift::protocol::TProtocolException;
+
+// A loopback listener that answers its n-th connection's first request with
+// replies[n] and then waits, at most 3 s, for the peer to close.
+class CannedPeer {
+public:
+    explicit CannedPeer(std::vector<std::string> cannedReplies) : replies(std::move(cannedReplies)) {
+        listener = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener, 4) != 0 || ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            throw std::runtime_error("cannot listen on loopback");
+        port = ntohs(address.sin_port);
+        server = std::thread([this] { serve(); });
+    }
+    ~CannedPeer() {
+        server.join();
+        ::close(listener);
+    }
+    std::uint16_t port = 0;
+
+private:
+    static bool readable(int fd, int timeout_ms) {
+        pollfd p{fd, POLLIN, 0};
+        return ::poll(&p, 1, timeout_ms) == 1;
+    }
+    void serve() {
+        for (const std::string& reply : replies) {
+            if (!readable(listener, 3000)) return;
+            const int connection = ::accept(listener, nullptr, nullptr);
+            if (connection < 0) return;
+            char request[512];
+            if (readable(connection, 3000) && ::recv(connection, request, sizeof request, 0) > 0)
+                ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
+            while (readable(connection, 3000) && ::recv(connection, request, sizeof request, 0) > 0) {
+            }
+            ::close(connection);
+        }
+    }
+    std::vector<std::string> replies;
+    int listener = -1;
+    std::thread server;
+};
+
+// The bytes of a getApiVersion reply carrying version.
+std::string versionReply(std::int32_t version) {
+    auto buffer = std::make_shared<apache::thrift::transport::TMemoryBuffer>();
+    apache::thrift::protocol::TBinaryProtocol protocol(buffer);
+    tss::timestampService_getApiVersion_result result;
+    result.success = version;
+    result.__isset.success = true;
+    protocol.writeMessageBegin("getApiVersion", apache::thrift::protocol::T_REPLY, 0);
+    result.write(&protocol);
+    protocol.writeMessageEnd();
+    return buffer->getBufferAsString();
+}
+
+TEST(TimescaleProxyThriftClient, AnUnreadableReplyLeavesNothingForTheNextConnection) {
+    // A reply with an unknown protocol version, then more bytes in the same
+    // segment, which the buffered transport has read ahead.
+    std::string garbled("\x80\x02\x00\x02", 4);
+    garbled += versionReply(99).substr(4);
+    CannedPeer peer({garbled, versionReply(7)});
+
+    ztsdlib::TimescaleProxyThriftClient client("127.0.0.1", peer.port, 2000);
+    client.open();
+    EXPECT_TRUE(client.isOpen());
+    try {
+        client.getApiVersion();
+        ADD_FAILURE() << "a reply of another protocol version was read";
+    } catch (const TProtocolException& e) {
+        EXPECT_EQ(e.getType(), TProtocolException::BAD_VERSION);
+    }
+    client.close();
+    EXPECT_FALSE(client.isOpen());
+    client.open();
+    EXPECT_EQ(client.getApiVersion(), 7);
+    client.close();
+    client.close();  // closing twice is harmless
+}
+
+}  // namespace
