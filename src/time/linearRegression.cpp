@@ -35,24 +35,24 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
     }
     const TimestampDecimal dx_s = first_s - start1_s;
     const TimestampDecimal dy_s = second_s - start2_s;
+    Sample sample{dx_s, dy_s, dx_s * dx_s, dx_s * dy_s};
     if (offsetsFromStart.size() >= maxHistorySize) {
         // Take the oldest sample out of the sums and reuse its node for the
         // new one (moved to the back: no allocation once the history is full).
-        Sample& oldest = offsetsFromStart.front();
+        const Sample& oldest = offsetsFromStart.front();
         sumX -= oldest.dx_s;
         sumY -= oldest.dy_s;
-        sumXX -= oldest.dx_s * oldest.dx_s;
-        sumXY -= oldest.dx_s * oldest.dy_s;
+        sumXX -= oldest.dxdx;
+        sumXY -= oldest.dxdy;
         offsetsFromStart.splice(offsetsFromStart.end(), offsetsFromStart, offsetsFromStart.begin());
-        offsetsFromStart.back() = Sample{dx_s, dy_s};
+        offsetsFromStart.back() = sample;
     } else {
-        offsetsFromStart.push_back(Sample{dx_s, dy_s});
+        offsetsFromStart.push_back(sample);
     }
-    const Sample& sample = offsetsFromStart.back();
     sumX += sample.dx_s;
     sumY += sample.dy_s;
-    sumXX += sample.dx_s * sample.dx_s;
-    sumXY += sample.dx_s * sample.dy_s;
+    sumXX += sample.dxdx;
+    sumXY += sample.dxdy;
     refit();
 }
 

@@ -53,9 +53,14 @@ public:
     TimestampDecimal intercept_s() const;
 
 private:
+    // One kept sample. Its two products are kept with it so that dropping
+    // it takes out of the sums exactly what adding it put in, without
+    // multiplying again.
     struct Sample {
         TimestampDecimal dx_s;  // first reading - start1
         TimestampDecimal dy_s;  // second reading - start2
+        TimestampDecimal dxdx;  // dx_s * dx_s
+        TimestampDecimal dxdy;  // dx_s * dy_s
     };
     enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
 

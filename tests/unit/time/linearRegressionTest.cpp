@@ -303,13 +303,22 @@ TEST(LinearRegression, RefusesHistoryBoundsBelowTwoOrBeyondWhatTheListCanHold) {
     auto tooBig = catchReport([] { LinearRegression r(UINT64_MAX); });
     EXPECT_EQ(tooBig.code, -52005);
     EXPECT_EQ(tooBig.message, "Max history size set greater than system limitations.");
-    // Both sizes in full, in this order (the JSON text keeps all 64-bit digits).
-    const std::string largest = std::to_string(std::list<std::pair<TimestampDecimal, TimestampDecimal>>().max_size());
-    EXPECT_NE(tooBig.text.find("\"offsetsFromStart.max_size()\":" + largest + ",\"maxHistorySize\":18446744073709551615}"),
-              std::string::npos)
-        << tooBig.text;
-    EXPECT_FALSE(catchReport([&] { LinearRegression r(std::stoull(largest)); }).present);
-    EXPECT_TRUE(catchReport([&] { LinearRegression r(std::stoull(largest) + 1); }).present);
+    // Both sizes in full, in this order (the JSON text keeps all 64-bit
+    // digits); the largest size is the list's own limit: it is accepted, one
+    // more is not.
+    const std::string key = "\"offsetsFromStart.max_size()\":";
+    const std::size_t at = tooBig.text.find(key);
+    ASSERT_NE(at, std::string::npos) << tooBig.text;
+    const std::size_t digits = at + key.size();
+    const std::size_t comma = tooBig.text.find(',', digits);
+    const std::string largest = tooBig.text.substr(digits, comma - digits);
+    EXPECT_EQ(tooBig.text.substr(comma), ",\"maxHistorySize\":18446744073709551615}}");
+    const std::uint64_t limit = std::stoull(largest);
+    EXPECT_GT(limit, 1000000000000000ULL);
+    EXPECT_LT(limit, UINT64_MAX / (2 * sizeof(TimestampDecimal)));
+    EXPECT_FALSE(catchReport([&] { LinearRegression r(limit); }).present);
+    EXPECT_EQ(catchReport([&] { LinearRegression r(limit + 1); }).message,
+              "Max history size set greater than system limitations.");
 }
 
 TEST(LinearRegression, DegenerateHistoriesReportWhyThereIsNoFit) {
