@@ -287,18 +287,26 @@ void tCURL::request(bool upload, const std::string& body, std::string& result) {
     if (_prefix.empty()) raiseCheck(zterr::code::kInvalidURIPrefix, zterr::name::kInvalidURIPrefix, "!_prefix.empty()");
     const std::string url = joinAddress(_prefix, _uri);
 
-    // The buffers of this request; emptied (and their memory returned) on
-    // every path, so a huge reply does not stay with the client.
+    // The buffers of this request; emptied on every path. Their memory is
+    // kept for the next request unless a large body made them grow, so a
+    // huge reply does not stay with the client.
     struct Buffers {
         tCURL& client;
+        static void release(std::string& buffer) {
+            constexpr std::size_t kKeptCapacity = 64u * 1024u;
+            if (buffer.capacity() > kKeptCapacity)
+                std::string().swap(buffer);
+            else
+                buffer.clear();
+        }
         ~Buffers() {
-            std::string().swap(client.tempBufferForGet);
-            std::string().swap(client.putTextBuffer.text);
+            release(client.tempBufferForGet);
+            release(client.putTextBuffer.text);
             client.putTextBuffer.position = 0;
         }
     } buffers{*this};
     tempBufferForGet.clear();
-    putTextBuffer.text = upload ? body : std::string();
+    if (upload) putTextBuffer.text = body;
     putTextBuffer.position = 0;
     errbuf[0] = '\0';
 
