@@ -52,7 +52,8 @@ struct ResourceListing {
 // {"version":1,"resources":[{"uri":"...","resourceType":"syncableDevices"|"timescales"},...]}
 //  - "version" absent or not 1: -52005 "Sync Domain API version in JSON
 //    response from chassis missing or incorrect." (detail "remoteHost");
-//  - "resources" absent: -52006 "Error parsing 'resources' key from JSON response.";
+//  - "resources" absent: -52006 "Error parsing 'resources' key from JSON
+//    response." ("resources": null is an empty list);
 //  - an element without "uri": -52005 "Error parsing 'uri' key from
 //    resource JSON array element." (detail "resource");
 //  - an element whose "resourceType" is absent or another text: -52005
