@@ -1,11 +1,10 @@
 #include "syncdomain/nopSyncDomain.h"
 
-#include "errors/exception.h"
+#include "syncdomain/domainChecks.h"
 
 namespace ztsdlib {
 namespace {
 constexpr const char* kFile = "source\\ztsdlib\\nopSyncDomain";
-constexpr const char* kDebug = "ztsyncdomain_debug";
 }  // namespace
 
 NopSyncDomain::NopSyncDomain(std::string uriText, TimescaleInterface& timescale)
@@ -18,30 +17,13 @@ bool NopSyncDomain::isMember(const std::string& deviceUri) const {
 }
 
 void NopSyncDomain::addSyncableDevice(SyncableDeviceInterface* device) {
-    if (!device) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter), zterr::code::ztapalerr_invalidParameter,
-                     kDebug,
-                     {{"message", "Encountered missing parameter needed for task completion."}, {"device", "nullptr"}});
-    }
-    if (isDomainRunning) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                     {{"message", "Syncable devices may only be added when Sync Domain is not running."},
-                      {"isDomainRunning", true},
-                      {"syncDomainUri", uri},
-                      {"syncableDeviceUri", device->getUri()}});
-    }
+    domainChecks::checkCanAddDevice(kFile, device, isDomainRunning, uri);
     if (isMember(device->getUri())) return;
     members.push_back(device);
 }
 
 bool NopSyncDomain::isCoherent() {
-    if (!isDomainRunning) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                     {{"message", "Sync Domain coherency may only be queried if the domain is running."},
-                      {"isDomainRunning", false}});
-    }
+    domainChecks::checkCanQueryCoherency(kFile, isDomainRunning, nullptr);
     return isCoherentFlag;
 }
 
@@ -51,19 +33,7 @@ bool NopSyncDomain::start(std::uint32_t timeout_s) {
 }
 
 void NopSyncDomain::startV2(bool, bool, std::uint32_t) {
-    if (isDomainRunning) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                     {{"message", "Sync Domain is already running; need to call stop before calling start again."},
-                      {"isDomainRunning", true}});
-    }
-    if (members.empty()) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_resourceNotInitialized),
-                     zterr::code::ztapalerr_resourceNotInitialized, kDebug,
-                     {{"message",
-                       "Sync Domain cannot start without any members. Please add at least one Syncable Device to the "
-                       "domain and try again."}});
-    }
+    domainChecks::checkCanStart(kFile, isDomainRunning, !members.empty(), nullptr);
     isDomainRunning = isCoherentFlag = true;
 }
 

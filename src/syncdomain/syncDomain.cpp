@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "errors/exception.h"
+#include "syncdomain/domainChecks.h"
 #include "syncdomain/memberTasks.h"
 
 namespace ztsdlib {
@@ -41,18 +42,7 @@ const SyncDomain::MemberState* SyncDomain::memberState(const std::string& device
 }
 
 void SyncDomain::addSyncableDevice(SyncableDeviceInterface* device) {
-    if (!device) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter), zterr::code::ztapalerr_invalidParameter,
-                     kDebug, {{"message", kMissingParameter}, {"device", "nullptr"}});
-    }
-    if (isDomainRunning) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                     {{"message", "Syncable devices may only be added when Sync Domain is not running."},
-                      {"isDomainRunning", true},
-                      {"syncDomainUri", uri},
-                      {"syncableDeviceUri", device->getUri()}});
-    }
+    domainChecks::checkCanAddDevice(kFile, device, isDomainRunning, uri);
     const std::string deviceUri = device->getUri();
     if (members.count(deviceUri)) return;
     device->setCoherencyRequirements(requirementsJson, uri);
@@ -107,21 +97,7 @@ bool SyncDomain::start(std::uint32_t timeout_s) {
 }
 
 void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) {
-    if (isDomainRunning) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                     {{"message", "Sync Domain is already running; need to call stop before calling start again."},
-                      {"isDomainRunning", true},
-                      {"syncDomainUri", uri}});
-    }
-    if (members.empty()) {
-        zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_resourceNotInitialized),
-                     zterr::code::ztapalerr_resourceNotInitialized, kDebug,
-                     {{"message",
-                       "Sync Domain cannot start without any members. Please add at least one Syncable Device to the "
-                       "domain and try again."},
-                      {"syncDomainUri", uri}});
-    }
+    domainChecks::checkCanStart(kFile, isDomainRunning, !members.empty(), &uri);
     if (!saveInitialCoherency) {
         if (waitToBecomeCoherent) {
             zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_featureUnsupported),
@@ -171,16 +147,8 @@ void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, s
     isDomainRunning = true;
 }
 
-void SyncDomain::raiseNotRunning() const {
-    zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidStateTransition),
-                 zterr::code::ztapalerr_invalidStateTransition, kDebug,
-                 {{"message", "Sync Domain coherency may only be queried if the domain is running."},
-                  {"isDomainRunning", false},
-                  {"syncDomainUri", uri}});
-}
-
 bool SyncDomain::isCoherent() {
-    if (!isDomainRunning) raiseNotRunning();
+    domainChecks::checkCanQueryCoherency(kFile, isDomainRunning, &uri);
     if (!isCoherentLatch) return false;
     ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
     for (const auto& [memberUri, result] : checkMembers(timer)) {
@@ -195,7 +163,7 @@ bool SyncDomain::isCoherent() {
 }
 
 bool SyncDomain::isCoherentSinceLastChecked() {
-    if (!isDomainRunning) raiseNotRunning();
+    domainChecks::checkCanQueryCoherency(kFile, isDomainRunning, &uri);
     ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
     const CheckResults results = checkMembers(timer);
     bool coherent = true;

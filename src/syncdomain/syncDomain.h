@@ -64,7 +64,6 @@ private:
     CheckResults checkMembers(ztsdtools::MonotonicTimer& timer);
     std::vector<std::string> getMemberJsons(ztsdtools::MonotonicTimer& timer);
     void saveAsStartAndLastCheck(const CheckResults& results);
-    [[noreturn]] void raiseNotRunning() const;
 
     bool isDomainRunning = false;
     bool isCoherentLatch = false;
