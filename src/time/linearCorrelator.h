@@ -5,8 +5,11 @@
 // timescale2 over and over and adds each pair as one sample (first
 // coordinate timescale1) to a regression of maxSampleSize samples. A round in
 // which either clock did not move (its reading equals its previous one, all
-// fields compared) adds nothing. The task pauses 1 ms between rounds while
-// the history is below maxSampleSize and samplingIntervalMs once it is full.
+// fields compared) adds nothing. The previous readings start as all-zero
+// records, so the first round of a run counts as movement unless a clock
+// reads zero: two clocks that never move give that one sample and no more.
+// The task pauses 1 ms between rounds while the history is below
+// maxSampleSize and samplingIntervalMs once it is full.
 // A timescale that throws, or reports an error in the status it is given,
 // ends the task; running stays set until stop().
 //
@@ -36,7 +39,10 @@
 // regression holder has its own mutex (every use of the regression is under
 // it); filterMutex guards only which holder is current, timerMutex the
 // first-correlate timer, wakeMutex the sampling task's sleep. running is
-// atomic. Reports carry the file label "source\ztsdlib\linearCorrelator".
+// atomic. The first-correlate timer is restarted just before running is set
+// (rather than after the task is launched), so that a correlate racing a
+// start never measures against the previous run's timer. Reports carry the
+// file label "source\ztsdlib\linearCorrelator".
 //
 // The timescales are the caller's objects: the correlator refers to them
 // and the caller keeps them alive as long as the correlator.
