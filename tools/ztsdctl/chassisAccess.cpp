@@ -1,0 +1,75 @@
+#include "chassisAccess.h"
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "jsonText.h"
+
+namespace ztsdctl {
+
+namespace {
+
+void* allocateArray(size_t size) { return std::malloc(size); }
+
+}  // namespace
+
+ChassisAddress parseChassisAddress(const std::string& text) {
+    ChassisAddress address;
+    const std::size_t at = text.rfind('@');
+    address.remoteHost = text.substr(0, at);
+    if (address.remoteHost.empty()) throw std::invalid_argument("'" + text + "' names no host");
+    if (address.remoteHost.find_first_of("\"\\ /") != std::string::npos)
+        throw std::invalid_argument("'" + address.remoteHost + "' is not a host name or address");
+    if (at != std::string::npos) {
+        const std::string port = text.substr(at + 1);
+        if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoul(port) == 0 || std::stoul(port) > 65535)
+            throw std::invalid_argument("'" + port + "' after '@' is not a TCP port");
+        address.daemonPort = static_cast<std::uint32_t>(std::stoul(port));
+    }
+    return address;
+}
+
+std::string networkDeviceParamsJson(const ChassisAddress& address) {
+    JsonObject params;
+    params.addString("remoteHost", address.remoteHost);
+    if (address.daemonPort) params.addInteger("timestampDaemonPort", *address.daemonPort);
+    return JsonObject()
+        .addInteger("version", 1)
+        .addString("type", "networkDeviceParams")
+        .addRaw("params", params.text())
+        .text();
+}
+
+LoadedChassis loadChassis(const ChassisAddress& address) {
+    const std::string params = networkDeviceParamsJson(address);
+    ztsdlib_SyncableDevice* device = nullptr;
+    ztsdlib_Timescale** timescales = nullptr;
+    uint32_t count = 0;
+    call("ztsdlib_loadProxyResources", [&](zterr_Status* status) {
+        ztsdlib_loadProxyResources(params.c_str(), &device, &timescales, &count, allocateArray, status);
+    });
+    // Take ownership of every handle before anything else can throw.
+    LoadedChassis loaded;
+    loaded.remoteHost = address.remoteHost;
+    loaded.device.reset(device);
+    loaded.timescales.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) loaded.timescales.emplace_back(timescales[i]);
+    std::free(timescales);
+    if (!loaded.device) throw std::runtime_error("ztsdlib_loadProxyResources returned no device");
+    return loaded;
+}
+
+std::string uriOf(ztsdlib_SyncableDevice* device) {
+    const char* uri = call("ztsdlib_SyncableDevice_getUri",
+                           [&](zterr_Status* status) { return ztsdlib_SyncableDevice_getUri(device, status); });
+    return uri != nullptr ? uri : "";
+}
+
+std::string uriOf(ztsdlib_Timescale* timescale) {
+    const char* uri = call("ztsdlib_Timescale_getUri",
+                           [&](zterr_Status* status) { return ztsdlib_Timescale_getUri(timescale, status); });
+    return uri != nullptr ? uri : "";
+}
+
+}  // namespace ztsdctl

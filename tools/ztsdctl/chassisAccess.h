@@ -1,0 +1,46 @@
+// Reaching a chassis through the library: the address a user types, the
+// networkDeviceParamsJson it becomes, and the proxies ztsdlib_loadProxyResources
+// makes of the chassis' listing.
+//
+// Address syntax: REMOTEHOST[@DAEMONPORT], where REMOTEHOST is the chassis
+// web service as the library takes it ("host", "host:port", "[v6]:port") and
+// DAEMONPORT the TCP port of its timestamp daemon. Without a daemon port the
+// library's default applies (the key is left out of the description).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "libraryCalls.h"
+
+namespace ztsdctl {
+
+struct ChassisAddress {
+    std::string remoteHost;
+    std::optional<std::uint32_t> daemonPort;
+};
+
+// Throws std::invalid_argument with a readable reason when the text is not
+// an address.
+ChassisAddress parseChassisAddress(const std::string& text);
+
+// {"version":1,"type":"networkDeviceParams","params":{"remoteHost":..[,"timestampDaemonPort":..]}}
+std::string networkDeviceParamsJson(const ChassisAddress& address);
+
+// What the library made of one chassis: a proxy of its (first) syncable
+// device and one proxy per listed timescale; all owned here.
+struct LoadedChassis {
+    std::string remoteHost;
+    DeviceHandle device;
+    std::vector<TimescaleHandle> timescales;
+};
+
+// Throws LibraryError when the library cannot load the chassis.
+LoadedChassis loadChassis(const ChassisAddress& address);
+
+std::string uriOf(ztsdlib_SyncableDevice* device);
+std::string uriOf(ztsdlib_Timescale* timescale);
+
+}  // namespace ztsdctl

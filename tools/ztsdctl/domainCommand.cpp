@@ -1,0 +1,106 @@
+// domain: load chassis, build a sync domain over their devices, start it
+// waiting for coherency, then optionally watch it.
+#include <iostream>
+
+#include "commands.h"
+#include "interrupt.h"
+#include "jsonText.h"
+#include "progressLine.h"
+
+namespace ztsdctl {
+
+std::string progressText(std::int64_t elapsed_ms, std::uint32_t timeout_s) {
+    const std::int64_t left_ms = std::max<std::int64_t>(0, static_cast<std::int64_t>(timeout_s) * 1000 - elapsed_ms);
+    return "waiting for coherency: " + fixedPoint(elapsed_ms / 100, 1, false) + " s elapsed, " +
+           fixedPoint(left_ms / 100, 1, false) + " s left" + (interrupted() ? " (stopping once the start returns)" : "");
+}
+
+namespace {
+
+std::string stoppedJson(bool held, unsigned checks, bool wasInterrupted) {
+    return JsonObject()
+        .addString("event", "stopped")
+        .addBool("coherencyHeld", held)
+        .addInteger("checks", checks)
+        .addBool("interrupted", wasInterrupted)
+        .text();
+}
+
+}  // namespace
+
+int runDomain(const DomainOptions& options, bool json) {
+    catchInterrupt();
+    std::vector<LoadedChassis> chassis;
+    for (const ChassisAddress& address : options.chassis) {
+        chassis.push_back(loadChassis(address));
+        if (!json)
+            std::cout << "loaded " << address.remoteHost << ": " << uriOf(chassis.back().device.get()) << "\n";
+        if (interrupted()) return kExitNotCoherent;
+    }
+    DomainSession session(std::move(chassis), options.settings);
+
+    StartResult started;
+    {
+        ProgressLine progress;
+        started = session.start(options.timeout_s, [&](std::int64_t elapsed_ms) {
+            if (!json) progress.show(progressText(elapsed_ms, options.timeout_s));
+        });
+    }
+    if (!started.coherent) {
+        const LibraryError& reason = *started.notReached;
+        if (json) {
+            std::cout << JsonObject()
+                             .addString("event", "notCoherent")
+                             .addInteger("elapsed_ms", started.elapsed_ms)
+                             .addInteger("code", reason.code())
+                             .addRaw("report", reason.report())
+                             .text()
+                      << "\n";
+        } else {
+            std::cout << "coherency NOT reached within " << options.timeout_s << " s\n";
+            std::cerr << "ztsdctl: the start ended with " << reason.code() << " (" << reason.constantName()
+                      << "): " << reason.report() << "\n";
+        }
+        return kExitNotCoherent;
+    }
+
+    if (json) {
+        std::cout << JsonObject()
+                         .addString("event", "started")
+                         .addInteger("elapsed_ms", started.elapsed_ms)
+                         .addRaw("domain", session.toJson())
+                         .text()
+                  << std::endl;
+    } else {
+        std::cout << "domain " << options.settings.uri << " coherent after "
+                  << fixedPoint(started.elapsed_ms, 3, false) << " s (" << session.chassis().size() << " members)"
+                  << std::endl;
+    }
+
+    bool held = true;
+    unsigned checks = 0;
+    if (options.watch_s) {
+        while (!interrupted() && (options.checks == 0 || checks < options.checks)) {
+            if (!sleepUnlessInterrupted(*options.watch_s * 1000.0)) break;
+            const CheckResult result = session.check();
+            ++checks;
+            held = result.coherentSinceStart;
+            if (json) {
+                std::cout << checkJson(result) << std::endl;
+            } else {
+                std::cout << checkTable(result) << std::flush;
+            }
+        }
+    }
+    session.stop();
+    if (json) {
+        std::cout << stoppedJson(held, checks, interrupted()) << "\n";
+    } else {
+        if (interrupted()) std::cout << "interrupted; domain stopped\n";
+        std::cout << (held ? "coherency held" : "coherency LOST") << " (" << checks
+                  << (checks == 1 ? " check" : " checks") << ")\n";
+    }
+    return held ? kExitOk : kExitNotCoherent;
+}
+
+}  // namespace ztsdctl

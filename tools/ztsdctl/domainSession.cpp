@@ -1,0 +1,190 @@
+#include "domainSession.h"
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <sstream>
+
+#include "jsonText.h"
+
+namespace ztsdctl {
+
+namespace {
+
+constexpr std::size_t kMaxPoolThreads = 64;
+
+std::int64_t steadyNow_ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool domainQuery(const char* what, bool (*query)(ztsdlib_SyncDomain*, zterr_Status*), ztsdlib_SyncDomain* domain) {
+    return call(what, [&](zterr_Status* status) { return query(domain, status); });
+}
+
+}  // namespace
+
+DomainSession::DomainSession(std::vector<LoadedChassis> chassis, const DomainSettings& settings)
+    : chassis_(std::move(chassis)) {
+    const std::size_t threads = std::clamp<std::size_t>(chassis_.size(), 1, kMaxPoolThreads);
+    pool_.reset(call("ztsdlib_ThreadPool_create", [&](zterr_Status* status) {
+        return ztsdlib_ThreadPool_create(static_cast<uint32_t>(threads), status);
+    }));
+    if (!pool_) throw std::runtime_error("ztsdlib_ThreadPool_create returned no pool");
+    // The domain reads only the URI of its required timescale; a host
+    // timescale under that name carries it.
+    timescale_ = owned<TimescaleHandle>(call("ztsdlib_HostTimescale_create",
+                                             [&](zterr_Status* status) {
+                                                 return ztsdlib_HostTimescale_create(settings.timescaleUri.c_str(),
+                                                                                     status);
+                                             }),
+                                        "ztsdlib_HostTimescale_create");
+    domain_ = owned<DomainHandle>(call("ztsdlib_SyncDomain_create",
+                                       [&](zterr_Status* status) {
+                                           return ztsdlib_SyncDomain_create(
+                                               settings.uri.c_str(), timescale_.get(), settings.maxOffset_ns,
+                                               settings.minSyncDuration_ms, pool_.get(), status);
+                                       }),
+                                  "ztsdlib_SyncDomain_create");
+    for (const LoadedChassis& member : chassis_) {
+        call("ztsdlib_SyncDomain_addSyncableDevice", [&](zterr_Status* status) {
+            ztsdlib_SyncDomain_addSyncableDevice(domain_.get(), member.device.get(), status);
+        });
+    }
+}
+
+DomainSession::~DomainSession() {
+    if (running_) {
+        Status status;
+        ztsdlib_SyncDomain_stop(domain_.get(), status.get());
+    }
+}
+
+std::int64_t DomainSession::elapsedSinceStart_ms() const { return (steadyNow_ns() - startedAt_ns_) / 1000000; }
+
+StartResult DomainSession::start(std::uint32_t timeout_s,
+                                 const std::function<void(std::int64_t elapsed_ms)>& progress) {
+    startedAt_ns_ = steadyNow_ns();
+    ztsdlib_SyncDomain* domain = domain_.get();
+    // The start blocks for up to timeout_s; it runs on its own thread so this
+    // one can keep the user informed. Its status lives on that thread.
+    std::future<std::pair<std::int32_t, std::string>> waiting =
+        std::async(std::launch::async, [domain, timeout_s] {
+            Status status;
+            ztsdlib_SyncDomain_start(domain, timeout_s, status.get());
+            return std::make_pair(status.code(), status.report());
+        });
+    if (progress) progress(0);
+    while (waiting.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+        if (progress) progress(elapsedSinceStart_ms());
+    }
+    const auto [code, report] = waiting.get();
+    StartResult result;
+    result.elapsed_ms = elapsedSinceStart_ms();
+    if (code == kOperationTimedOut) {  // not coherent within timeout_s
+        result.notReached.emplace(code, report);
+        return result;
+    }
+    if (code < 0) throw LibraryError(code, report);
+    running_ = true;
+    result.coherent = true;
+    checks_ = 0;
+    lossCounts_.clear();
+    for (const MemberRow& row : askMembers()) lossCounts_.push_back(row.lossCount);
+    return result;
+}
+
+std::vector<MemberRow> DomainSession::askMembers() {
+    std::vector<std::future<MemberRow>> answers;
+    answers.reserve(chassis_.size());
+    for (const LoadedChassis& member : chassis_) {
+        ztsdlib_SyncableDevice* device = member.device.get();
+        answers.push_back(std::async(std::launch::async, [device] {
+            MemberRow row;
+            row.uri = uriOf(device);
+            row.coherent = call("ztsdlib_SyncableDevice_isCoherent", [&](zterr_Status* status) {
+                return ztsdlib_SyncableDevice_isCoherent(device, &row.lossCount, status);
+            });
+            return row;
+        }));
+    }
+    // Wait for every answer before the first failure is passed on, so no
+    // thread is left using a device.
+    for (auto& answer : answers) answer.wait();
+    std::vector<MemberRow> rows;
+    for (auto& answer : answers) rows.push_back(answer.get());
+    return rows;
+}
+
+CheckResult DomainSession::check() {
+    CheckResult result;
+    result.number = ++checks_;
+    result.coherentSinceLastCheck = domainQuery("ztsdlib_SyncDomain_isCoherentSinceLastChecked",
+                                                ztsdlib_SyncDomain_isCoherentSinceLastChecked, domain_.get());
+    result.coherentSinceStart = domainQuery("ztsdlib_SyncDomain_isCoherent", ztsdlib_SyncDomain_isCoherent,
+                                            domain_.get());
+    result.members = askMembers();
+    for (std::size_t i = 0; i < result.members.size(); ++i) {
+        MemberRow& row = result.members[i];
+        const std::uint32_t previous = i < lossCounts_.size() ? lossCounts_[i] : row.lossCount;
+        row.lossChange = static_cast<std::int64_t>(row.lossCount) - static_cast<std::int64_t>(previous);
+        if (i < lossCounts_.size()) lossCounts_[i] = row.lossCount;
+    }
+    result.elapsed_ms = elapsedSinceStart_ms();
+    return result;
+}
+
+void DomainSession::stop() {
+    if (!running_) return;
+    running_ = false;
+    call("ztsdlib_SyncDomain_stop", [&](zterr_Status* status) { ztsdlib_SyncDomain_stop(domain_.get(), status); });
+}
+
+std::string DomainSession::toJson() {
+    return takeText(call("ztsdlib_SyncDomain_toJson",
+                         [&](zterr_Status* status) { return ztsdlib_SyncDomain_toJson(domain_.get(), status); }));
+}
+
+std::string checkTable(const CheckResult& check) {
+    std::ostringstream out;
+    out << "check " << check.number << " at " << fixedPoint(check.elapsed_ms, 3, false)
+        << " s: coherent since last check: " << (check.coherentSinceLastCheck ? "yes" : "NO")
+        << ", since start: " << (check.coherentSinceStart ? "yes" : "NO") << "\n";
+    std::size_t width = std::string("member").size();
+    for (const MemberRow& row : check.members) width = std::max(width, row.uri.size());
+    auto pad = [](const std::string& text, std::size_t size) {
+        return text.size() >= size ? text : text + std::string(size - text.size(), ' ');
+    };
+    auto right = [](const std::string& text, std::size_t size) {
+        return text.size() >= size ? text : std::string(size - text.size(), ' ') + text;
+    };
+    out << "  " << pad("member", width) << "  coherent  " << right("losses", 8) << "  " << right("change", 8) << "\n";
+    for (const MemberRow& row : check.members) {
+        out << "  " << pad(row.uri, width) << "  " << pad(row.coherent ? "yes" : "NO", 8) << "  "
+            << right(std::to_string(row.lossCount), 8) << "  " << right(fixedPoint(row.lossChange, 0, true), 8)
+            << "\n";
+    }
+    return out.str();
+}
+
+std::string checkJson(const CheckResult& check) {
+    std::vector<std::string> members;
+    for (const MemberRow& row : check.members) {
+        members.push_back(JsonObject()
+                              .addString("uri", row.uri)
+                              .addBool("isCoherent", row.coherent)
+                              .addInteger("coherencyLossCount", row.lossCount)
+                              .addInteger("lossesSinceLastCheck", row.lossChange)
+                              .text());
+    }
+    return JsonObject()
+        .addString("event", "check")
+        .addInteger("check", check.number)
+        .addInteger("elapsed_ms", check.elapsed_ms)
+        .addBool("coherentSinceLastCheck", check.coherentSinceLastCheck)
+        .addBool("coherentSinceStart", check.coherentSinceStart)
+        .addRaw("members", jsonArray(members))
+        .text();
+}
+
+}  // namespace ztsdctl

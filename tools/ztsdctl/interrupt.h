@@ -1,0 +1,16 @@
+// Ctrl-C for long-running commands: the first SIGINT only raises a flag that
+// the command checks between its steps, so it can stop its objects and
+// delete its handles before it exits; the handler then steps aside, so a
+// second Ctrl-C ends the process at once.
+#pragma once
+
+namespace ztsdctl {
+
+void catchInterrupt();
+bool interrupted();
+
+// Sleeps up to ms milliseconds in short slices; returns false when
+// interrupted before the time was up.
+bool sleepUnlessInterrupted(double ms);
+
+}  // namespace ztsdctl
