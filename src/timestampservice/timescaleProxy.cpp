@@ -1,42 +1,12 @@
 #include "timestampservice/timescaleProxy.h"
 
-#include <cstdio>
+#include <new>
 #include <utility>
 
+#include "errors/jsonWriter.h"
+#include "errors/status.h"
+
 namespace ztsdlib {
-
-namespace {
-
-// text as a JSON string literal, quotes included.
-std::string quoted(const std::string& text) {
-    std::string out;
-    out.reserve(text.size() + 2);
-    out += '"';
-    for (const char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (u < 0x20 || u == 0x7F) {
-                    char escape[8];
-                    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(u));
-                    out += escape;
-                } else {
-                    out += c;
-                }
-        }
-    }
-    out += '"';
-    return out;
-}
-
-}  // namespace
 
 TimescaleProxy::TimescaleProxy(std::string uriText, std::string hostText, std::uint32_t portNumber,
                                TimescaleProxySettings settings)
@@ -57,9 +27,23 @@ void TimescaleProxy::getTime(ztsdlib_Timestamp& timestamp, zterr_Status*) {
 }
 
 std::string TimescaleProxy::toJson() const {
-    return "{\"uri\":" + quoted(uri) + ",\"host\":" + quoted(host) + ",\"port\":" + std::to_string(port) +
-           ",\"localUriOfTarget\":" + quoted(session->getExpectedLocalUri()) +
-           ",\"serverApiVersion\":" + std::to_string(session->getServerApiVersion()) + "}";
+    // Written with the report writer, so strings are escaped by the same rule
+    // as in every error report.
+    zterr_Status document = zterr::makeOwnedStatus();
+    char* p = nullptr;
+    if (zterr::placeText(&document, "{}")) {
+        zterr_JsonCursor cursor = zterr::beginAppend(&document);
+        p = zterr::appendString(cursor.position, "uri", uri.data(), uri.size(), &cursor);
+        p = zterr::appendString(p, "host", host.data(), host.size(), &cursor);
+        p = zterr::appendUInt32(p, "port", port, &cursor);
+        const std::string& localUri = session->getExpectedLocalUri();
+        p = zterr::appendString(p, "localUriOfTarget", localUri.data(), localUri.size(), &cursor);
+        p = zterr::appendInt32(p, "serverApiVersion", session->getServerApiVersion(), &cursor);
+    }
+    const std::string text = p ? document.json : "";
+    zterr::releaseStatus(&document);
+    if (!p) throw std::bad_alloc();
+    return text;
 }
 
 }  // namespace ztsdlib
