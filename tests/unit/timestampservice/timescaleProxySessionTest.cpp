@@ -94,33 +94,6 @@ TEST_F(TimescaleProxySessionTest, HandshakeFailureIsCommunicationsFaultAfterOneA
     EXPECT_FALSE(client->isOpen());
 }
 
-TEST_F(TimescaleProxySessionTest, ApiVersionChoosesTheCallAndTheConnectionIsKept) {
-    client->version = 1;
-    auto v1 = make();
-    ztsdlib_Timestamp t{};
-    v1->getTime(t);
-    EXPECT_EQ(client->getTimeCalls, 1);
-    EXPECT_EQ(client->lastId, 0);
-    EXPECT_EQ(t.seconds, 13300000000u);
-    EXPECT_EQ(t.nanos, 123456789u);
-    v1->getTime(t);
-    EXPECT_EQ(client->opens, 2);  // the handshake's, then one for both readings
-    EXPECT_EQ(client->timeInfoCalls, 0);
-
-    for (const std::int32_t version : {2, 7}) {
-        client = std::make_shared<ScriptedThriftClient>();
-        client->version = version;
-        auto v = make();
-        v->getTime(t);
-        v->getTime(t);
-        EXPECT_EQ(client->timeInfoCalls, 2);
-        EXPECT_EQ(client->getTimeCalls, 0);
-        EXPECT_EQ(client->opens, 2);
-        EXPECT_EQ(t.seconds, 13300000001u);
-        EXPECT_EQ(t.nanos, 987654321u);
-    }
-}
-
 TEST_F(TimescaleProxySessionTest, TransportFailuresAreRetriedUpToTheAttemptLimit) {
     auto session = make();
     ztsdlib_Timestamp t{};
@@ -207,31 +180,6 @@ TEST_F(TimescaleProxySessionTest, CommunicationsFaultReportIsExactAndEscaped) {
               "\"std_exception_what\":\"say \\\"no\\\"\\\\ 5\","
               "\"ztsyncdomain_debug\":{\"type_code\":3,\"type\":\"TTransportException::END_OF_FILE\","
               "\"message\":\"Encountered error getting time from zttimestampd on remote target.\"}}");
-}
-
-TEST_F(TimescaleProxySessionTest, RemovedTimescaleReportsInBothVersions) {
-    client->version = 1;
-    auto v1 = make();
-    client->timestampInfo.uri = "/localhost/ztsds/timescales/OTHER";
-    ztsdlib_Timestamp t{};
-    auto r = captureRaise([&] { v1->getTime(t); });
-    EXPECT_EQ(r.code, -52020);
-    EXPECT_EQ(r.text("error_constant"), "ztapalerr_resourceRemoved");
-    EXPECT_EQ(memberNames(r), (std::vector<std::string>{"error_constant", "file", "line", "component",
-                                                        "expectedLocalUri", "thisTimescaleUri", kDebug}));
-    EXPECT_EQ(r.text("expectedLocalUri"), "/localhost/ztsds/timescales/GM");
-    EXPECT_EQ(r.text("thisTimescaleUri"), kUri);
-    EXPECT_EQ(client->getTimeCalls, 1);  // an answer, not a failure: no retry
-    EXPECT_TRUE(client->isOpen());
-
-    client = std::make_shared<ScriptedThriftClient>();
-    auto v2 = make();
-    client->timeInfo.timescaleUris = {"/a", "/b \"c\""};
-    r = captureRaise([&] { v2->getTime(t); });
-    EXPECT_EQ(r.code, -52020);
-    EXPECT_EQ(r.text("currentTimescaleUris"), "\"/a\",\"/b \"c\"\"");
-    EXPECT_EQ(memberNames(r).back(), "currentTimescaleUris");
-    EXPECT_EQ(client->timeInfoCalls, 1);
 }
 
 TEST_F(TimescaleProxySessionTest, DaemonFailureIsNestedAndNotRetried) {
