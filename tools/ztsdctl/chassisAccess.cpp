@@ -60,6 +60,22 @@ LoadedChassis loadChassis(const ChassisAddress& address) {
     return loaded;
 }
 
+TimescaleHandle makeHostTimescale() {
+    return owned<TimescaleHandle>(
+        call("ztsdlib_HostTimescale_create",
+             [&](zterr_Status* status) { return ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, status); }),
+        "ztsdlib_HostTimescale_create");
+}
+
+TimescaleHandle makeTimescaleProxy(const std::string& uri, const std::string& daemonHost, std::uint32_t daemonPort) {
+    return owned<TimescaleHandle>(call("ztsdlib_TimescaleProxy_create",
+                                       [&](zterr_Status* status) {
+                                           return ztsdlib_TimescaleProxy_create(uri.c_str(), daemonHost.c_str(),
+                                                                                daemonPort, status);
+                                       }),
+                                  "ztsdlib_TimescaleProxy_create");
+}
+
 std::string uriOf(ztsdlib_SyncableDevice* device) {
     const char* uri = call("ztsdlib_SyncableDevice_getUri",
                            [&](zterr_Status* status) { return ztsdlib_SyncableDevice_getUri(device, status); });

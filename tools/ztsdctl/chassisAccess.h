@@ -40,6 +40,10 @@ struct LoadedChassis {
 // Throws LibraryError when the library cannot load the chassis.
 LoadedChassis loadChassis(const ChassisAddress& address);
 
+// The host clock, and a remote timescale read through its daemon.
+TimescaleHandle makeHostTimescale();
+TimescaleHandle makeTimescaleProxy(const std::string& uri, const std::string& daemonHost, std::uint32_t daemonPort);
+
 std::string uriOf(ztsdlib_SyncableDevice* device);
 std::string uriOf(ztsdlib_Timescale* timescale);
 

@@ -37,16 +37,8 @@ std::string correlationJson(const CorrelationResult& result) {
 
 int runCorrelate(const CorrelateOptions& options, bool json) {
     catchInterrupt();
-    const TimescaleHandle host = owned<TimescaleHandle>(
-        call("ztsdlib_HostTimescale_create",
-             [&](zterr_Status* status) { return ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, status); }),
-        "ztsdlib_HostTimescale_create");
-    const TimescaleHandle remote = owned<TimescaleHandle>(
-        call("ztsdlib_TimescaleProxy_create",
-             [&](zterr_Status* status) {
-                 return ztsdlib_TimescaleProxy_create(options.uri.c_str(), options.host.c_str(), options.port, status);
-             }),
-        "ztsdlib_TimescaleProxy_create");
+    const TimescaleHandle host = makeHostTimescale();
+    const TimescaleHandle remote = makeTimescaleProxy(options.uri, options.host, options.port);
     const std::optional<CorrelationResult> result =
         correlateHostWith(host.get(), remote.get(), options.settings, options.at, options.atIsRemote);
     if (!result) {

@@ -195,18 +195,9 @@ bool Demo::runDomain(DomainSession& session) {
 
 void Demo::correlate() {
     ztsdsim::SimulatedChassis& target = *chassis_[0];
-    const TimescaleHandle host = owned<TimescaleHandle>(
-        call("ztsdlib_HostTimescale_create",
-             [&](zterr_Status* status) { return ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, status); }),
-        "ztsdlib_HostTimescale_create");
+    const TimescaleHandle host = makeHostTimescale();
     const std::string remoteUri = target.webService().timescaleUri(gmIdOf(0));
-    const TimescaleHandle remote = owned<TimescaleHandle>(
-        call("ztsdlib_TimescaleProxy_create",
-             [&](zterr_Status* status) {
-                 return ztsdlib_TimescaleProxy_create(remoteUri.c_str(), target.daemonHost().c_str(),
-                                                      target.daemonPort(), status);
-             }),
-        "ztsdlib_TimescaleProxy_create");
+    const TimescaleHandle remote = makeTimescaleProxy(remoteUri, target.daemonHost(), target.daemonPort());
     CorrelationSettings settings;
     settings.maxSampleSize = 200;
     settings.samplingIntervalMs = 10;

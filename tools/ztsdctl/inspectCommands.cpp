@@ -98,16 +98,8 @@ int runDevice(const DeviceOptions& options, bool json) {
 }
 
 int runTime(const TimeOptions& options, bool json) {
-    const TimescaleHandle host = owned<TimescaleHandle>(
-        call("ztsdlib_HostTimescale_create",
-             [&](zterr_Status* status) { return ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, status); }),
-        "ztsdlib_HostTimescale_create");
-    const TimescaleHandle remote = owned<TimescaleHandle>(
-        call("ztsdlib_TimescaleProxy_create",
-             [&](zterr_Status* status) {
-                 return ztsdlib_TimescaleProxy_create(options.uri.c_str(), options.host.c_str(), options.port, status);
-             }),
-        "ztsdlib_TimescaleProxy_create");
+    const TimescaleHandle host = makeHostTimescale();
+    const TimescaleHandle remote = makeTimescaleProxy(options.uri, options.host, options.port);
 
     // The host is read just before and just after the remote clock; the
     // remote reading is set against the middle of the two.

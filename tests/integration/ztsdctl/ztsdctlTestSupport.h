@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "integration/sim/simTestSupport.h"
+
 extern char** environ;
 
 namespace ctltest {
@@ -31,17 +33,11 @@ inline std::string programPath() { return ""; }
 #define ZTSDCTL_REQUIRED() \
     if (ctltest::programPath().empty()) GTEST_SKIP() << "ztsdctl is not built"
 
-struct JsonDeleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
-
-inline Json parse(const std::string& text) { return Json(cJSON_ParseWithLength(text.data(), text.size())); }
-
-inline const cJSON* at(const cJSON* object, const char* key) {
-    return object == nullptr ? nullptr : cJSON_GetObjectItemCaseSensitive(object, key);
-}
-inline std::string str(const cJSON* item) { return cJSON_IsString(item) ? item->valuestring : "<not a string>"; }
+// JSON read with an independent parser, through the simulator tests' helpers.
+using simtest::Json;
+using simtest::parse;
+inline const cJSON* at(const cJSON* object, const char* key) { return simtest::member(object, key); }
+inline std::string str(const cJSON* item) { return simtest::text(item); }
 inline double num(const cJSON* item) { return cJSON_IsNumber(item) ? item->valuedouble : -1e300; }
 
 inline std::vector<std::string> lines(const std::string& text) {
