@@ -108,7 +108,9 @@ TEST_F(ZtsdctlDomainConcurrency, WaitsForALateMemberWithAProgressLine) {
         return match;
     }();
     ASSERT_FALSE(coherentAfter.empty()) << child.out();
-    EXPECT_GE(std::stod(coherentAfter[1]), 1.2);
+    // The child needs part of the 1.3 s to start and load the chassis (much
+    // of it under sanitizers), so only a clear wait is asserted.
+    EXPECT_GE(std::stod(coherentAfter[1]), 0.5);
     for (const std::string& uri : uris) EXPECT_NE(child.out().find("loaded "), std::string::npos) << uri;
 }
 
