@@ -42,20 +42,28 @@ char* writeEscaped(char* out, const char* text, std::size_t length) {
     return out;
 }
 
-// Zero bytes between the text's NUL and the sentinel. The scan stops at the
-// first non-zero byte and never passes the buffer's last byte, so a buffer
-// whose layout a caller disturbed yields less room, never an overrun.
-std::size_t freeRoom(const zterr_Status* status, const char* nul) {
+// Whether `needed` bytes of free room follow the text's NUL: zero bytes
+// between the NUL and the sentinel. The scan starts after the NUL and stops
+// as soon as enough room is seen (or at the first non-zero byte), so a short
+// append does not walk the whole buffer; it never passes the buffer's last
+// byte, so a buffer whose layout a caller disturbed yields less room, never
+// an overrun.
+bool hasFreeRoom(const zterr_Status* status, const char* nul, std::size_t needed) {
     const char* last = status->json + status->capacity - 1;
     const char* p = nul + 1;
-    while (p + 8 <= last) {
+    if (p > last || static_cast<std::size_t>(last - p) < needed) return false;
+    const char* end = p + needed;  // the room must be zero and end before the last byte
+    while (p + 8 <= end) {
         std::uint64_t word;
         std::memcpy(&word, p, sizeof word);
-        if (word != 0) break;
+        if (word != 0) return false;
         p += 8;
     }
-    while (p < last && *p == 0) ++p;
-    return p > nul ? static_cast<std::size_t>(p - (nul + 1)) : 0;
+    while (p < end) {
+        if (*p != 0) return false;
+        ++p;
+    }
+    return true;
 }
 
 char* insertMember(char* position, const char* key, const Piece& value, zterr_JsonCursor* cursor) {
@@ -84,7 +92,7 @@ char* insertMember(char* position, const char* key, const Piece& value, zterr_Js
         }
         const std::size_t needed = keyRoom + valueRoom + (empty ? 0 : 1);
         char* nul = position + std::strlen(position);
-        if (freeRoom(status, nul) < needed) {
+        if (!hasFreeRoom(status, nul, needed)) {
             position = cursor->grow ? cursor->grow(position, cursor->context) : nullptr;
             continue;
         }
