@@ -10,7 +10,7 @@
 #include "syncdomain/nopSyncDomain.h"
 #include "syncdomain/syncDomain.h"
 #include "time/hostTimescale.h"
-#include "unit/support/statusFixture.h"
+#include "unit/support/raisedError.h"
 #include "unit/syncdomain/fakeDevice.h"
 
 using ztsdlib::SyncDomain;
@@ -21,15 +21,12 @@ namespace {
 const std::string kDomainUri = "/domains/d1";
 const std::string kTimescaleUri = "/localhost/ztsds/timescales/system";
 
-// Runs op and returns the library error it raised (code and report).
+// The code and report of the library error op raised; a call that raises
+// nothing fails the test, and every report is checked to be valid JSON.
 template <typename Op>
 std::pair<int, std::string> errorOf(Op op) {
-    try {
-        op();
-    } catch (const zterr::Exception& e) {
-        return {e.code(), e.what()};
-    }
-    return {0, ""};
+    ztsdtest::Raised r = ztsdtest::captureRaise(op);
+    return {r.code, r.json};
 }
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
@@ -45,6 +42,14 @@ struct DomainFixture : ::testing::Test {
     }
     std::unique_ptr<SyncDomain> domain(ztsdlib::ThreadPoolInterface* p = nullptr) {
         return std::make_unique<SyncDomain>(kDomainUri, timescale, 1000, 2000, p ? p : &pool);
+    }
+    // A domain of members "a" and "b", started and coherent.
+    std::unique_ptr<SyncDomain> startedDomainOf(FakeDevice& a, FakeDevice& b) {
+        auto d = domain();
+        d->addSyncableDevice(&a);
+        d->addSyncableDevice(&b);
+        d->start(5);
+        return d;
     }
 };
 
@@ -173,12 +178,9 @@ TEST_F(DomainFixture, AStalledMemberTimesTheFanOutOutWithItsTimeout) {
 }
 
 TEST_F(DomainFixture, AFailingMemberBecomesACommunicationsFaultWithItsErrorNested) {
-    auto d = domain();
     FakeDevice& a = device("a");
     FakeDevice& b = device("b");
-    d->addSyncableDevice(&a);
-    d->addSyncableDevice(&b);
-    d->start(5);
+    auto d = startedDomainOf(a, b);
     b.failing = true;
     auto [code, report] = errorOf([&] { d->isCoherentSinceLastChecked(); });
     EXPECT_EQ(code, -52024);
@@ -199,12 +201,9 @@ TEST_F(DomainFixture, AFailingMemberBecomesACommunicationsFaultWithItsErrorNeste
 }
 
 TEST_F(DomainFixture, ALossSinceStartIsFinalButALossSinceLastCheckIsReportedOnce) {
-    auto d = domain();
     FakeDevice& a = device("a");
     FakeDevice& b = device("b");
-    d->addSyncableDevice(&a);
-    d->addSyncableDevice(&b);
-    d->start(5);
+    auto d = startedDomainOf(a, b);
     EXPECT_TRUE(d->isCoherent());
     EXPECT_TRUE(d->isCoherentSinceLastChecked());
 
