@@ -216,7 +216,7 @@ long tCURL::responseCode() {
     return code;
 }
 
-void tCURL::checkResponseCode(long code) const {
+void checkResponseStatus(long code) {
     for (const StatusRow& row : kStatusMap) {
         if (code < row.first || code > row.last) continue;
         zterr::raise(ZTERR_SITE(kFile, row.constant), row.code, kDebug,
@@ -224,10 +224,10 @@ void tCURL::checkResponseCode(long code) const {
     }
 }
 
-std::string tCURL::readEnvelope() const {
-    const char* text = tempBufferForGet.c_str();
+std::string readReplyEnvelope(const std::string& body) {
+    const char* text = body.c_str();
     ztsdlib::jsonz::Result check = ztsdlib::jsonz::validate(text);
-    if (check.error == ztsdlib::jsonz::errorNone && check.position != text + tempBufferForGet.size())
+    if (check.error == ztsdlib::jsonz::errorNone && check.position != text + body.size())
         check.error = ztsdlib::jsonz::errorTrailingChar;
     if (check.error != ztsdlib::jsonz::errorNone) raiseBadBody("Response body is not valid JSON.", check.error);
 
@@ -316,8 +316,8 @@ void tCURL::request(bool upload, const std::string& body, std::string& result) {
     headerList.markAttached();
     setOptions(upload, url, headerList.get());
     perform();
-    checkResponseCode(responseCode());
-    result = readEnvelope();
+    checkResponseStatus(responseCode());
+    result = readReplyEnvelope(tempBufferForGet);
 }
 
 }  // namespace shared

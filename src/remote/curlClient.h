@@ -71,6 +71,14 @@ constexpr std::size_t kMaxResponseBytes = 64u * 1024u * 1024u;
 // prefix + "/"; other "/" (such as the one closing "resources/") are kept.
 std::string joinAddress(const std::string& prefix, const std::string& uri);
 
+// The reply handling of request(), apart from the transfer, so that it can be
+// driven with any status and body (tests, fuzzing). checkResponseStatus
+// raises the error an HTTP status maps to and returns for the statuses that
+// go on to the body; readReplyEnvelope checks a whole body and returns the
+// compact text of its "result" (or raises the envelope's error).
+void checkResponseStatus(long code);
+std::string readReplyEnvelope(const std::string& body);
+
 class iCURL {
 public:
     virtual ~iCURL() = default;
@@ -119,8 +127,6 @@ private:
     void setOptions(bool upload, const std::string& url, curl_slist* headers);
     void perform();
     long responseCode();
-    void checkResponseCode(long code) const;
-    std::string readEnvelope() const;
 
     CurlApiSource _source;
     std::shared_ptr<const CurlApi> _api;
