@@ -97,6 +97,8 @@ void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilter
             const TimestampDecimal first_s = toDecimal(reading1);
             const TimestampDecimal second_s = toDecimal(reading2);
             holder->addSample(first_s, second_s);
+            // The fit is made here, in the sampling task, so correlate finds it ready.
+            holder->prepareCalculations();
         }
         previous1 = reading1;
         previous2 = reading2;

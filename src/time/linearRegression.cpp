@@ -53,10 +53,15 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
     sumY += sample.dy_s;
     sumXX += sample.dxdx;
     sumXY += sample.dxdy;
-    refit();
+    fitStale = true;
 }
 
-void LinearRegression::refit() {
+void LinearRegression::prepareCalculations() const {
+    if (fitStale) refit();
+}
+
+void LinearRegression::refit() const {
+    fitStale = false;
     const unsigned long long n = offsetsFromStart.size();
     if (n < 2) {
         fit = Fit::NotEnoughHistory;
@@ -74,6 +79,7 @@ void LinearRegression::refit() {
 }
 
 void LinearRegression::requireFit() const {
+    prepareCalculations();
     if (fit == Fit::NotEnoughHistory) {
         raiseFit(__LINE__, zterr::name::ztapalerr_resourceNotInitialized, zterr::code::ztapalerr_resourceNotInitialized,
                  "Not enough history to calculate slope and intercept");

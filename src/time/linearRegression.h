@@ -18,16 +18,23 @@
 // decimal's 5 limbs), which is both more accurate and far cheaper than the
 // reciprocal that a division by a decimal goes through.
 // The history changes only in addSample, so the fit (or the reason there is
-// none: fewer than 2 samples, a zero denominator) is computed there and kept;
+// none: fewer than 2 samples, a zero denominator) is kept between adds and
 // calculations use it as it stands, with exactly the results a fresh fit
-// would give, and report the reason when there is no fit:
+// would give. addSample only updates the history and the sums and marks the
+// fit stale; the fit is made by prepareCalculations() or, when nobody called
+// that, by the first calculation after the add. The correlator's sampling
+// task calls prepareCalculations() right after each add, so that the cost of
+// the fit (a decimal division and four multiplications, about as much as the
+// add itself) is paid by the sampling task, and neither by the add nor by the
+// callers of correlate. Calculations report the reason when there is no fit:
 //   -52010 "Not enough history to calculate slope and intercept"
 //   -52008 "Invalid denominator in correlator calculation"
 //   -52008 "LinearRegression slope is 0." (calculateFirst only)
 // Construction refuses maxHistorySize < 2 and sizes the list cannot hold
 // (-52005). Reports carry the file label "source\ztsdlib\linearRegression".
 //
-// Not thread-safe: LinearRegressionFilterWrapper serialises access.
+// Not thread-safe, not even the const calculations (they may make the fit):
+// LinearRegressionFilterWrapper serialises access.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +54,8 @@ public:
     void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) override;
     TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const override;
     TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const override;
+    // Makes the fit now if a sample was added since it was last made.
+    void prepareCalculations() const override;
 
     // The fitted line (throws as the calculations do when there is none).
     TimestampDecimal slope() const;
@@ -64,7 +73,7 @@ private:
     };
     enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
 
-    void refit();
+    void refit() const;
     void requireFit() const;
 
     std::uint64_t maxHistorySize;
@@ -73,8 +82,10 @@ private:
     TimestampDecimal sumX, sumY;
     TimestampDecimal sumXX, sumXY;
 
-    Fit fit = Fit::NotEnoughHistory;
-    TimestampDecimal slope_, intercept_;
+    // The fit of the present history, made on demand (see above).
+    mutable bool fitStale = false;
+    mutable Fit fit = Fit::NotEnoughHistory;
+    mutable TimestampDecimal slope_, intercept_;
 };
 
 }  // namespace ztsdlib

@@ -25,6 +25,10 @@ public:
     // The second timescale's reading for a reading of the first:
     // y = slope * x + intercept.
     virtual TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const = 0;
+    // Does ahead of time the work the calculations need after an add (a
+    // filter that keeps its fit makes it here), so that whoever adds can
+    // spare the callers of the calculations that cost. Nothing by default.
+    virtual void prepareCalculations() const {}
 };
 
 }  // namespace ztsdlib

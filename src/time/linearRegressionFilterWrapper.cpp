@@ -36,4 +36,9 @@ void LinearRegressionFilterWrapper::addSample(const TimestampDecimal& first_s, c
     filter_->addSample(first_s, second_s);
 }
 
+void LinearRegressionFilterWrapper::prepareCalculations() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    filter_->prepareCalculations();
+}
+
 }  // namespace ztsdlib

@@ -31,6 +31,9 @@ public:
     ztsdlib_Timestamp calculateSecond(const ztsdlib_Timestamp& first) const;
     // One paired reading, added under the lock.
     void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s);
+    // The filter's preparation for the calculations, under the lock (taken
+    // apart from the add's, so that a waiting calculation can come between).
+    void prepareCalculations() const;
 
     // For callers that need several steps under one lock: hold mutex() while
     // using filter().

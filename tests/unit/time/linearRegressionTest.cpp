@@ -249,6 +249,9 @@ TEST(LinearRegression, MatchesAnExactLeastSquaresFitToTheNanosecondAcrossHistory
         LinearRegressionFilterWrapper wrapper(regression);
         for (int i = 0; i < c.samples; ++i) {
             regression->addSample(decimalOfNanos(samples[i].x), decimalOfNanos(samples[i].y));
+            // Half the fits are made ahead, as the sampling task does; the
+            // others by the first calculation after the add.
+            if (i % 2) wrapper.prepareCalculations();
             const std::vector<SampleNs> seen(samples.begin(), samples.begin() + i + 1);
             const auto kept = tail(seen, c.maxHistory);
             ASSERT_EQ(regression->getHistorySize(), kept.size());
@@ -331,9 +334,11 @@ TEST(LinearRegression, DegenerateHistoriesReportWhyThereIsNoFit) {
     EXPECT_EQ(catchReport([&] { r.calculateSecond(1); }).message, "Not enough history to calculate slope and intercept");
     EXPECT_EQ(catchReport([&] { r.calculateFirst(1); }).message, "Not enough history to calculate slope and intercept");
 
-    // Every first reading equal: no line can be fitted.
+    // Every first reading equal: no line can be fitted. Making the fit ahead
+    // records why there is none; it is reported by the calculations only.
     r.addSample(5, 6);
     r.addSample(5, 9);
+    EXPECT_NO_THROW(r.prepareCalculations());
     for (int direction = 0; direction < 2; ++direction) {
         const auto report = catchReport([&] { direction == 0 ? r.calculateSecond(1) : r.calculateFirst(1); });
         EXPECT_EQ(report.code, -52008);
