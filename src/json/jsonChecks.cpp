@@ -40,8 +40,13 @@ void throwMissingJsonKey(const std::string& uri, const std::string& key, const s
 
 void checkRemoteApiVersion(const std::string& uri, const std::string& json, const std::string& missingMessage,
                            const std::string& mismatchMessage) {
+    checkRemoteApiVersion(uri, ztsynctools::ParsedJson(json), missingMessage, mismatchMessage);
+}
+
+void checkRemoteApiVersion(const std::string& uri, const ztsynctools::ParsedJson& json,
+                           const std::string& missingMessage, const std::string& mismatchMessage) {
     std::uint32_t version = 0;
-    if (!ztsynctools::getUInt32FromJsonString(json, "version", version)) throwMissingJsonKey(uri, "version", missingMessage);
+    if (!json.getUInt32("version", version)) throwMissingJsonKey(uri, "version", missingMessage);
     if (version == 0 || version == 1) return;
     zterr::raise(ZTERR_SITE_AT("ztsdtools_json\\jsonHelperFunctions", 58, zterr::name::ztapalerr_featureUnsupported),
                  zterr::code::ztapalerr_featureUnsupported, "ztsyncdomain_debug",

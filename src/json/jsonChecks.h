@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "json/jsonKeyGetters.h"
+
 namespace ztsdtools {
 
 // Strict validation of the whole text with the jsonz validator: optional
@@ -27,5 +29,8 @@ void validateJsonString(const std::string& json, const std::string& message, con
 // "message" (mismatchMessage), "remoteVersion", "maxSupportedVersion" (1), "uri".
 void checkRemoteApiVersion(const std::string& uri, const std::string& json, const std::string& missingMessage,
                            const std::string& mismatchMessage);
+// The same check on a text already parsed.
+void checkRemoteApiVersion(const std::string& uri, const ztsynctools::ParsedJson& json,
+                           const std::string& missingMessage, const std::string& mismatchMessage);
 
 }  // namespace ztsdtools

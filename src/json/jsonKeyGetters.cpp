@@ -27,27 +27,57 @@ void readTyped(const std::string& json, const std::string& key, const cJSON* ite
     }
 }
 
-// Parses, looks up, and hands a present, non-null member to read.
+// Looks up in a parsed root, and hands a present, non-null member to read.
 template <typename Read>
-bool getMember(const std::string& json, const std::string& key, Read&& read) {
-    ztjsonlh::CppJson document = ztjsonlh::parse(json);
-    const cJSON* item = cJSON_GetObjectItem(document.get(), key.c_str());
+bool readMember(const std::string& json, const cJSON* root, const std::string& key, Read&& read) {
+    const cJSON* item = cJSON_GetObjectItem(root, key.c_str());
     if (!item) return false;
     if (cJSON_IsNull(item)) return true;
     readTyped(json, key, item, read);
     return true;
 }
 
+void readUInt32(const cJSON* item, std::uint32_t& value) {
+    ztjsonlh::checkIsNumber(item);
+    const double d = item->valuedouble;
+    if (d <= -1.0) throw NegativeOverflow();
+    if (d >= 4294967296.0) throw PositiveOverflow();
+    value = static_cast<std::uint32_t>(d < 0.0 ? std::ceil(d) : std::floor(d));
+}
+
+void readBool(const cJSON* item, bool& value) {
+    ztjsonlh::checkIsBool(item);
+    value = cJSON_IsTrue(item) != 0;
+}
+
+// Parses, looks up, and hands a present, non-null member to read.
+template <typename Read>
+bool getMember(const std::string& json, const std::string& key, Read&& read) {
+    ztjsonlh::CppJson document = ztjsonlh::parse(json);
+    return readMember(json, document.get(), key, read);
+}
+
 }  // namespace
 
+ParsedJson::ParsedJson(const std::string& json) : json_(json), root_(ztjsonlh::parse(json).release()) {}
+
+ParsedJson::~ParsedJson() { cJSON_Delete(static_cast<cJSON*>(root_)); }
+
+bool ParsedJson::getUInt32(const std::string& key, std::uint32_t& value) const {
+    return readMember(json_, static_cast<const cJSON*>(root_), key, [&](const cJSON* item) { readUInt32(item, value); });
+}
+
+bool ParsedJson::getString(const std::string& key, std::string& value) const {
+    return readMember(json_, static_cast<const cJSON*>(root_), key,
+                      [&](const cJSON* item) { value = ztjsonlh::getString(item); });
+}
+
+bool ParsedJson::getBool(const std::string& key, bool& value) const {
+    return readMember(json_, static_cast<const cJSON*>(root_), key, [&](const cJSON* item) { readBool(item, value); });
+}
+
 bool getUInt32FromJsonString(const std::string& json, const std::string& key, std::uint32_t& value) {
-    return getMember(json, key, [&](const cJSON* item) {
-        ztjsonlh::checkIsNumber(item);
-        const double d = item->valuedouble;
-        if (d <= -1.0) throw NegativeOverflow();
-        if (d >= 4294967296.0) throw PositiveOverflow();
-        value = static_cast<std::uint32_t>(d < 0.0 ? std::ceil(d) : std::floor(d));
-    });
+    return getMember(json, key, [&](const cJSON* item) { readUInt32(item, value); });
 }
 
 bool getStringFromJsonString(const std::string& json, const std::string& key, std::string& value) {
@@ -55,10 +85,7 @@ bool getStringFromJsonString(const std::string& json, const std::string& key, st
 }
 
 bool getBoolFromJsonString(const std::string& json, const std::string& key, bool& value) {
-    return getMember(json, key, [&](const cJSON* item) {
-        ztjsonlh::checkIsBool(item);
-        value = cJSON_IsTrue(item) != 0;
-    });
+    return getMember(json, key, [&](const cJSON* item) { readBool(item, value); });
 }
 
 bool getObjectFromJsonString(const std::string& json, const std::string& key, std::string& value) {

@@ -46,6 +46,28 @@ bool getBoolFromJsonString(const std::string& json, const std::string& key, bool
 // An object, as its compact printing.
 bool getObjectFromJsonString(const std::string& json, const std::string& key, std::string& value);
 
+// The same getters on a text parsed once, for callers that read several
+// keys of one text (a device's answer, say): the same results and failures
+// as the functions above, key by key, for one parse instead of one per key.
+class ParsedJson {
+public:
+    // Parses (the same failure as the getters' parse). The text is kept by
+    // reference for the type-mismatch report: it must outlive this object.
+    explicit ParsedJson(const std::string& json);
+    ~ParsedJson();
+    ParsedJson(const ParsedJson&) = delete;
+    ParsedJson& operator=(const ParsedJson&) = delete;
+
+    bool getUInt32(const std::string& key, std::uint32_t& value) const;
+    bool getString(const std::string& key, std::string& value) const;
+    bool getBool(const std::string& key, bool& value) const;
+    const std::string& text() const { return json_; }
+
+private:
+    const std::string& json_;
+    void* root_;  // the cJSON tree, owned
+};
+
 // An array of objects, each as its compact printing, in order; an empty array
 // gives an empty vector. The output is replaced only when every element is an
 // object. The member not being an array is the getter's type error above; an

@@ -133,10 +133,9 @@ void SyncableDeviceProxy::clearCoherencyRequirements(const std::string& syncDoma
     syncDomainUriSet.erase(syncDomainUri);
 }
 
-std::string SyncableDeviceProxy::fetchCheckedResource(const char* invalidJsonMessage) {
-    const std::string json = resources->getResource(resourcePath);
+std::string SyncableDeviceProxy::fetchValidResource(const char* invalidJsonMessage) {
+    std::string json = resources->getResource(resourcePath);
     ztsdtools::validateJsonString(json, invalidJsonMessage, hostUrl + resourcePath);
-    ztsdtools::checkRemoteApiVersion(uri, json, kMissingVersion, kUnsupportedVersion);
     return json;
 }
 
@@ -147,12 +146,16 @@ bool SyncableDeviceProxy::isCoherent(std::uint32_t* coherencyLossCount) {
                      {{"message", "Encountered missing parameter needed for task completion."},
                       {"coherencyLossCount", "nullptr"}});
     }
-    const std::string json = fetchCheckedResource("Remote SyncableDevice returned invalid JSON while checking coherency.");
+    // The answer is parsed once for the version and both keys (the checks
+    // and their order are those of the one-key getters).
+    const std::string json = fetchValidResource("Remote SyncableDevice returned invalid JSON while checking coherency.");
+    const ztsynctools::ParsedJson answer(json);
+    ztsdtools::checkRemoteApiVersion(uri, answer, kMissingVersion, kUnsupportedVersion);
     bool coherent = false;
     std::uint32_t lossCount = 0;
-    if (!ztsynctools::getBoolFromJsonString(json, "isCoherent", coherent))
+    if (!answer.getBool("isCoherent", coherent))
         ztsdtools::throwMissingJsonKey(uri, "isCoherent", "Remote syncable device did not specify its coherency state.");
-    if (!ztsynctools::getUInt32FromJsonString(json, "coherencyLossCount", lossCount))
+    if (!answer.getUInt32("coherencyLossCount", lossCount))
         ztsdtools::throwMissingJsonKey(
             uri, "coherencyLossCount",
             "Remote syncable device did not specify the number of times it has lost coherency.");
@@ -161,9 +164,11 @@ bool SyncableDeviceProxy::isCoherent(std::uint32_t* coherencyLossCount) {
 }
 
 std::string SyncableDeviceProxy::toJson() {
-    const std::string json = fetchCheckedResource("Remote SyncableDevice returned invalid JSON in call to toJson().");
+    const std::string json = fetchValidResource("Remote SyncableDevice returned invalid JSON in call to toJson().");
+    const ztsynctools::ParsedJson answer(json);
+    ztsdtools::checkRemoteApiVersion(uri, answer, kMissingVersion, kUnsupportedVersion);
     std::string remoteUri;
-    if (!ztsynctools::getStringFromJsonString(json, "uri", remoteUri))
+    if (!answer.getString("uri", remoteUri))
         ztsdtools::throwMissingJsonKey(uri, "uri",
                                        "URI key not found in the JSON object received from the remote syncable device.");
     if (remoteUri != resourcePath) {

@@ -59,7 +59,8 @@ public:
 
 private:
     void splitUri();
-    std::string fetchCheckedResource(const char* invalidJsonMessage);
+    // GETs the device resource and validates the answer strictly.
+    std::string fetchValidResource(const char* invalidJsonMessage);
 
     std::string uri;
     std::string hostUrl;
