@@ -36,6 +36,12 @@ inline bool notAfter(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {
     return a.seconds < b.seconds || (a.seconds == b.seconds && a.nanos <= b.nanos);
 }
 
+// b - a in nanoseconds, for non-negative records less than 292 years apart.
+inline std::int64_t nanosBetween(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {
+    return (static_cast<std::int64_t>(b.seconds) - static_cast<std::int64_t>(a.seconds)) * 1000000000 +
+           (static_cast<std::int64_t>(b.nanos) - static_cast<std::int64_t>(a.nanos));
+}
+
 inline std::string show(const ztsdlib_Timestamp& t) {
     char text[64];
     std::snprintf(text, sizeof text, "%s%llu.%09u", t.isNegative ? "-" : "",

@@ -14,12 +14,7 @@
 namespace {
 
 using daemontest::hostNow;
-
-// b - a in nanoseconds, for non-negative records less than 292 years apart.
-std::int64_t nanosBetween(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {
-    return (static_cast<std::int64_t>(b.seconds) - static_cast<std::int64_t>(a.seconds)) * 1000000000 +
-           (static_cast<std::int64_t>(b.nanos) - static_cast<std::int64_t>(a.nanos));
-}
+using daemontest::nanosBetween;
 
 // What is left after the regression is mostly the time between the
 // correlator's host reading and the daemon's clock reading (the request's
