@@ -25,6 +25,12 @@ struct Raised {
         return doc ? cJSON_GetObjectItemCaseSensitive(doc.get(), key) : nullptr;
     }
     std::string text(const char* key) const { return textOf(member(key)); }
+    // The top-level member names of the report, in order.
+    std::vector<std::string> memberNames() const {
+        std::vector<std::string> names;
+        for (const cJSON* c = doc ? doc->child : nullptr; c; c = c->next) names.emplace_back(c->string);
+        return names;
+    }
     // The diagnostic object under debugKey, or null.
     const cJSON* debug(const char* debugKey) const { return member(debugKey); }
     // A string member of the diagnostic object ("" when absent or not a string).

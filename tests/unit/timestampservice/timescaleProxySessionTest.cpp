@@ -29,12 +29,6 @@ constexpr const char* kUri = "/10.0.0.1:8080/ztsdwebs/resources/ztsd/timescales/
 constexpr const char* kDebug = "ztsyncdomain_debug";
 constexpr const char* kTimeFailed = "Encountered error getting time from zttimestampd on remote target.";
 
-std::vector<std::string> memberNames(const ztsdtest::Raised& r) {
-    std::vector<std::string> names;
-    for (const cJSON* c = r.doc ? r.doc->child : nullptr; c; c = c->next) names.emplace_back(c->string);
-    return names;
-}
-
 struct TimescaleProxySessionTest : ::testing::Test {
     std::shared_ptr<ScriptedThriftClient> client = std::make_shared<ScriptedThriftClient>();
     std::unique_ptr<TimescaleProxySession> make(std::uint32_t attempts = 5, const std::string& uri = kUri) {
@@ -75,7 +69,7 @@ TEST_F(TimescaleProxySessionTest, HandshakeFailureIsCommunicationsFaultAfterOneA
     client->openFailures = 1;
     auto r = captureRaise([&] { make(); });
     EXPECT_EQ(r.code, -52024);
-    EXPECT_EQ(memberNames(r), (std::vector<std::string>{"error_constant", "file", "line", "component", "timescaleUri",
+    EXPECT_EQ(r.memberNames(), (std::vector<std::string>{"error_constant", "file", "line", "component", "timescaleUri",
                                                         "std_exception_what", kDebug}));
     EXPECT_EQ(r.text("timescaleUri"), kUri);
     EXPECT_EQ(r.text("std_exception_what"), "TSocket::open() connect() refused");
