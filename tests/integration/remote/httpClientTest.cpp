@@ -366,13 +366,3 @@ TEST_F(HttpClient, ServerCodesPassThroughUnchanged) {
     EXPECT_EQ(r.detail(kDebug, "errorText"), "conflict");
     EXPECT_EQ(r.member("nested_error"), nullptr);
 }
-
-TEST_F(HttpClient, ARefusedConnectionSurfacesAsACommunicationsFault) {
-    const std::string deadPrefix = hostPrefix;
-    sim.stop();
-    std::string result;
-    const Raised r = captureRaise([&] { ztsdtools::sendGetRequest(client, deadPrefix, devicePath, result); });
-    EXPECT_EQ(r.code, -52024);
-    EXPECT_EQ(r.number(kDebug, "originalCode"), -411361);
-    EXPECT_EQ(nestedNumber(r, "CURLcode"), CURLE_COULDNT_CONNECT);
-}
