@@ -2,13 +2,6 @@
  * A consumer written in C99 against the public header and the shared
  * library only. Exits non-zero with a message on the first failed check.
  */
-#if !defined(_WIN32)
-#define _POSIX_C_SOURCE 200112L /* sockets, for a closed loopback port */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#endif
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -159,56 +152,12 @@ static void syncDomainOnTheLibraryPool(void) {
     status.reallocate(&status, 0);
 }
 
-#if !defined(_WIN32)
-/* A loopback port that nothing listens on: bound to learn it, then released. */
-static unsigned closedLoopbackPort(void) {
-    struct sockaddr_in address;
-    socklen_t length = sizeof address;
-    unsigned port = 0;
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd >= 0 && bind(fd, (struct sockaddr*)&address, sizeof address) == 0 &&
-        getsockname(fd, (struct sockaddr*)&address, &length) == 0)
-        port = ntohs(address.sin_port);
-    if (fd >= 0) close(fd);
-    return port;
-}
-
-/* No daemon at the port: creation reports a communications fault. */
-static void timescaleProxyRefused(void) {
-    zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
-    const unsigned port = closedLoopbackPort();
-    ztsdlib_Timescale* ts;
-
-    CHECK(port != 0);
-    ts = ztsdlib_TimescaleProxy_create("/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/00-80-2F-AA-BB-CC-DD-EE",
-                                       "127.0.0.1", port, &status);
-    CHECK(ts == NULL);
-    CHECK(status.code == -52024);
-    CHECK(status.json != NULL);
-    if (status.json) {
-        CHECK(strstr(status.json, "\"error_constant\":\"ztapalerr_communicationsFault\"") != NULL);
-        CHECK(strstr(status.json, "\"timescaleUri\":\"/127.0.0.1:1/ztsdwebs/") != NULL);
-        CHECK(strstr(status.json, "\"std_exception_what\":\"") != NULL);
-        CHECK(strstr(status.json, "\"message\":\"Encountered error getting server API version from zttimestampd "
-                                  "on remote target.\"}") != NULL);
-    }
-    ztsdlib_Timescale_delete(ts);
-    status.reallocate(&status, 0);
-}
-#endif
-
 int main(void) {
     hostTimescaleRoundTrip();
     missingParameterReport();
     zeroInitialisedStatus();
     correlatorBetweenHostTimescales();
     syncDomainOnTheLibraryPool();
-#if !defined(_WIN32)
-    timescaleProxyRefused();
-#endif
     if (failures) {
         fprintf(stderr, "%d checks failed\n", failures);
         return 1;
