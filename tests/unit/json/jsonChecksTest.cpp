@@ -29,17 +29,14 @@ TEST(ValidateJsonString, ReportsTheValidatorErrorWithTheRestOfTheText) {
         const char* error;
         std::string position;
     };
+    // Which error the validator finds where is its own tests' business; these
+    // rows check that its name and position come through, at the start, in
+    // the middle and at the end of the text, and past a NUL.
     const std::vector<Case> cases = {
         {"{} x", "jsonz_errorTrailingChar", "x"},
-        {"[1,]", "jsonz_errorTrailingComma", "]"},
-        {"", "jsonz_errorValueExpected", ""},
         {"\f{}", "jsonz_errorValueExpected", "\f{}"},
         {"{\"a\" 1}", "jsonz_errorColonExpected", "1}"},
-        {"[1 2]", "jsonz_errorCommaExpected", "2]"},
-        {"{\"a\":1", "jsonz_errorCurlyBracketExpected", ""},
         {"[1", "jsonz_errorSquareBracketExpected", ""},
-        {"{1:2}", "jsonz_errorDoubleQuoteExpected", "1:2}"},
-        {"\"\\x\"", "jsonz_errorInvalidStringSequence", "x\""},
         {std::string("{}\0{}", 5), "jsonz_errorTrailingChar", std::string("\0{}", 3)},
     };
     for (const Case& c : cases) {
