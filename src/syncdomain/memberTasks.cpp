@@ -74,28 +74,48 @@ std::string GetMemberJsonTask::text() const {
     return result;
 }
 
+namespace {
+
+[[noreturn]] void raiseTimedOut(const ztsdtools::MonotonicTimer& timer, const std::string& syncDomainUri) {
+    zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut), zterr::code::ztapalerr_operationTimedOut,
+                 "ztsyncdomain_debug",
+                 {{"message", "Timed out while waiting for one or more syncable devices to respond."},
+                  {"syncDomainUri", syncDomainUri},
+                  {"timeout_ms", timer.timeout()}});
+}
+
+// Waits until the task is done; raises the time-out when the timer expires first.
+void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
+               const std::string& syncDomainUri) {
+    for (;;) {
+        if (timer.hasExpired()) raiseTimedOut(timer, syncDomainUri);
+        // Read the count before looking at the task, so a completion
+        // between the look and the wait still ends the wait.
+        const std::uint64_t seen = signal.count();
+        if (task.isDone()) return;
+        signal.waitFor(seen, kPollInterval);
+    }
+}
+
+}  // namespace
+
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
-                      ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
-                      const std::string& syncDomainUri) {
+                      ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
+                      const std::string& syncDomainUri, UnfinishedTasks& unfinished) {
+    for (const auto& task : unfinished.tasks) awaitDone(*task, timer, *unfinished.signal, syncDomainUri);
+    unfinished = UnfinishedTasks{};
+
     for (const auto& task : tasks) pool.submit(task);
-    for (const auto& task : tasks) {
-        for (;;) {
-            if (timer.hasExpired()) {
-                zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut),
-                             zterr::code::ztapalerr_operationTimedOut, "ztsyncdomain_debug",
-                             {{"message", "Timed out while waiting for one or more syncable devices to respond."},
-                              {"syncDomainUri", syncDomainUri},
-                              {"timeout_ms", timer.timeout()}});
-            }
-            // Read the count before looking at the task, so a completion
-            // between the look and the wait still ends the wait.
-            const std::uint64_t seen = signal.count();
-            if (task->isDone()) {
-                if (task->error()) raiseMemberFailure(task->error(), syncDomainUri);
-                break;
-            }
-            signal.waitFor(seen, kPollInterval);
+    try {
+        for (const auto& task : tasks) {
+            awaitDone(*task, timer, *signal, syncDomainUri);
+            if (task->error()) raiseMemberFailure(task->error(), syncDomainUri);
         }
+    } catch (...) {
+        unfinished.signal = signal;
+        for (const auto& task : tasks)
+            if (!task->isDone()) unfinished.tasks.push_back(task);
+        throw;
     }
 }
 

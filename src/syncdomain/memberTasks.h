@@ -93,12 +93,24 @@ private:
     std::string result;
 };
 
-// Submits the tasks in order, then waits for each in order: an expired timer
-// fails with ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
+// The tasks of a failed fan-out that were still running when it failed.
+// Each uses its member's device, and a device is asked from one task at a
+// time (device proxies are not safe for concurrent use), so the domain's
+// next fan-out waits for these before it submits anything.
+struct UnfinishedTasks {
+    std::shared_ptr<CompletionSignal> signal;  // theirs
+    std::vector<std::shared_ptr<TaskBase>> tasks;
+};
+
+// First waits, under the same timer, for the unfinished tasks of an earlier
+// fan-out (an expired timer fails as below and keeps them). Then submits the
+// tasks in order and waits for each in order: an expired timer fails with
+// ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
 // ztapalerr_communicationsFault and that error nested. Tasks still running
-// when it fails are left to the pool, which owns them too.
+// when it fails are left to the pool, which owns them too, and recorded in
+// `unfinished`.
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
-                      ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
-                      const std::string& syncDomainUri);
+                      ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
+                      const std::string& syncDomainUri, UnfinishedTasks& unfinished);
 
 }  // namespace ztsdlib

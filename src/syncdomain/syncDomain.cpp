@@ -59,7 +59,7 @@ SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& tim
         checks.push_back(std::make_shared<CheckMemberCoherencyStateTask>(signal, memberUri, *member.device));
         tasks.push_back(checks.back());
     }
-    awaitMemberTasks(*threadPool, tasks, timer, *signal, uri);
+    awaitMemberTasks(*threadPool, tasks, timer, signal, uri, unfinished);
     CheckResults results;
     results.reserve(checks.size());
     for (const auto& check : checks) results[check->memberUri] = {check->isCoherent, check->coherencyLossCount};
@@ -74,7 +74,7 @@ std::vector<std::string> SyncDomain::getMemberJsons(ztsdtools::MonotonicTimer& t
         jsonTasks.push_back(std::make_shared<GetMemberJsonTask>(signal, *entry.second.device));
         tasks.push_back(jsonTasks.back());
     }
-    awaitMemberTasks(*threadPool, tasks, timer, *signal, uri);
+    awaitMemberTasks(*threadPool, tasks, timer, signal, uri, unfinished);
     std::vector<std::string> texts;
     texts.reserve(jsonTasks.size());
     for (const auto& task : jsonTasks) texts.push_back(task->text());

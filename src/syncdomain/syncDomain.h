@@ -4,7 +4,9 @@
 // Threads: the domain has no lock and is used from one caller thread at a
 // time. Parallel work happens only inside a fan-out, whose tasks touch their
 // own member and their own result; the domain reads the results after all
-// tasks are done (see memberTasks.h).
+// tasks are done (see memberTasks.h). A fan-out that fails leaves the tasks
+// still running to the pool; the next fan-out waits for them first, so a
+// member's device is never asked twice at once.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "syncdomain/memberTasks.h"
 #include "syncdomain/syncDomainInterface.h"
 #include "time/monotonicTimer.h"
 #include "time/timescaleInterface.h"
@@ -75,6 +78,8 @@ private:
     std::unordered_map<std::string, Member> members;
     ThreadPoolInterface* threadPool;
     std::uint32_t startTimeout_s = 10;
+    // Tasks a failed fan-out left running; the next fan-out waits for them.
+    UnfinishedTasks unfinished;
 };
 
 }  // namespace ztsdlib
