@@ -13,6 +13,7 @@
 #include "json/cjsonUtils.h"
 #include "json/cppJson.h"
 #include "json/jsonz.h"
+#include "json/memberText.h"
 
 namespace zt {
 namespace vela {
@@ -276,6 +277,18 @@ std::string readReplyEnvelope(const std::string& body) {
         }
     }
 
+    // The result as sent, read from the text: printing it from the tree
+    // would cost as much as the whole parse (cJSON prints every number
+    // twice to find its shortest form).
+    std::string resultText;
+    switch (ztjsonlh::compactMemberText(text, "result", resultText)) {
+        case ztjsonlh::MemberLookup::Found:
+            return resultText;
+        case ztjsonlh::MemberLookup::Absent:
+            return std::string();
+        case ztjsonlh::MemberLookup::Undecided:
+            break;
+    }
     const cJSON* result = cJSON_GetObjectItem(root, "result");
     return result ? ztjsonlh::printUnformatted(result) : std::string();
 }

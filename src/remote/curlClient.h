@@ -5,7 +5,8 @@
 // "Accept" and "Content-Type", and expects a JSON body in the service's
 // envelope:
 //   {"error":{"success":true,"errorCode":0,"errorText":"","errorInfo":{}},"result":<payload>}
-// and returns the compact JSON text of "result" ("" when the body has none).
+// and returns the JSON text of "result" as sent, with the whitespace between
+// its tokens removed ("" when the body has none; see json/memberText.h).
 //
 // Failures, each raised as zterr::Exception with a "ztsyncdomain_debug"
 // object that starts with "message":

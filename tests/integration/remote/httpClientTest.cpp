@@ -145,7 +145,12 @@ TEST_F(HttpClient, TheEnvelopeYieldsItsResultOrItsError) {
              {"{\"result\":{\"x\":1}}", "{\"x\":1}"},
              {"{}", ""},
              {"[1,2]", ""},
-             {" {\"error\":{\"success\":true},\"result\":[1, 2.50, \"s\"]}\r\n", "[1,2.5,\"s\"]"},
+             // The result as sent, only the whitespace between tokens gone.
+             {" {\"error\":{\"success\":true},\"result\":[1, 2.50 ,\t\"s \\\" \\u0041\"]}\r\n",
+              "[1,2.50,\"s \\\" \\u0041\"]"},
+             {"{\"a\":{\"result\":0},\"resulT\" : { \"b\" : [ ] , \"c\":-1e+2},\"result\":2}", "{\"b\":[],\"c\":-1e+2}"},
+             // A name written with escapes is read from the parsed tree.
+             {"{\"r\\u0065sult\":[ 1.0 ]}", "[1]"},
              {"{\"error\":null,\"result\":1}", "1"},
              {"{\"error\":{\"success\":true,\"errorCode\":\"ignored\"},\"result\":null}", "null"},
              {"{\"Result\":true}", "true"},
