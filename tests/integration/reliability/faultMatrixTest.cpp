@@ -1,0 +1,446 @@
+// Runs the fault matrix (faultMatrix.h) against real simulators on
+// 127.0.0.1, through the public C exports: for every row and every
+// operation it applies to, the fault is put on the simulated chassis, the
+// call must give the cell's code (with its cause in the report, and a report
+// the strict validator accepts), and once the fault is cleared the same call
+// on the same objects must succeed. One parameterised test per family of
+// operations, one instance per row.
+//
+// Device proxies and timescale proxies are made with short time-outs (the
+// exports fix 5000 ms) and handed to the exports as handles, so a stall
+// costs a few hundred milliseconds; everything else is made by the exports.
+#include <gtest/gtest.h>
+
+#include <cjson/cJSON.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "api/exportFrame.h"
+#include "integration/reliability/faultMatrix.h"
+#include "integration/reliability/loopbackRelay.h"
+#include "integration/timestampservice/daemonTestSupport.h"
+#include "syncdomain/syncableDeviceProxy.h"
+#include "timestampservice/timescaleProxy.h"
+#include "unit/support/statusFixture.h"
+#include "ztsd-sim/chassisSimulator.h"
+#include "ztsd-sim/timestampDaemonSimulator.h"
+#include "ztsdlib/ztsdlib.h"
+
+namespace {
+
+using faultmatrix::Family;
+using faultmatrix::FaultRow;
+using faultmatrix::Injection;
+using faultmatrix::Op;
+using faultmatrix::Outcome;
+using ztsdtest::OwnedStatus;
+
+constexpr unsigned kRequestTimeout_ms = 250;
+constexpr std::uint32_t kSocketTimeout_ms = 150;
+constexpr const char* kGmId = "00-80-2F-00-00-00-01-00";
+constexpr const char* kFaultyDevice = "chassis1";
+constexpr const char* kDomainUri = "/localhost/ztsd/syncDomains/matrix";
+
+// What one call left in its status, and what it returned.
+struct CallResult {
+    std::int32_t code = 0;
+    std::string report;
+    bool answer = false;       // isCoherent-style results
+    std::string text;          // toJson results
+};
+
+CallResult resultOf(OwnedStatus& status) {
+    CallResult r;
+    r.code = status.s.code;
+    r.report = status.text();
+    return r;
+}
+
+void expectOutcome(const Outcome& cell, const CallResult& r) {
+    EXPECT_EQ(r.code, cell.code) << r.report;
+    if (cell.code == 0) return;
+    ASSERT_TRUE(ztsdtest::strictlyValid(r.report.c_str())) << r.report;
+    ztsdtest::CJsonPtr doc = ztsdtest::parseJson(r.report);
+    ASSERT_TRUE(doc) << r.report;
+    EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(doc.get(), "error_constant")), cell.constant)
+        << r.report;
+    if (cell.cause != 0) EXPECT_TRUE(faultmatrix::reportCarriesCause(doc.get(), cell.cause)) << r.report;
+}
+
+// A chassis web service on 127.0.0.1 that can go away and come back on the
+// same port, with one device and one listed timescale.
+class RestartableChassis {
+public:
+    explicit RestartableChassis(std::string deviceName) : device(std::move(deviceName)) { start(0); }
+
+    void stop() { sim->stop(); }
+    void restart() { start(port); }
+
+    ztsdsim::ChassisSimulator& web() { return *sim; }
+    std::string deviceUri() const { return sim->deviceUri(device); }
+    const std::string device;
+
+private:
+    void start(std::uint16_t onPort) {
+        ztsdsim::SimulatorOptions options;
+        options.port = onPort;
+        sim = std::make_unique<ztsdsim::ChassisSimulator>("ztsd", options);
+        sim->start();
+        port = sim->port();
+        sim->addDevice(device);
+        sim->addTimescale(kGmId);
+    }
+
+    std::unique_ptr<ztsdsim::ChassisSimulator> sim;
+    std::uint16_t port = 0;
+};
+
+class FaultMatrix : public ::testing::TestWithParam<std::string> {
+protected:
+    const FaultRow& row() const { return *faultmatrix::findRow(GetParam()); }
+
+    void SetUp() override {
+        daemon.addTimescale(kGmId);
+        daemon.setApiVersion(row().daemonVersionAtCreation);
+        daemon.start();
+        if (row().injection == Injection::DaemonStopped) {
+            relay = std::make_unique<reliability::LoopbackRelay>(daemon.port());
+            relay->start();
+        }
+    }
+
+    void TearDown() override {
+        for (ztsdlib_Timescale* t : timescales) ztsdlib_Timescale_delete(t);
+        ztsdlib_TimestampCorrelator_delete(correlator);
+        ztsdlib_SyncDomain_delete(domain);
+        ztsdlib_ThreadPool_delete(pool);
+        for (ztsdlib_SyncableDevice* d : devices) ztsdlib_SyncableDevice_delete(d);
+        for (auto& c : chassis) c->stop();
+        daemon.stop();
+    }
+
+    std::uint16_t daemonPort() const { return relay ? relay->port() : daemon.port(); }
+
+    // ---- the world each family needs ----
+
+    ztsdlib_SyncableDevice* shortTimeoutDevice(const std::string& uri) {
+        ztsdlib::SyncableDeviceInterface* object = new ztsdlib::SyncableDeviceProxy(uri, kRequestTimeout_ms);
+        devices.push_back(ztsdlib::api::handleOf<ztsdlib_SyncableDevice>(object));
+        return devices.back();
+    }
+
+    ztsdlib_Timescale* hostTimescale() {
+        OwnedStatus status;
+        timescales.push_back(ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status));
+        EXPECT_EQ(status.s.code, 0) << status.text();
+        return timescales.back();
+    }
+
+    // Two chassis; the faults go on the second.
+    void makeChassis() {
+        chassis.push_back(std::make_unique<RestartableChassis>("chassis0"));
+        chassis.push_back(std::make_unique<RestartableChassis>(kFaultyDevice));
+    }
+    RestartableChassis& faulty() { return *chassis.back(); }
+
+    void makeDomain() {
+        OwnedStatus status;
+        pool = ztsdlib_ThreadPool_create(2, &status);
+        domain = ztsdlib_SyncDomain_create(kDomainUri, hostTimescale(), 1000, 100, pool, &status);
+        for (auto& c : chassis) ztsdlib_SyncDomain_addSyncableDevice(domain, shortTimeoutDevice(c->deviceUri()), &status);
+        ASSERT_EQ(status.s.code, 0) << status.text();
+    }
+
+    void makeRemoteTime() {
+        ztsdlib::TimescaleProxySettings settings;
+        settings.socketTimeout_ms = kSocketTimeout_ms;
+        ztsdlib::TimescaleInterface* object = new ztsdlib::TimescaleProxy(
+            "/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/" + std::string(kGmId), "127.0.0.1", daemonPort(),
+            settings);
+        remote = ztsdlib::api::handleOf<ztsdlib_Timescale>(object);
+        timescales.push_back(remote);
+        host = hostTimescale();
+        OwnedStatus status;
+        correlator = ztsdlib_LinearCorrelator_create("/localhost/ztsd/correlators/matrix", host, remote, 5, 4, 600,
+                                                     &status);
+        ASSERT_EQ(status.s.code, 0) << status.text();
+        // A first reading leaves a connection open, as a proxy in use has.
+        ztsdlib_Timestamp t{};
+        ztsdlib_Timescale_getTime(remote, &t, &status);
+        ASSERT_EQ(status.s.code, 0) << status.text();
+    }
+
+    // ---- faults ----
+
+    void inject() {
+        const FaultRow& r = row();
+        if (r.injection == Injection::WebStopped) return faulty().stop();
+        if (r.injection == Injection::DaemonStopped) return relay->stop();
+        if (r.isWebFault()) return faultmatrix::injectWeb(r, faulty().web(), faulty().device);
+        faultmatrix::injectDaemon(r, daemon, kGmId);
+    }
+
+    void clear() {
+        const FaultRow& r = row();
+        if (r.injection == Injection::WebStopped) return faulty().restart();
+        if (r.injection == Injection::DaemonStopped) return relay->start();
+        if (r.isWebFault()) return faultmatrix::clearWeb(r, faulty().web(), faulty().device);
+        faultmatrix::clearDaemon(r, daemon, kGmId);
+    }
+
+    // ---- the operations ----
+
+    std::string requirements() const {
+        return std::string("{\"version\":1,\"syncDomainUri\":\"") + kDomainUri +
+               "\",\"coherencyRequirements\":{\"requiredTimescaleUri\":\"" + ZTSDLIB_HOST_TIMESCALE_URI +
+               "\",\"maxOffset_ns\":1000,\"minSyncDuration_ms\":100},\"data\":{}}";
+    }
+
+    CallResult run(Op op) {
+        OwnedStatus status;
+        CallResult r;
+        switch (op) {
+            case Op::DevicePut:
+                ztsdlib_SyncableDevice_setCoherencyRequirements(devices.front(), kDomainUri, requirements().c_str(),
+                                                                &status);
+                break;
+            case Op::DeviceIsCoherent: {
+                std::uint32_t losses = 99;
+                r.answer = ztsdlib_SyncableDevice_isCoherent(devices.front(), &losses, &status);
+                if (status.s.code == 0) EXPECT_EQ(losses, 0u);
+                break;
+            }
+            case Op::DeviceToJson: r.text = owned(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
+            case Op::DomainStart: {
+                OwnedStatus stopping;
+                if (ztsdlib_SyncDomain_isRunning(domain, &stopping)) ztsdlib_SyncDomain_stop(domain, &stopping);
+                r.answer = ztsdlib_SyncDomain_start(domain, 2, &status);
+                break;
+            }
+            case Op::DomainIsCoherent: r.answer = ztsdlib_SyncDomain_isCoherent(domain, &status); break;
+            case Op::DomainSinceLastChecked:
+                r.answer = ztsdlib_SyncDomain_isCoherentSinceLastChecked(domain, &status);
+                break;
+            case Op::DomainToJson: r.text = owned(ztsdlib_SyncDomain_toJson(domain, &status)); break;
+            case Op::LoadResources: r.answer = load(status); break;
+            case Op::TimescaleGetTime: {
+                const ztsdlib_Timestamp before = daemon.timeAt(daemontest::hostNow());
+                ztsdlib_Timestamp reading{};
+                ztsdlib_Timescale_getTime(remote, &reading, &status);
+                const ztsdlib_Timestamp after = daemon.timeAt(daemontest::hostNow());
+                r.answer = daemontest::notAfter(before, reading) && daemontest::notAfter(reading, after);
+                break;
+            }
+            case Op::CorrelatorCorrelate: {
+                // Sampling starts under the fault; the first correlate waits for it.
+                OwnedStatus starting;
+                ztsdlib_TimestampCorrelator_start(correlator, &starting);
+                EXPECT_EQ(starting.s.code, 0) << starting.text();
+                const ztsdlib_Timestamp hostTime = daemontest::hostNow();
+                ztsdlib_Timestamp remoteTime{};
+                ztsdlib_TimestampCorrelator_correlate(correlator, &hostTime, ZTSDLIB_HOST_TIMESCALE_URI, &remoteTime,
+                                                      &status);
+                // Within 50 ms of the daemon's true mapping (loopback round trips).
+                const ztsdlib_Timestamp truth = daemon.timeAt(hostTime);
+                const long long diff_ns = (static_cast<long long>(remoteTime.seconds) -
+                                           static_cast<long long>(truth.seconds)) * 1000000000LL +
+                                          (static_cast<long long>(remoteTime.nanos) - truth.nanos);
+                r.answer = diff_ns > -50000000LL && diff_ns < 50000000LL;
+                break;
+            }
+            case Op::CorrelatorStop: ztsdlib_TimestampCorrelator_stop(correlator, &status); break;
+        }
+        CallResult filled = resultOf(status);
+        filled.answer = r.answer;
+        filled.text = r.text;
+        return filled;
+    }
+
+    static std::string owned(char* text) {
+        std::string copy = text ? text : "";
+        std::free(text);
+        return copy;
+    }
+
+    bool load(OwnedStatus& status) {
+        const std::string params = "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" +
+                                   faulty().web().remoteHost() +
+                                   "\",\"timestampDaemonPort\":" + std::to_string(daemonPort()) + "}}";
+        ztsdlib_SyncableDevice* device = nullptr;
+        ztsdlib_Timescale** loaded = nullptr;
+        std::uint32_t count = 0;
+        ztsdlib_loadProxyResources(params.c_str(), &device, &loaded, &count, std::malloc, &status);
+        const bool complete = device != nullptr && count == 1;
+        ztsdlib_SyncableDevice_delete(device);
+        for (std::uint32_t i = 0; i < count; ++i) ztsdlib_Timescale_delete(loaded[i]);
+        std::free(loaded);
+        return complete;
+    }
+
+    // What a successful call must have returned.
+    void expectGoodAnswer(Op op, const CallResult& r) {
+        switch (op) {
+            case Op::DeviceIsCoherent:
+            case Op::DomainStart:
+            case Op::DomainIsCoherent:
+            case Op::DomainSinceLastChecked:
+            case Op::LoadResources:
+            case Op::TimescaleGetTime:
+            case Op::CorrelatorCorrelate: EXPECT_TRUE(r.answer) << faultmatrix::opTitle(op); break;
+            case Op::DeviceToJson:
+            case Op::DomainToJson: EXPECT_TRUE(ztsdtest::strictlyValid(r.text.c_str())) << r.text; break;
+            default: break;
+        }
+    }
+
+    // The domain's JSON keeps going when a member fails: that member's entry
+    // carries its error, the same one the device's own toJson gives.
+    void expectMemberEntries(const CallResult& r, bool faultActive) {
+        ztsdtest::CJsonPtr doc = ztsdtest::parseJson(r.text);
+        ASSERT_TRUE(doc) << r.text;
+        const cJSON* members = cJSON_GetObjectItemCaseSensitive(doc.get(), "syncableDevices");
+        ASSERT_EQ(cJSON_GetArraySize(members), 2) << r.text;
+        const Outcome& deviceCell = row().cell(Op::DeviceToJson);
+        const bool memberFails = faultActive && deviceCell.applies && deviceCell.code != 0;
+        const cJSON* entry = nullptr;
+        cJSON_ArrayForEach(entry, members) {
+            const std::string uri = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(entry, "uri"));
+            const cJSON* error = cJSON_GetObjectItemCaseSensitive(entry, "error");
+            if (memberFails && uri == faulty().deviceUri()) {
+                ASSERT_TRUE(cJSON_IsObject(error)) << r.text;
+                EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(error, "error_constant")),
+                             deviceCell.constant);
+            } else {
+                EXPECT_EQ(error, nullptr) << r.text;
+                EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(entry, "isCoherent"))) << r.text;
+            }
+        }
+    }
+
+    void runFamily(Family family) {
+        for (Op op : faultmatrix::opsOf(family)) {
+            const Outcome& cell = row().cell(op);
+            if (!cell.applies) continue;
+            SCOPED_TRACE(std::string(row().id) + " " + faultmatrix::opTitle(op));
+            // The correlator's two cells come from one run: start and
+            // correlate under the fault, then stop.
+            if (op == Op::CorrelatorStop) continue;
+            inject();
+            const CallResult faulted = run(op);
+            expectOutcome(cell, faulted);
+            // A reading held up under the fault skews the samples taken
+            // meanwhile, so the correlator's answer is judged after clearing.
+            if (cell.code == 0 && op != Op::CorrelatorCorrelate) expectGoodAnswer(op, faulted);
+            if (op == Op::DomainToJson) expectMemberEntries(faulted, true);
+            if (op == Op::CorrelatorCorrelate) {
+                SCOPED_TRACE("correlator stop");
+                expectOutcome(row().cell(Op::CorrelatorStop), run(Op::CorrelatorStop));
+            }
+            clear();
+            const CallResult recovered = run(op);
+            EXPECT_EQ(recovered.code, 0) << "after clearing: " << recovered.report;
+            expectGoodAnswer(op, recovered);
+            if (op == Op::DomainToJson) expectMemberEntries(recovered, false);
+            if (op == Op::DevicePut) EXPECT_EQ(faulty().web().requirementsOf(faulty().device), requirements());
+            if (op == Op::CorrelatorCorrelate) {
+                SCOPED_TRACE("correlator stop after clearing");
+                EXPECT_EQ(run(Op::CorrelatorStop).code, 0);
+            }
+        }
+    }
+
+    ztsdsim::TimestampDaemonSimulator daemon;
+    std::unique_ptr<reliability::LoopbackRelay> relay;
+    std::vector<std::unique_ptr<RestartableChassis>> chassis;
+    std::vector<ztsdlib_SyncableDevice*> devices;
+    std::vector<ztsdlib_Timescale*> timescales;
+    void* pool = nullptr;
+    ztsdlib_SyncDomain* domain = nullptr;
+    ztsdlib_Timescale* remote = nullptr;
+    ztsdlib_Timescale* host = nullptr;
+    ztsdlib_TimestampCorrelator* correlator = nullptr;
+};
+
+std::vector<std::string> rowsOf(Family family) {
+    std::vector<std::string> ids;
+    for (const FaultRow& row : faultmatrix::rows())
+        if (row.appliesTo(family)) ids.emplace_back(row.id);
+    return ids;
+}
+
+std::string rowName(const ::testing::TestParamInfo<std::string>& info) { return info.param; }
+
+using DeviceFaultMatrix = FaultMatrix;
+using DomainFaultMatrix = FaultMatrix;
+using LoadingFaultMatrix = FaultMatrix;
+using RemoteTimeFaultMatrix = FaultMatrix;
+
+TEST_P(DeviceFaultMatrix, CallerGetsTheCellsCodeAndTheSameDeviceWorksOnceCleared) {
+    makeChassis();
+    shortTimeoutDevice(faulty().deviceUri());
+    runFamily(Family::Device);
+}
+
+TEST_P(DomainFaultMatrix, MemberFaultsNestUnderTheDomainsCodeAndTheDomainWorksOnceCleared) {
+    makeChassis();
+    makeDomain();
+    runFamily(Family::Domain);
+}
+
+TEST_P(LoadingFaultMatrix, LoadingGivesTheCellsCodeAndLoadsOnceCleared) {
+    makeChassis();
+    runFamily(Family::Loading);
+}
+
+TEST_P(RemoteTimeFaultMatrix, ReadingsAndCorrelationGiveTheCellsCodeAndRecoverOnceCleared) {
+    makeRemoteTime();
+    runFamily(Family::RemoteTime);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, DeviceFaultMatrix, ::testing::ValuesIn(rowsOf(Family::Device)), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, DomainFaultMatrix, ::testing::ValuesIn(rowsOf(Family::Domain)), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, LoadingFaultMatrix, ::testing::ValuesIn(rowsOf(Family::Loading)), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, RemoteTimeFaultMatrix, ::testing::ValuesIn(rowsOf(Family::RemoteTime)), rowName);
+
+// ---- the document and the table agree ----
+
+std::string readDocument() {
+    std::ifstream in(std::string(ZTSD_TEST_DATA_DIR) + "/../../docs/faultMatrix.md");
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+TEST(FaultMatrixDocument, ListsEveryRowOfTheTableAsTheTableHasItAndNoOthers) {
+    const std::string doc = readDocument();
+    ASSERT_FALSE(doc.empty());
+    std::set<std::string> expectedLines;
+    std::size_t cells = 0;
+    for (Family family : {Family::Device, Family::Domain, Family::Loading, Family::RemoteTime}) {
+        for (const FaultRow& row : faultmatrix::rows()) {
+            if (!row.appliesTo(family)) continue;
+            const std::string line = faultmatrix::renderRow(row, family);
+            expectedLines.insert(line);
+            EXPECT_NE(doc.find(line + "\n"), std::string::npos) << "missing from docs/faultMatrix.md:\n" << line;
+            for (Op op : faultmatrix::opsOf(family)) cells += row.cell(op).applies ? 1 : 0;
+        }
+    }
+    // Every row line of the document is one the table renders.
+    std::istringstream lines(doc);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind("| H", 0) == 0 || line.rfind("| T", 0) == 0)
+            EXPECT_EQ(expectedLines.count(line), 1u) << "not in the table: " << line;
+    }
+    const std::string counts = std::to_string(faultmatrix::rows().size()) + " fault rows and " +
+                               std::to_string(cells) + " cells";
+    EXPECT_NE(doc.find(counts), std::string::npos) << "the document should state: " << counts;
+}
+
+}  // namespace
