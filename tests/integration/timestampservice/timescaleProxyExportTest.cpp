@@ -53,9 +53,6 @@ TEST_F(TimescaleProxyExportTest, FailuresReachTheStatus) {
     EXPECT_NE(missing.text().find("\"host\":\"nullptr\""), std::string::npos) << missing.text();
     EXPECT_EQ(daemon.connectionCount(), 0u);
 
-    // An error already in the status: nothing is done.
-    EXPECT_EQ(ztsdlib_TimescaleProxy_create(callerUri().c_str(), "127.0.0.1", daemon.port(), &missing), nullptr);
-    EXPECT_EQ(daemon.connectionCount(), 0u);
 
     OwnedStatus removed;
     ztsdlib_Timescale* ts = ztsdlib_TimescaleProxy_create(callerUri().c_str(), "127.0.0.1", daemon.port(), &removed);
