@@ -13,7 +13,7 @@
 #include "time/timestamp.h"
 #include "time/timestampDecimal.h"
 #include "unit/support/literalTimestampConversion.h"
-#include "unit/support/statusFixture.h"
+#include "unit/support/errorReport.h"
 
 using ztsdlib::TimestampDecimal;
 using ztsdlib::toDecimal;
@@ -61,21 +61,12 @@ struct Outcome {
 
 // The message of a library error, checked to be the conversions' report.
 std::string libraryMessage(const zterr::Exception& e) {
-    EXPECT_EQ(e.code(), -52005);
-    auto doc = ztsdtest::parseJson(e.status().json ? e.status().json : "");
-    if (!doc) {
-        ADD_FAILURE() << "report is not JSON";
-        return "";
-    }
-    const cJSON* constant = cJSON_GetObjectItemCaseSensitive(doc.get(), "error_constant");
-    const cJSON* file = cJSON_GetObjectItemCaseSensitive(doc.get(), "file");
-    const cJSON* component = cJSON_GetObjectItemCaseSensitive(doc.get(), "component");
-    EXPECT_STREQ(cJSON_GetStringValue(constant), "ztapalerr_invalidParameter");
-    EXPECT_STREQ(cJSON_GetStringValue(file), "source\\ztsdlib\\linearRegressionFilterWrapper");
-    EXPECT_STREQ(cJSON_GetStringValue(component), "ztsdlib");
-    const cJSON* debug = cJSON_GetObjectItemCaseSensitive(doc.get(), "ztsyncdomain_debug");
-    const cJSON* message = cJSON_GetObjectItemCaseSensitive(debug, "message");
-    return cJSON_IsString(message) ? message->valuestring : "";
+    const ztsdtest::ErrorReport r = ztsdtest::readReport(e.code(), e.status().json);
+    EXPECT_EQ(r.code, -52005);
+    EXPECT_EQ(r.errorConstant, "ztapalerr_invalidParameter");
+    EXPECT_EQ(r.file, "source\\ztsdlib\\linearRegressionFilterWrapper");
+    EXPECT_NE(r.text.find("\"component\":\"ztsdlib\""), std::string::npos) << r.text;
+    return r.message;
 }
 
 template <typename Conversion>
