@@ -2,6 +2,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -98,6 +99,22 @@ constexpr StatusRow kStatusMap[] = {
     zterr::raise(ZTERR_SITE(kFile, zterr::name::kInvalidJSONResponseFromServer),
                  zterr::code::kInvalidJSONResponseFromServer, kDebug,
                  {{"message", "Response envelope is malformed."}, {"jsonz_ErrorCode", 0}, {"member", member}});
+}
+
+// How many members of `object` cJSON's member lookup would match for `name`
+// (ASCII letters compared without case). An envelope that repeats the members
+// deciding its outcome is ambiguous: the lookup takes the first, so a
+// "success":false behind a "success":true would be read as a success.
+int countMembers(const cJSON* object, const char* name) {
+    int count = 0;
+    for (const cJSON* m = object ? object->child : nullptr; m; m = m->next) {
+        const char* a = m->string;
+        const char* b = name;
+        if (!a) continue;
+        while (*a && std::tolower(static_cast<unsigned char>(*a)) == std::tolower(static_cast<unsigned char>(*b))) ++a, ++b;
+        if (*a == '\0' && *b == '\0') ++count;
+    }
+    return count;
 }
 
 // The header list of one request; detached from the handle and freed on
@@ -236,16 +253,20 @@ std::string readReplyEnvelope(const std::string& body) {
     try {
         document = ztjsonlh::parse(text);
     } catch (const zterr::Exception&) {
-        // Valid, but beyond what the reader accepts (nesting deeper than its limit).
-        raiseBadBody("Response body is valid JSON that could not be read (nested too deeply).", 0);
+        // Valid, but beyond what the reader accepts: nesting deeper than its
+        // limit, or a \u escape naming a lone UTF-16 surrogate.
+        raiseBadBody("Response body is valid JSON that could not be read (nested too deeply, or a lone surrogate "
+                     "escape).",
+                     0);
     }
     const cJSON* root = document.get();
 
+    if (cJSON_IsObject(root) && countMembers(root, "error") > 1) raiseBadEnvelope("error");
     const cJSON* error = cJSON_GetObjectItem(root, "error");
     if (error && !cJSON_IsNull(error)) {
         if (!cJSON_IsObject(error)) raiseBadEnvelope("error");
         const cJSON* success = cJSON_GetObjectItem(error, "success");
-        if (!cJSON_IsBool(success)) raiseBadEnvelope("success");
+        if (!cJSON_IsBool(success) || countMembers(error, "success") > 1) raiseBadEnvelope("success");
         if (!cJSON_IsTrue(success)) {
             std::int32_t errorCode = 0;
             if (const cJSON* c = cJSON_GetObjectItem(error, "errorCode"); c && !cJSON_IsNull(c)) {

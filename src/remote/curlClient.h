@@ -22,11 +22,15 @@
 //           204, 499, 599...) goes on to the body;
 //   -411360 the body is not strictly valid JSON ("jsonz_ErrorCode": the
 //           validator's error number; a NUL byte inside the body counts as a
-//           trailing character, 9), or is valid but nested deeper than the
-//           JSON reader accepts (number 0), or its envelope is malformed:
-//           "error" neither an object nor null, "success" absent or not a
-//           bool, or, on failure, "errorCode" not an integer in 32-bit range
-//           or "errorText" not a string (detail "member");
+//           trailing character, 9), or is valid but beyond what the JSON
+//           reader accepts: nested deeper than its limit, or holding a \u
+//           escape of a lone UTF-16 surrogate (number 0); or its envelope is
+//           malformed: "error" neither an object nor null, "success" absent
+//           or not a bool, "error" or its "success" given more than once
+//           (names compared without letter case, as members are looked up:
+//           the first of two could hide a failure behind a success), or, on
+//           failure, "errorCode" not an integer in 32-bit range or
+//           "errorText" not a string (detail "member");
 //   envelope "success":false with a non-zero "errorCode": that code as it
 //           stands (constant "errorCode"), details "errorText" and
 //           "errorInfo" (as JSON);

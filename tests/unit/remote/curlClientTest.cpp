@@ -315,3 +315,36 @@ TEST_F(CurlClient, ABodyBeyondTheLimitAbortsTheTransfer) {
     EXPECT_EQ(r.code, -411361);
     EXPECT_EQ(r.number(kDebug, "CURLcode"), CURLE_WRITE_ERROR);
 }
+
+// A repeated "error" or "success" (the reader looks members up without letter
+// case and takes the first) must not let a failure pass as a success; one
+// "error" and one "success" in another case still read as usual. A lone
+// surrogate escape is valid JSON the reader refuses: -411360 number 0.
+TEST(ReplyEnvelope, RepeatedOutcomeMembersAreMalformedAndNeverASuccess) {
+    using zt::vela::shared::readReplyEnvelope;
+    struct Case {
+        const char* body;
+        const char* member;
+    };
+    const Case malformed[] = {
+        {"{\"error\":{\"success\":true},\"Error\":{\"success\":false,\"errorCode\":5},\"result\":1}", "error"},
+        {"{\"error\":{\"success\":false,\"errorCode\":5},\"error\":{\"success\":true},\"result\":1}", "error"},
+        {"{\"error\":{\"success\":true,\"SUCCESS\":false},\"result\":1}", "success"},
+        {"{\"error\":{\"success\":true,\"success\":true},\"result\":1}", "success"},
+    };
+    for (const Case& c : malformed) {
+        const Raised r = captureRaise([&] { readReplyEnvelope(c.body); });
+        EXPECT_EQ(r.code, -411360) << c.body;
+        EXPECT_EQ(r.text("error_constant"), "kInvalidJSONResponseFromServer") << c.body;
+        EXPECT_EQ(r.detail(kDebug, "member"), c.member) << c.body;
+    }
+
+    EXPECT_EQ(readReplyEnvelope("{\"ERROR\":{\"Success\":true},\"errors\":{\"success\":false},\"result\":[2]}"), "[2]");
+    const Raised failed =
+        captureRaise([&] { readReplyEnvelope("{\"Error\":{\"SUCCESS\":false,\"errorCode\":-50123},\"result\":null}"); });
+    EXPECT_EQ(failed.code, -50123);
+
+    const Raised surrogate = captureRaise([&] { readReplyEnvelope("{\"result\":\"\\ud800\"}"); });
+    EXPECT_EQ(surrogate.code, -411360);
+    EXPECT_EQ(surrogate.number(kDebug, "jsonz_ErrorCode"), 0);
+}
