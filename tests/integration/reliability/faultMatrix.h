@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "errors/errorCodes.h"
+#include "integration/remote/remoteTestSupport.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 
@@ -140,19 +141,8 @@ struct FaultRow {
 
 namespace detail {
 
-inline ztsdsim::Fault status(int httpStatus) {
-    ztsdsim::Fault f;
-    f.httpStatus = httpStatus;
-    return f;
-}
-
-inline ztsdsim::Fault body(std::string text, int httpStatus = 0) {
-    ztsdsim::Fault f;
-    f.hasRawBody = true;
-    f.rawBody = std::move(text);
-    f.httpStatus = httpStatus;
-    return f;
-}
+using remotetest::rawBody;
+using remotetest::status;
 
 // A web row: the cells of the eight web operations, the others not applicable.
 inline FaultRow webRow(const char* id, const char* fault, Injection injection, ztsdsim::Fault web,
@@ -282,9 +272,9 @@ inline const std::vector<FaultRow>& rows() {
                                   "the client's warning +411369 becomes an error on the way out"));
         t.push_back(failedRequest("H19", "status 204, no body", Injection::WebFault, status(204),
                                   c::kInvalidJSONResponseFromServer));
-        t.push_back(failedRequest("H20", "body not JSON", Injection::WebFault, body("<html>busy</html>"),
+        t.push_back(failedRequest("H20", "body not JSON", Injection::WebFault, rawBody("<html>busy</html>"),
                                   c::kInvalidJSONResponseFromServer));
-        t.push_back(failedRequest("H21", "body truncated mid-envelope", Injection::WebFault, body(truncated),
+        t.push_back(failedRequest("H21", "body truncated mid-envelope", Injection::WebFault, rawBody(truncated),
                                   c::kInvalidJSONResponseFromServer));
         t.push_back(webRow("H22", "envelope \"success\":false with errorCode -50123", Injection::WebFault, envelope,
                            {envelopeCode, envelopeCode, envelopeCode, domainOfEnvelope, domainOfEnvelope,

@@ -178,20 +178,16 @@ protected:
 
     // ---- faults ----
 
-    void inject() {
+    // Puts the row's fault on (on) or takes it off again.
+    void setFault(bool on) {
         const FaultRow& r = row();
-        if (r.injection == Injection::WebStopped) return faulty().stop();
-        if (r.injection == Injection::DaemonStopped) return relay->stop();
-        if (r.isWebFault()) return faultmatrix::injectWeb(r, faulty().web(), faulty().device);
-        faultmatrix::injectDaemon(r, daemon, kGmId);
-    }
-
-    void clear() {
-        const FaultRow& r = row();
-        if (r.injection == Injection::WebStopped) return faulty().restart();
-        if (r.injection == Injection::DaemonStopped) return relay->start();
-        if (r.isWebFault()) return faultmatrix::clearWeb(r, faulty().web(), faulty().device);
-        faultmatrix::clearDaemon(r, daemon, kGmId);
+        if (r.injection == Injection::WebStopped) return on ? faulty().stop() : faulty().restart();
+        if (r.injection == Injection::DaemonStopped) return on ? relay->stop() : relay->start();
+        if (r.isWebFault()) {
+            return on ? faultmatrix::injectWeb(r, faulty().web(), faulty().device)
+                      : faultmatrix::clearWeb(r, faulty().web(), faulty().device);
+        }
+        on ? faultmatrix::injectDaemon(r, daemon, kGmId) : faultmatrix::clearDaemon(r, daemon, kGmId);
     }
 
     // ---- the operations ----
@@ -331,7 +327,7 @@ protected:
             // The correlator's two cells come from one run: start and
             // correlate under the fault, then stop.
             if (op == Op::CorrelatorStop) continue;
-            inject();
+            setFault(true);
             const CallResult faulted = run(op);
             expectOutcome(cell, faulted);
             // A reading held up under the fault skews the samples taken
@@ -342,7 +338,7 @@ protected:
                 SCOPED_TRACE("correlator stop");
                 expectOutcome(row().cell(Op::CorrelatorStop), run(Op::CorrelatorStop));
             }
-            clear();
+            setFault(false);
             const CallResult recovered = run(op);
             EXPECT_EQ(recovered.code, 0) << "after clearing: " << recovered.report;
             expectGoodAnswer(op, recovered);
