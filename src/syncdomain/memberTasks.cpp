@@ -28,12 +28,14 @@ constexpr std::chrono::milliseconds kPollInterval{50};
 
 }  // namespace
 
-void CompletionSignal::notify() {
+void CompletionSignal::notify(const void* task) {
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex);
         ++completed;
+        if (awaited == task) wake = awaitedEnded = true;
     }
-    changed.notify_all();
+    if (wake) changed.notify_all();
 }
 
 std::uint64_t CompletionSignal::count() const {
@@ -41,9 +43,15 @@ std::uint64_t CompletionSignal::count() const {
     return completed;
 }
 
-void CompletionSignal::waitFor(std::uint64_t seen, std::chrono::milliseconds wait) const {
+void CompletionSignal::waitFor(const void* task, std::uint64_t seen, std::chrono::milliseconds wait) const {
     std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, wait, [&] { return completed != seen; });
+    // A completion since `seen` may be this task's, notified before it was
+    // awaited: the caller looks again rather than sleeping through it.
+    if (completed != seen) return;
+    awaited = task;
+    awaitedEnded = false;
+    changed.wait_for(lock, wait, [&] { return awaitedEnded; });
+    awaited = nullptr;
 }
 
 void TaskBase::run() {
@@ -55,7 +63,7 @@ void TaskBase::run() {
     // The pool owns this task until run() returns, so the signal is still
     // here after done is published.
     done.exchange(1, std::memory_order_acq_rel);
-    if (signal) signal->notify();
+    if (signal) signal->notify(this);
 }
 
 void GetMemberJsonTask::work() {
@@ -93,7 +101,7 @@ void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const Com
         // between the look and the wait still ends the wait.
         const std::uint64_t seen = signal.count();
         if (task.isDone()) return;
-        signal.waitFor(seen, kPollInterval);
+        signal.waitFor(&task, seen, kPollInterval);
     }
 }
 

@@ -4,10 +4,13 @@
 // Threads: a task is written by the pool thread that runs it and read by the
 // domain's thread only after it has seen `done` set (an atomic exchange that
 // the writer makes after storing its result or error). The completion signal
-// is the only object both sides lock; it wakes the waiting thread as soon as a
-// task ends, so a fan-out costs the slowest member's time rather than that
-// plus a polling step. The waiter still polls every 50 ms, so a pool that runs
-// tasks inside submit() works as well.
+// is the only object both sides lock; it wakes the waiting thread as soon as
+// the task it waits for ends, so a fan-out costs the slowest member's time
+// rather than that plus a polling step. Tasks that end while the waiter waits
+// for another one only count, without waking it: the waiter looks at them
+// when it gets to them, and a burst of N answers costs one wake-up instead of
+// N. The waiter still polls every 50 ms, so a pool that runs tasks inside
+// submit() works as well.
 #pragma once
 
 #include <atomic>
@@ -29,15 +32,20 @@ namespace ztsdlib {
 // Counts completed tasks of one fan-out and wakes its waiting thread.
 class CompletionSignal {
 public:
-    void notify();
+    // A task ended; wakes the waiter when it waits for this task.
+    void notify(const void* task);
     std::uint64_t count() const;
-    // Returns when the count differs from `seen` or after `wait`.
-    void waitFor(std::uint64_t seen, std::chrono::milliseconds wait) const;
+    // Waits for `task`: returns when a notify for it came after the count
+    // was `seen` (or any notify did, before this call started waiting), or
+    // after `wait`.
+    void waitFor(const void* task, std::uint64_t seen, std::chrono::milliseconds wait) const;
 
 private:
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     std::uint64_t completed = 0;
+    mutable const void* awaited = nullptr;  // the task the waiter waits for, while it waits
+    mutable bool awaitedEnded = false;
 };
 
 class TaskBase : public ThreadPoolInterface::TaskInterface {
