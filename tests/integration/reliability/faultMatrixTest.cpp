@@ -242,12 +242,17 @@ protected:
                 ztsdlib_Timestamp remoteTime{};
                 ztsdlib_TimestampCorrelator_correlate(correlator, &hostTime, ZTSDLIB_HOST_TIMESCALE_URI, &remoteTime,
                                                       &status);
+                if (status.s.code != 0) break;
                 // Within 50 ms of the daemon's true mapping (loopback round trips).
                 const ztsdlib_Timestamp truth = daemon.timeAt(hostTime);
-                const long long diff_ns = (static_cast<long long>(remoteTime.seconds) -
-                                           static_cast<long long>(truth.seconds)) * 1000000000LL +
-                                          (static_cast<long long>(remoteTime.nanos) - truth.nanos);
-                r.answer = diff_ns > -50000000LL && diff_ns < 50000000LL;
+                const std::uint64_t apart_s = remoteTime.seconds > truth.seconds ? remoteTime.seconds - truth.seconds
+                                                                                 : truth.seconds - remoteTime.seconds;
+                const long long diff_ns =
+                    apart_s > 1 ? 1000000000LL
+                                : (static_cast<long long>(remoteTime.seconds) - static_cast<long long>(truth.seconds)) *
+                                          1000000000LL +
+                                      (static_cast<long long>(remoteTime.nanos) - truth.nanos);
+                r.answer = !remoteTime.isNegative && diff_ns > -50000000LL && diff_ns < 50000000LL;
                 break;
             }
             case Op::CorrelatorStop: ztsdlib_TimestampCorrelator_stop(correlator, &status); break;
