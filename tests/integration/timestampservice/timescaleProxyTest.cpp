@@ -212,8 +212,6 @@ TEST_F(TimescaleProxyDaemonTest, CreationFailsWhenTheVersionCannotBeAsked) {
     auto r = captureRaise([&] { makeProxy(); });
     EXPECT_EQ(r.code, -52024);
     EXPECT_EQ(r.memberNames(), withSite({"timescaleUri", "std_exception_what", kDebug}));
-    EXPECT_EQ(r.detail(kDebug, "message"),
-              "Encountered error getting server API version from zttimestampd on remote target.");
     EXPECT_EQ(daemon.connectionCount(), 1u);  // one attempt only
 
     daemon.stallCalls(1);
@@ -254,6 +252,7 @@ TEST_F(TimescaleProxyDaemonTest, ReadingAfterTheDaemonStoppedSpendsTheAttemptsQu
 
 using TimescaleProxyDeathTest = DaemonFixture;
 
+// A version below 1 is a broken daemon: the assertion report, in full.
 TEST_F(TimescaleProxyDeathTest, DaemonVersionBelowOneStopsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const std::int32_t version : {0, -1}) {

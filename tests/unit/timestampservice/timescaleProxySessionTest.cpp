@@ -242,17 +242,6 @@ TEST_F(TimescaleProxySessionTest, BadWireTimestampLeavesTheCallersRecordAlone) {
     EXPECT_EQ(client->timeInfoCalls, 1);
 }
 
-TEST(TimescaleProxySessionDeathTest, VersionBelowOneStopsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (const std::int32_t version : {0, -5}) {
-        auto client = std::make_shared<ScriptedThriftClient>();
-        client->version = version;
-        EXPECT_DEATH(TimescaleProxySession(client, kUri),
-                     "^\\[ztsdlib\\|source\\\\ztsdlib\\\\timescaleProxySession\\|[0-9]+\\] !!ASSERT!!\n"
-                     "ASSERT\\(serverApiVersion > 0\\)");
-    }
-}
-
 TEST(TimescaleProxyThriftClientFailures, EveryThriftKindIsNamed) {
     struct Case {
         std::function<void()> raise;
