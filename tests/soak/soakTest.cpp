@@ -456,11 +456,11 @@ private:
             // off, so the window always covers the fault.
             history.change({&row, chassis});
             if (chassis >= 0) faultmatrix::injectWeb(row, *sims[chassis], names[chassis]);
-            else faultmatrix::injectDaemon(row, daemon, kGmId);
+            else faultmatrix::injectDaemon(row, daemon, kGmId, slowDaemon);
             ++injected;
             sleepUnlessStopping(pick(30, 500));
             if (chassis >= 0) faultmatrix::clearWeb(row, *sims[chassis], names[chassis]);
-            else faultmatrix::clearDaemon(row, daemon, kGmId);
+            else faultmatrix::clearDaemon(row, daemon, kGmId, slowDaemon);
             history.change({});
             sleepUnlessStopping(pick(20, 150));
         }
@@ -469,6 +469,7 @@ private:
     std::vector<std::unique_ptr<ztsdsim::ChassisSimulator>> sims;
     std::vector<std::string> names;
     ztsdsim::TimestampDaemonSimulator daemon;
+    faultmatrix::SlowDaemon slowDaemon;
     std::vector<const FaultRow*> eligible;
 
     ztsdlib_Timescale* host = nullptr;

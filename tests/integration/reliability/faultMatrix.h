@@ -17,10 +17,13 @@
 #include <cjson/cJSON.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "errors/errorCodes.h"
@@ -113,8 +116,11 @@ enum class Injection {
     DaemonVersionDown,     // the daemon turns from version 2 to version 1 after the proxy was made
     DaemonVersionUp,       // the daemon turns from version 1 to version 2 after the proxy was made
     DaemonDropConnections, // every open connection is shut down once
+    DaemonSlow,            // every call is held about kSlowDaemon_ms, then answered
 };
 
+// How late a slow daemon answers: well within any socket time-out used here.
+constexpr int kSlowDaemon_ms = 40;
 // The code a failing daemon sends in its thrift_zterr.
 constexpr std::int32_t kDaemonErrorCode = zterr::code::ztapalerr_resourceNotFound;
 // The code a failing web service sends in its envelope.
@@ -331,6 +337,8 @@ inline const std::vector<FaultRow>& rows() {
                               success(), success(), "", 1));
         t.push_back(daemonRow("T13", "daemon shuts down every open connection once",
                               Injection::DaemonDropConnections, 0, success(), success()));
+        t.push_back(daemonRow("T14", "daemon answers every call 40 ms late, within the socket time-out",
+                              Injection::DaemonSlow, 1000000, success(), success()));
         return t;
     }();
     return table;
@@ -370,9 +378,40 @@ inline void clearWeb(const FaultRow& row, ztsdsim::ChassisSimulator& sim, const 
     }
 }
 
+// A daemon that answers late: while running, it releases each call the
+// daemon holds about kSlowDaemon_ms after the call was held (the daemon holds
+// every call while DaemonSlow is on).
+class SlowDaemon {
+public:
+    ~SlowDaemon() { stop(); }
+    void start(ztsdsim::TimestampDaemonSimulator& daemon) {
+        stop();
+        running = true;
+        worker = std::thread([this, &daemon] {
+            while (running) {
+                if (daemon.stalledCallCount() == 0) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    continue;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(kSlowDaemon_ms));
+                daemon.releaseStalls();
+            }
+        });
+    }
+    void stop() {
+        running = false;
+        if (worker.joinable()) worker.join();
+    }
+
+private:
+    std::atomic<bool> running{false};
+    std::thread worker;
+};
+
 // Puts a daemon fault (other than DaemonStopped) on `daemon`; `gmId` names
-// the timescale the proxies read.
-inline void injectDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator& daemon, const std::string& gmId) {
+// the timescale the proxies read; `slow` answers the held calls of DaemonSlow.
+inline void injectDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator& daemon, const std::string& gmId,
+                         SlowDaemon& slow) {
     switch (row.injection) {
         case Injection::DaemonRefuse:
             daemon.refuseConnections(row.count);
@@ -391,11 +430,17 @@ inline void injectDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator&
         case Injection::DaemonVersionDown: daemon.setApiVersion(1); break;
         case Injection::DaemonVersionUp: daemon.setApiVersion(2); break;
         case Injection::DaemonDropConnections: daemon.dropConnections(); break;
+        case Injection::DaemonSlow:
+            daemon.stallCalls(row.count);
+            slow.start(daemon);
+            break;
         default: break;
     }
 }
 
-inline void clearDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator& daemon, const std::string& gmId) {
+inline void clearDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator& daemon, const std::string& gmId,
+                        SlowDaemon& slow) {
+    slow.stop();
     daemon.clearFaults();
     if (row.injection == Injection::DaemonRemoveTimescale) daemon.addTimescale(gmId);
     if (row.injection == Injection::DaemonVersionDown || row.injection == Injection::DaemonVersionUp)

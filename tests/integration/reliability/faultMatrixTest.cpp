@@ -13,6 +13,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -187,7 +188,8 @@ protected:
             return on ? faultmatrix::injectWeb(r, faulty().web(), faulty().device)
                       : faultmatrix::clearWeb(r, faulty().web(), faulty().device);
         }
-        on ? faultmatrix::injectDaemon(r, daemon, kGmId) : faultmatrix::clearDaemon(r, daemon, kGmId);
+        on ? faultmatrix::injectDaemon(r, daemon, kGmId, slowDaemon)
+           : faultmatrix::clearDaemon(r, daemon, kGmId, slowDaemon);
     }
 
     // ---- the operations ----
@@ -333,8 +335,13 @@ protected:
             // correlate under the fault, then stop.
             if (op == Op::CorrelatorStop) continue;
             setFault(true);
+            const auto began = std::chrono::steady_clock::now();
             const CallResult faulted = run(op);
             expectOutcome(cell, faulted);
+            // A late answer must have been late (else the row shows nothing).
+            const int late_ms =
+                row().injection == Injection::DaemonSlow ? faultmatrix::kSlowDaemon_ms : row().web.latency_ms;
+            EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(late_ms));
             // A reading held up under the fault skews the samples taken
             // meanwhile, so the correlator's answer is judged after clearing.
             if (cell.code == 0 && op != Op::CorrelatorCorrelate) expectGoodAnswer(op, faulted);
@@ -357,6 +364,7 @@ protected:
     }
 
     ztsdsim::TimestampDaemonSimulator daemon;
+    faultmatrix::SlowDaemon slowDaemon;  // after the daemon: stops first
     std::unique_ptr<reliability::LoopbackRelay> relay;
     std::vector<std::unique_ptr<RestartableChassis>> chassis;
     std::vector<ztsdlib_SyncableDevice*> devices;
