@@ -16,6 +16,7 @@
 #include <string>
 
 #include "errors/exception.h"
+#include "errors/status.h"
 #include "json/jsonz.h"
 
 namespace ztsdfuzz {
@@ -80,6 +81,16 @@ inline std::string errorConstantOf(const char* report) {
         cJSON_Delete(root);
     }
     return constant;
+}
+
+// Inside a catch handler: the export frame's translation of the exception in
+// flight must give an error with a valid report.
+inline void requireTranslatedReport(const char* where) {
+    zterr_Status status = zterr::makeOwnedStatus();
+    zterr::translateCurrentException(&status);
+    require(status.code < 0, where, "the translation set no error");
+    requireValidReport(status.json, where);
+    zterr::releaseStatus(&status);
 }
 
 // Checks a caught library exception: a valid report, a code among `codes`.
