@@ -116,12 +116,14 @@ protected:
         }
     }
 
+    // Receivers before what they refer to; the pool joins its threads before
+    // the devices its late tasks may use go.
     void TearDown() override {
-        for (ztsdlib_Timescale* t : timescales) ztsdlib_Timescale_delete(t);
         ztsdlib_TimestampCorrelator_delete(correlator);
         ztsdlib_SyncDomain_delete(domain);
         ztsdlib_ThreadPool_delete(pool);
         for (ztsdlib_SyncableDevice* d : devices) ztsdlib_SyncableDevice_delete(d);
+        for (ztsdlib_Timescale* t : timescales) ztsdlib_Timescale_delete(t);
         for (auto& c : chassis) c->stop();
         daemon.stop();
     }
