@@ -107,6 +107,17 @@ void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const Com
 
 }  // namespace
 
+void finishUnfinishedTasks(UnfinishedTasks& unfinished) {
+    for (const auto& task : unfinished.tasks) {
+        for (;;) {
+            const std::uint64_t seen = unfinished.signal->count();
+            if (task->isDone()) break;
+            unfinished.signal->waitFor(task.get(), seen, kPollInterval);
+        }
+    }
+    unfinished = UnfinishedTasks{};
+}
+
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
                       ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
                       const std::string& syncDomainUri, UnfinishedTasks& unfinished) {

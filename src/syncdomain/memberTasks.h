@@ -110,6 +110,11 @@ struct UnfinishedTasks {
     std::vector<std::shared_ptr<TaskBase>> tasks;
 };
 
+// Waits, with no time limit, until every unfinished task is done (each is
+// bounded by its device's own request time-out). For the domain's
+// destructor: the caller may release the devices once the domain is gone.
+void finishUnfinishedTasks(UnfinishedTasks& unfinished);
+
 // First waits, under the same timer, for the unfinished tasks of an earlier
 // fan-out (an expired timer fails as below and keeps them). Then submits the
 // tasks in order and waits for each in order: an expired timer fails with

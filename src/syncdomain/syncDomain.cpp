@@ -34,6 +34,8 @@ SyncDomain::SyncDomain(std::string uriText, TimescaleInterface& timescale, std::
                        "},\"data\":{}}";
 }
 
+SyncDomain::~SyncDomain() { finishUnfinishedTasks(unfinished); }
+
 bool SyncDomain::isMember(const std::string& deviceUri) const { return members.count(deviceUri) != 0; }
 
 const SyncDomain::MemberState* SyncDomain::memberState(const std::string& deviceUri) const {

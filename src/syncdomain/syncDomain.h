@@ -6,7 +6,8 @@
 // own member and their own result; the domain reads the results after all
 // tasks are done (see memberTasks.h). A fan-out that fails leaves the tasks
 // still running to the pool; the next fan-out waits for them first, so a
-// member's device is never asked twice at once.
+// member's device is never asked twice at once; the destructor waits for
+// them too, since the caller may release the devices right after it.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +39,9 @@ public:
 
     SyncDomain(std::string uri, TimescaleInterface& timescale, std::uint32_t maxOffset_ns,
                std::uint32_t minSyncDuration_ms, ThreadPoolInterface* threadPool);
+    // Waits for the tasks a failed fan-out left running, so that none is
+    // inside a member's device once the domain is gone.
+    ~SyncDomain() override;
 
     bool isMember(const std::string& deviceUri) const override;
     void addSyncableDevice(SyncableDeviceInterface* device) override;

@@ -3,11 +3,14 @@
 // tasks to the pool, and the domain's next fan-out must not start a second
 // task on the same device while they do. Device proxies are not safe for
 // concurrent use (one HTTP handle each), so an overlap there is a crash.
+// Nor may such a task outlive the domain: the caller releases the devices
+// after the domain.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -69,6 +72,21 @@ TEST(SyncDomainFanOutConcurrency, ANewFanOutWaitsForTheTasksAFailedOneLeftRunnin
     EXPECT_EQ(slow.maxInside.load(), 1) << "the slow device was asked twice at once";
     EXPECT_EQ(slow.checks.load(), 2);
     EXPECT_EQ(quick.checks.load(), 2);
+}
+
+TEST(SyncDomainFanOutConcurrency, DeletingTheDomainWaitsForTheTasksAFailedFanOutLeftRunning) {
+    ztsdlib::HostTimescale timescale{"/localhost/ztsds/timescales/system"};
+    OverlapDetectingDevice slow("/h/ztsdwebs/resources/ztsd/syncableDevices/slow", 1300);
+    ztsdlib::LibraryThreadPool pool{2};
+    auto domain = std::make_unique<ztsdlib::SyncDomain>("/domains/late", timescale, 1000, 100, &pool);
+    domain->addSyncableDevice(&slow);
+    EXPECT_EQ(ztsdtest::captureRaise([&] { domain->start(1); }).code, -52007);
+    EXPECT_EQ(slow.callsInside.load(), 1);
+
+    // The caller may release the devices as soon as the domain is gone, so
+    // no task of the domain may still be inside one.
+    domain.reset();
+    EXPECT_EQ(slow.callsInside.load(), 0);
 }
 
 }  // namespace
