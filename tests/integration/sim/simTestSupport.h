@@ -42,30 +42,13 @@ inline std::string text(const cJSON* item) {
     return cJSON_IsString(item) ? std::string(item->valuestring) : std::string("<not a string>");
 }
 
-inline std::string printed(const cJSON* item) {
-    if (item == nullptr) return "<absent>";
-    char* raw = cJSON_PrintUnformatted(item);
-    std::string result(raw);
-    cJSON_free(raw);
-    return result;
-}
-
 struct Reply {
     bool arrived = false;            // false: the connection failed or closed without an answer
     httplib::Error error = httplib::Error::Success;
     int status = 0;
-    std::string contentType;
     std::string body;
     Json document;                   // the body parsed, null when it is not JSON
 
-    const cJSON* error_() const { return member(document.get(), "error"); }
-    bool success() const { return cJSON_IsTrue(member(error_(), "success")); }
-    double errorCode() const {
-        const cJSON* code = member(error_(), "errorCode");
-        return cJSON_IsNumber(code) ? code->valuedouble : -1e300;
-    }
-    std::string errorText() const { return text(member(error_(), "errorText")); }
-    const cJSON* errorInfo() const { return member(error_(), "errorInfo"); }
     const cJSON* result() const { return member(document.get(), "result"); }
 };
 
@@ -86,7 +69,6 @@ inline Reply exchange(const ztsdsim::ChassisSimulator& simulator, const std::str
     if (!result) return reply;
     reply.arrived = true;
     reply.status = result->status;
-    reply.contentType = result->get_header_value("Content-Type");
     reply.body = result->body;
     reply.document = parse(reply.body);
     return reply;

@@ -14,7 +14,6 @@
 
 using simtest::ChildProcess;
 using simtest::member;
-using simtest::text;
 
 namespace {
 
@@ -29,6 +28,15 @@ std::string programPath() {
     return ::access(path.c_str(), X_OK) == 0 ? path : "";
 }
 
+// The "result" of a GET on the chassis at port.
+simtest::Json getResult(int port, const std::string& path) {
+    httplib::Client client("127.0.0.1", port);
+    client.set_read_timeout(5, 0);
+    const httplib::Result reply = client.Get(path.c_str());
+    simtest::Json document = simtest::parse(reply ? reply->body : "");
+    return simtest::Json(document ? cJSON_DetachItemFromObjectCaseSensitive(document.get(), "result") : nullptr);
+}
+
 }  // namespace
 
 TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
@@ -38,13 +46,12 @@ TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
                         "--incoherent"});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
-    const std::vector<std::string> lines = simtest::lines(child.out());
 
     // "chassis <c> http://127.0.0.1:<port>/", then its URIs indented.
     const std::regex chassisLine(R"(chassis (\d+) http://127\.0\.0\.1:(\d+)/)");
     std::vector<int> ports;
     std::vector<std::vector<std::string>> uris;
-    for (const std::string& line : lines) {
+    for (const std::string& line : simtest::lines(child.out())) {
         std::smatch match;
         if (std::regex_match(line, match, chassisLine)) {
             ports.push_back(std::stoi(match[2]));
@@ -56,30 +63,20 @@ TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
     ASSERT_EQ(ports.size(), 2u);
     EXPECT_NE(ports[0], ports[1]);
     for (std::size_t c = 0; c < ports.size(); ++c) {
-        const std::string host = "127.0.0.1:" + std::to_string(ports[c]);
-        const std::string prefix = "/" + host + "/ztsdwebs/resources/ztsd/";
+        const std::string prefix = "/127.0.0.1:" + std::to_string(ports[c]) + "/ztsdwebs/resources/ztsd/";
         const std::string name = "chassis" + std::to_string(c);
         const std::vector<std::string> expected{prefix + "syncableDevices/" + name,
                                                 prefix + "syncableDevices/" + name + "-1",
                                                 prefix + "timescales/00-80-2F-00-00-00-0" + std::to_string(c) + "-00"};
         EXPECT_EQ(uris[c], expected);
 
-        httplib::Client client("127.0.0.1", ports[c]);
-        client.set_read_timeout(5, 0);
-        const httplib::Result listing = client.Get("/ztsdwebs/resources/");
-        ASSERT_TRUE(listing);
-        const simtest::Json document = simtest::parse(listing->body);
+        const simtest::Json listing = getResult(ports[c], "/ztsdwebs/resources/");
         std::vector<std::string> listed;
         const cJSON* entry = nullptr;
-        cJSON_ArrayForEach(entry, member(member(document.get(), "result"), "resources")) {
-            listed.push_back(text(member(entry, "uri")));
-        }
+        cJSON_ArrayForEach(entry, member(listing.get(), "resources")) listed.push_back(simtest::text(member(entry, "uri")));
         EXPECT_EQ(listed, expected);
-
-        const httplib::Result device = client.Get(("/ztsdwebs/resources/ztsd/syncableDevices/" + name).c_str());
-        ASSERT_TRUE(device);
-        const simtest::Json payload = simtest::parse(device->body);
-        EXPECT_TRUE(cJSON_IsFalse(member(member(payload.get(), "result"), "isCoherent")));  // --incoherent
+        const simtest::Json device = getResult(ports[c], "/ztsdwebs/resources/ztsd/syncableDevices/" + name);
+        EXPECT_TRUE(cJSON_IsFalse(member(device.get(), "isCoherent")));  // --incoherent
     }
 
     child.signal(SIGTERM);

@@ -23,30 +23,22 @@ inline std::string programPath() { return ""; }
 #define ZTSDCTL_REQUIRED() \
     if (ctltest::programPath().empty()) GTEST_SKIP() << "ztsdctl is not built"
 
-// JSON read with an independent parser, through the simulator tests' helpers.
 using simtest::Json;
+using simtest::lines;
 using simtest::parse;
 inline const cJSON* at(const cJSON* object, const char* key) { return simtest::member(object, key); }
 inline std::string str(const cJSON* item) { return simtest::text(item); }
 inline double num(const cJSON* item) { return cJSON_IsNumber(item) ? item->valuedouble : -1e300; }
 
-using simtest::lines;
-
-// A running ztsdctl. The destructor kills it if it is still running.
+// A running ztsdctl with these arguments; killed if still running when destroyed.
 class Ztsdctl : public simtest::ChildProcess {
 public:
-    explicit Ztsdctl(const std::vector<std::string>& arguments) : ChildProcess(withProgram(arguments)) {}
-
-private:
-    static std::vector<std::string> withProgram(const std::vector<std::string>& arguments) {
-        std::vector<std::string> all{programPath()};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return all;
-    }
+    explicit Ztsdctl(std::vector<std::string> arguments)
+        : ChildProcess((arguments.insert(arguments.begin(), programPath()), arguments)) {}
 };
 
 struct Run {
-    int exitStatus;
+    int exitStatus;  // -1: killed after the time-out
     std::string out;
     std::string err;
 };
