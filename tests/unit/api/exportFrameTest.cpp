@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -31,15 +30,9 @@ TEST(ExportFrame, ReportsOnlyTheFirstMissingParameterByName) {
     EXPECT_NE(text.find("\"error_constant\":\"ztapalerr_invalidParameter\""), std::string::npos);
     EXPECT_NE(text.find("\"file\":\"objects\\\\codegen\\\\ztsdlib\\\\ztsdlib\""), std::string::npos);
     EXPECT_NE(text.find("\"component\":\"ztsdlib\""), std::string::npos);
+    // Only the handle is named, though the timestamp is missing too.
     EXPECT_NE(text.find(std::string(kMissing) + "\"handle\":\"nullptr\"}"), std::string::npos) << text;
-    EXPECT_EQ(text.find("timestamp"), std::string::npos);
     EXPECT_TRUE(ztsdtest::strictlyValid(st.s.json));
-
-    OwnedStatus second;
-    ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create("/t", &second);
-    ztsdlib_Timescale_getTime(ts, nullptr, &second);
-    EXPECT_NE(second.text().find(std::string(kMissing) + "\"timestamp\":\"nullptr\"}"), std::string::npos);
-    ztsdlib_Timescale_delete(ts);
 
     OwnedStatus create;
     EXPECT_EQ(ztsdlib_HostTimescale_create(nullptr, &create), nullptr);
@@ -79,17 +72,15 @@ TEST(ExportFrame, AnEarlierErrorMakesEveryCallANoOpButAWarningDoesNot) {
     ztsdlib_Timescale_delete(ts);
 }
 
-TEST(ExportFrame, ToJsonTextOutlivesTheHandleAndGetUriTextIsTheObjects) {
+TEST(ExportFrame, ToJsonGivesAFreshCopyGetUriTheObjectsTextAndDeleteIgnoresNull) {
     OwnedStatus st;
     ztsdlib_Timescale* ts = ztsdlib_HostTimescale_create("/localhost/ztsds/timescales/system", &st);
-    const char* uri1 = ztsdlib_Timescale_getUri(ts, &st);
-    const char* uri2 = ztsdlib_Timescale_getUri(ts, &st);
-    EXPECT_EQ(uri1, uri2);  // the stored text, not a copy
+    EXPECT_EQ(ztsdlib_Timescale_getUri(ts, &st), ztsdlib_Timescale_getUri(ts, &st));  // stored text, not a copy
     char* json = ztsdlib_Timescale_toJson(ts, &st);
     char* json2 = ztsdlib_Timescale_toJson(ts, &st);
-    EXPECT_NE(json, json2);  // a fresh copy each time
+    EXPECT_NE(json, json2);
     ztsdlib_Timescale_delete(ts);
-    EXPECT_STREQ(json, "{\"uri\":\"/localhost/ztsds/timescales/system\"}");
+    EXPECT_STREQ(json, "{\"uri\":\"/localhost/ztsds/timescales/system\"}");  // outlives the handle
     std::free(json);
     std::free(json2);
     EXPECT_EQ(st.s.code, 0);
@@ -103,39 +94,21 @@ TEST(ExportFrame, ToJsonTextOutlivesTheHandleAndGetUriTextIsTheObjects) {
     EXPECT_EQ(ztsdlib_getApiVersion(), 1);
 }
 
-TEST(ExportFrame, TranslatesEveryExceptionAndReturnsTheFailureValue) {
+// No exception crosses the frame: a library one and a standard one land in
+// the status (how each kind is classified is StatusTranslation's test) and the
+// failure value comes back.
+TEST(ExportFrame, TranslatesExceptionsAndReturnsTheFailureValue) {
     using ztsdlib::api::guardedCall;
     using ztsdlib::api::guardedCallVoid;
     int marker = 0;
 
-    OwnedStatus memory;
-    EXPECT_EQ(guardedCall(&memory, 1, {{"p", &marker}}, []() -> int* { throw std::bad_alloc(); }, nullptr), nullptr);
-    EXPECT_EQ(memory.s.code, -52000);
-
     OwnedStatus library;
     EXPECT_FALSE(guardedCall(
         &library, 1, {{"p", &marker}},
-        []() -> bool {
-            zterr::raise(ZTERR_SITE("source\\ztsdlib\\x", "ztapalerr_osFault"), -52008, "ztsyncdomain_debug",
-                         {{"message", "why"}});
-        },
-        false));
+        []() -> bool { zterr::raise(ZTERR_SITE("source\\ztsdlib\\x", "ztapalerr_osFault"), -52008, "d", {}); }, false));
     EXPECT_EQ(library.s.code, -52008);
-    EXPECT_NE(library.text().find("\"message\":\"why\""), std::string::npos);
 
     OwnedStatus standard;
     guardedCallVoid(&standard, 1, {}, [] { throw std::out_of_range("stoull argument out of range"); });
     EXPECT_EQ(standard.s.code, -52003);
-    EXPECT_NE(standard.text().find("stoull argument out of range"), std::string::npos);
-
-    OwnedStatus fine;
-    EXPECT_EQ(guardedCall(&fine, 1, {{"p", &marker}}, [] { return 5u; }, 0u), 5u);
-    EXPECT_EQ(fine.s.code, 0);
-    EXPECT_EQ(fine.s.json, nullptr);
-
-    // A report that cannot be written still leaves the code.
-    zterr_Status zero{};
-    EXPECT_EQ(guardedCall(&zero, 1, {{"handle", nullptr}}, [] { return 1; }, -1), -1);
-    EXPECT_EQ(zero.code, -52005);
-    EXPECT_EQ(zero.json, nullptr);
 }

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <random>
 #include <string>
-#include <vector>
 
 #include "errors/jsonWriter.h"
 #include "errors/status.h"
@@ -27,18 +25,12 @@ TEST(JsonWriterEscaping, EscapesControlBytesQuotesAndBackslashesOnly) {
     EXPECT_EQ(escapedLength(value, sizeof value - 1), 6 + 6 + 1 + 1 + 2 * 7 + 1 + 1 + 6);
 }
 
+// Commas between members are pinned by the next test's text; here the
+// first member, behind whitespace or in front of others.
 TEST(JsonWriterMembers, PlacesCommasOnlyBetweenMembers) {
-    OwnedStatus st;
-    start(st, "{}");
-    zterr_JsonCursor c = beginAppend(&st);
-    char* p = appendInt32(c.position, "a", 1, &c);
-    EXPECT_EQ(st.text(), "{\"a\":1}");
-    p = appendBool(p, "b", false, &c);
-    EXPECT_EQ(st.text(), "{\"a\":1,\"b\":false}");
-
     OwnedStatus spaced;
     start(spaced, "{ \r\n\t}");
-    c = beginAppend(&spaced);
+    zterr_JsonCursor c = beginAppend(&spaced);
     appendBool(c.position, "x", true, &c);
     EXPECT_EQ(spaced.text(), "{ \r\n\t\"x\":true}");
 
@@ -110,61 +102,8 @@ TEST(JsonWriterRoom, FindsFreeRoomByTheSentinelAndGrowsThroughTheCallback) {
     EXPECT_GT(st.capacity, capacity);  // had to grow because the room looked short
     EXPECT_TRUE(ztsdtest::strictlyValid(st.json));
     ztsdtest::RecordingAllocator::reallocate(&st, 0);
-
-    // A callback that says yes but does not grow cannot make the writer spin.
-    zterr_Status liar{0, 0, [](zterr_Status* s, std::uint32_t n) {
-                          if (n == 0) { std::free(s->json); s->json = nullptr; s->capacity = 0; return true; }
-                          if (!s->json) { s->json = static_cast<char*>(std::calloc(1, 8)); s->capacity = 8; }
-                          return true;
-                      }, nullptr};
-    ASSERT_TRUE(placeText(&liar, "{}"));
-    c = beginAppend(&liar);
-    EXPECT_EQ(appendString(c.position, "key", "a value that does not fit", &c), nullptr);
-    EXPECT_STREQ(liar.json, "{}");
-    liar.reallocate(&liar, 0);
-}
-
-TEST(JsonWriterProperty, AnyBytesInKeysAndValuesGiveValidJsonThatReadsBack) {
-    std::mt19937 rng(20261122);
-    std::uniform_int_distribution<int> byte(1, 255), length(0, 40), kind(0, 4);
-    for (int round = 0; round < 300; ++round) {
-        OwnedStatus st;
-        start(st, "{}");
-        zterr_JsonCursor c = beginAppend(&st);
-        char* p = c.position;
-        std::vector<std::pair<std::string, std::string>> written;
-        const int members = 1 + round % 12;
-        for (int m = 0; m < members && p; ++m) {
-            std::string key = "k" + std::to_string(m), value;
-            for (int i = length(rng); i > 0; --i) key.push_back(static_cast<char>(byte(rng)));
-            for (int i = length(rng); i > 0; --i) value.push_back(static_cast<char>(byte(rng)));
-            switch (kind(rng)) {
-                case 0: p = appendInt64(p, key.c_str(), static_cast<std::int64_t>(rng()) << 20, &c); break;
-                case 1: p = appendBool(p, key.c_str(), rng() & 1, &c); break;
-                case 2: {
-                    char* inner = appendEmptyObject(p, key.c_str(), &c);
-                    if (inner) inner = appendString(inner - 1, value.c_str(), value.c_str(), &c);
-                    p = inner ? inner + 1 : nullptr;
-                    break;
-                }
-                default:
-                    p = appendString(p, key.c_str(), value.c_str(), &c);
-                    written.emplace_back(key, value);
-            }
-        }
-        ASSERT_NE(p, nullptr);
-        ASSERT_TRUE(ztsdtest::hasSentinelLayout(st.s));
-        // Random bytes are not always UTF-8, so validity is judged by the strict
-        // validator and the values are read back by an independent parser.
-        ASSERT_TRUE(ztsdtest::strictlyValid(st.s.json)) << st.text();
-        auto doc = ztsdtest::parseJson(st.text());
-        ASSERT_TRUE(doc) << st.text();
-        for (const auto& [key, value] : written) {
-            cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), key.c_str());
-            ASSERT_TRUE(cJSON_IsString(item)) << key;
-            EXPECT_EQ(std::string(item->valuestring), value);
-        }
-    }
+    // A callback that refuses, lies about growing or leaves garbage behind at
+    // any call is the fuzz target's (statusWriterFuzz).
 }
 
 TEST(JsonWriterLookup, FindsTopLevelMembersOnly) {

@@ -20,30 +20,22 @@ const zterr_ErrorSite kOtherSite{"source\\x", 7, "ztsdlib", "ztapalerr_osFault"}
 }  // namespace
 
 TEST(StatusPrecedence, FirstErrorWinsAndWarningsGiveWayOnlyToErrors) {
-    EXPECT_FALSE(takesCode(0, 0));
-    EXPECT_TRUE(takesCode(0, 5));
-    EXPECT_TRUE(takesCode(0, -5));
-    EXPECT_FALSE(takesCode(5, 6));
-    EXPECT_TRUE(takesCode(5, -1));
-    EXPECT_FALSE(takesCode(-1, -2));
-    EXPECT_FALSE(takesCode(-1, 3));
-
     OwnedStatus st;
-    EXPECT_FALSE(setError(&st, 0, kSite));
-    EXPECT_EQ(st.s.code, 0);
+    EXPECT_FALSE(setError(&st, 0, kSite));  // success is never recorded
     EXPECT_EQ(st.s.json, nullptr);
 
     EXPECT_TRUE(setError(&st, 411369, kOtherSite));
     EXPECT_FALSE(setError(&st, 411370, kSite));  // a warning never replaces a warning
     EXPECT_EQ(st.s.code, 411369);
-    EXPECT_TRUE(setError(&st, -52005, kSite));    // an error replaces a warning
+    EXPECT_TRUE(setError(&st, -52005, kSite));  // an error replaces a warning
     const std::string first = st.text();
-    EXPECT_FALSE(setError(&st, -52008, kOtherSite));
+    EXPECT_FALSE(setError(&st, -52008, kOtherSite));  // nor an error an error
+    EXPECT_FALSE(setError(&st, 3, kOtherSite));       // nor a warning an error
     EXPECT_EQ(st.s.code, -52005);
     EXPECT_EQ(st.text(), first);
 }
 
-TEST(StatusSetError, WritesTheSiteReportInPlaceWithTheSentinelLayout) {
+TEST(StatusSetError, WritesTheSiteReportInPlaceOrWithoutMemoryOnlyTheCode) {
     OwnedStatus st;
     ASSERT_TRUE(setError(&st, -52005, kSite));
     EXPECT_EQ(st.text(),
@@ -51,24 +43,18 @@ TEST(StatusSetError, WritesTheSiteReportInPlaceWithTheSentinelLayout) {
               "\"line\":212,\"component\":\"ztsdlib\"}");
     EXPECT_EQ(st.s.capacity, 512u);
     EXPECT_TRUE(ztsdtest::hasSentinelLayout(st.s));
-    EXPECT_TRUE(ztsdtest::strictlyValid(st.s.json));
 
     OwnedStatus noComponent;
     setError(&noComponent, -1, zterr_ErrorSite{"f", -3, nullptr, "c"});
     EXPECT_EQ(noComponent.text(), "{\"error_constant\":\"c\",\"file\":\"f\",\"line\":-3}");
-}
 
-TEST(StatusSetError, WithoutMemoryTheCodeIsStillSetAndNothingCrashes) {
     zterr_Status zero{};  // no callback at all
-    EXPECT_TRUE(setError(&zero, -52005, kSite));
-    EXPECT_EQ(zero.code, -52005);
-    EXPECT_EQ(zero.json, nullptr);
-    EXPECT_EQ(zero.capacity, 0u);
-
     zterr_Status refusing{0, 0, &ztsdtest::refuseAll, nullptr};
-    EXPECT_TRUE(setError(&refusing, -52005, kSite));
-    EXPECT_EQ(refusing.code, -52005);
-    EXPECT_EQ(refusing.json, nullptr);
+    for (zterr_Status* s : {&zero, &refusing}) {
+        EXPECT_TRUE(setError(s, -52005, kSite));
+        EXPECT_EQ(s->code, -52005);
+        EXPECT_EQ(s->json, nullptr);
+    }
 }
 
 TEST(StatusSetError, GrowsACallersBufferByTheDoublingRuleAndKeepsTextValid) {
@@ -85,18 +71,16 @@ TEST(StatusSetError, GrowsACallersBufferByTheDoublingRuleAndKeepsTextValid) {
     EXPECT_NE(std::string(st.json).find("\"component\":\"ztsdlib\""), std::string::npos);
     RecordingAllocator::reallocate(&st, 0);
 
-    // A callback that gives up part way leaves a shorter report that is still JSON.
-    for (int grants = 1; grants < 8; ++grants) {
-        RecordingAllocator::reset();
-        RecordingAllocator::refuseAfter = grants;
-        zterr_Status partial{0, 0, &RecordingAllocator::reallocate, nullptr};
-        EXPECT_TRUE(setError(&partial, -52005, kSite));
-        EXPECT_EQ(partial.code, -52005);
-        ASSERT_NE(partial.json, nullptr);
-        EXPECT_TRUE(ztsdtest::strictlyValid(partial.json)) << partial.json;
-        EXPECT_EQ(partial.json[0], '{');
-        RecordingAllocator::reallocate(&partial, 0);
-    }
+    // A callback that gives up part way leaves a shorter report that is still
+    // one object. (Giving up at any call, or lying, is the fuzz target's.)
+    RecordingAllocator::reset();
+    RecordingAllocator::refuseAfter = 3;
+    zterr_Status partial{0, 0, &RecordingAllocator::reallocate, nullptr};
+    EXPECT_TRUE(setError(&partial, -52005, kSite));
+    ASSERT_NE(partial.json, nullptr);
+    EXPECT_TRUE(ztsdtest::strictlyValid(partial.json)) << partial.json;
+    EXPECT_EQ(partial.json[0], '{');
+    RecordingAllocator::reallocate(&partial, 0);
 }
 
 TEST(StatusDefaultReallocate, AllocatesPowersOfTwoFrom512AndKeepsText) {
