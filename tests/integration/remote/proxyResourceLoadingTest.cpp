@@ -71,7 +71,7 @@ TEST_F(Loading, MakesTheFirstDeviceAndEveryTimescaleOfTheListing) {
     std::free(out.timescales);
 }
 
-TEST_F(Loading, WithoutTimescalesNothingIsAllocated) {
+TEST_F(Loading, WithoutTimescalesNothingIsAllocatedAndFailuresWriteNothing) {
     chassis.webService().addDevice("chassis0");
     allocations = 0;
     Loaded out = load(hostParams());
@@ -80,18 +80,9 @@ TEST_F(Loading, WithoutTimescalesNothingIsAllocated) {
     EXPECT_EQ(out.timescales, nullptr);
     EXPECT_EQ(allocations, 0);
     ztsdlib_SyncableDevice_delete(out.device);
-}
 
-TEST_F(Loading, FailuresWriteNothingAndLeakNothing) {
+    // No room for the timescales: the proxies made so far go.
     chassis.addTimescale("00-80-2F-AA-BB-01");
-    Loaded out = load(hostParams());  // only timescales listed
-    EXPECT_EQ(status.s.code, -52006);
-    EXPECT_NE(status.text().find("No syncableDevices returned from remote chassis to load."), std::string::npos);
-    EXPECT_NE(status.text().find("\"resourceType\":\"syncableDevice\""), std::string::npos);
-    EXPECT_EQ(out.device, nullptr);
-    EXPECT_EQ(out.count, 12345u);
-
-    chassis.webService().addDevice("chassis0");
     ztsdtest::OwnedStatus refused;
     Loaded none;
     ztsdlib_loadProxyResources(hostParams().c_str(), &none.device, &none.timescales, &none.count, refusingAllocator,
@@ -100,13 +91,16 @@ TEST_F(Loading, FailuresWriteNothingAndLeakNothing) {
     EXPECT_NE(refused.text().find("Unable to allocate memory for Timescales"), std::string::npos);
     EXPECT_EQ(none.device, nullptr);
 
-    // A daemon that cannot be reached fails the load; the proxies made so far go.
-    ztsdtest::OwnedStatus noDaemon;
-    const std::string badPort = params(chassis.webService().remoteHost(), 1);
-    ztsdlib_loadProxyResources(badPort.c_str(), &none.device, &none.timescales, &none.count, countingAllocator,
-                               &noDaemon);
-    EXPECT_EQ(noDaemon.s.code, -52024) << noDaemon.text();
+    // Only timescales listed.
+    chassis.webService().removeDevice("chassis0");
+    ztsdtest::OwnedStatus noDevice;
+    ztsdlib_loadProxyResources(hostParams().c_str(), &none.device, &none.timescales, &none.count, countingAllocator,
+                               &noDevice);
+    EXPECT_EQ(noDevice.s.code, -52006);
+    EXPECT_NE(noDevice.text().find("No syncableDevices returned from remote chassis to load."), std::string::npos);
+    EXPECT_NE(noDevice.text().find("\"resourceType\":\"syncableDevice\""), std::string::npos);
     EXPECT_EQ(none.device, nullptr);
+    EXPECT_EQ(none.count, 12345u);
 }
 
 TEST_F(Loading, RefusesMissingArgumentsAndMalformedDescriptions) {
@@ -151,17 +145,15 @@ TEST(UriRoots, BracketIpv6HostsAndNeedRoomForTheNul) {
         return std::make_pair(st.s.code, st.text());
     };
     std::string d, t;
-    EXPECT_EQ(roots("chassis-7", 64, d, t).first, 0);
-    EXPECT_EQ(d, "chassis-7");
-    EXPECT_EQ(t, "chassis-7");
-    roots("fe80::1", 64, d, t);
+    EXPECT_EQ(roots("fe80::1", 64, d, t).first, 0);
     EXPECT_EQ(d, "[fe80::1]");
+    EXPECT_EQ(t, "[fe80::1]");
     roots("[fe80::1]", 64, d, t);
     EXPECT_EQ(d, "[fe80::1]");
     EXPECT_EQ(roots("abcd", 5, d, t).first, 0);  // four characters and the NUL
+    EXPECT_EQ(d, "abcd");
     auto tooSmall = roots("abcd", 4, d, t);
     EXPECT_EQ(tooSmall.first, -52019);
-    EXPECT_NE(tooSmall.second.find("the uri root buffers is not large enough."), std::string::npos);
     EXPECT_NE(tooSmall.second.find("\"remoteHost\":\"abcd\",\"bufferSize\":4"), std::string::npos);
     EXPECT_EQ(d, "untouched");
 

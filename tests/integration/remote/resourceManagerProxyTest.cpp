@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,32 +51,17 @@ TEST_F(ResourceManagerProxy, ListsTheChassisResourcesByType) {
     const auto narrowed = zt::syncdomain::parseResourceListing(devicesOnly, host);
     EXPECT_EQ(narrowed.syncableDevices, sim.deviceUris());
     EXPECT_TRUE(narrowed.timescales.empty());
-}
 
-// The listing's own checks are unit-tested; here only that a served listing
-// reaches them through the envelope.
-TEST_F(ResourceManagerProxy, RefusesAListingWithTheWrongVersion) {
+    // The listing's checks are unit-tested (and a bad version is the fault
+    // matrix's H27 and H28); here only that the proxy names its own host.
     sim.setListingVersion(2);
-    const Raised wrong = captureRaise([&] { proxy->fetchResourceListing(); });
-    EXPECT_EQ(wrong.code, -52005);
-    EXPECT_EQ(wrong.detail(kDebug, "message"),
-              "Sync Domain API version in JSON response from chassis missing or incorrect.");
-    EXPECT_EQ(wrong.detail(kDebug, "remoteHost"), host);
+    EXPECT_EQ(captureRaise([&] { proxy->fetchResourceListing(); }).detail(kDebug, "remoteHost"), host);
 }
 
 TEST_F(ResourceManagerProxy, GetsAndPutsTheDeviceResource) {
-    sim.setCoherent("chassis0", false);
-    sim.addCoherencyLoss("chassis0", 3);
-    const std::string device = proxy->getResource(devicePath);
     std::string uri;
-    bool coherent = true;
-    std::uint32_t losses = 0;
-    EXPECT_TRUE(ztsynctools::getStringFromJsonString(device, "uri", uri));
-    EXPECT_TRUE(ztsynctools::getBoolFromJsonString(device, "isCoherent", coherent));
-    EXPECT_TRUE(ztsynctools::getUInt32FromJsonString(device, "coherencyLossCount", losses));
+    EXPECT_TRUE(ztsynctools::getStringFromJsonString(proxy->getResource(devicePath), "uri", uri));
     EXPECT_EQ(uri, devicePath);
-    EXPECT_EQ(coherent, sim.isCoherent("chassis0"));
-    EXPECT_EQ(losses, 3u);
 
     const std::string requirements = "{\"version\":1,\"coherencyRequirements\":{\"maxOffset_ns\":1000}}";
     proxy->putResource(devicePath, requirements);
@@ -88,14 +72,16 @@ TEST_F(ResourceManagerProxy, GetsAndPutsTheDeviceResource) {
     proxy->getResource(devicePath.substr(std::string("/ztsdwebs").size()));
     EXPECT_EQ(sim.lastRequest().path, devicePath);
     EXPECT_EQ(sim.getCountOf("chassis0"), 2u);
+
+    // Every request so far went over one connection.
+    proxy->fetchResourceListing();
+    EXPECT_EQ(remotetest::clientSocketsTo(sim.port()), 1u);
 }
 
-TEST_F(ResourceManagerProxy, TransportAndStatusFailuresReachTheCallerTranslated) {
-    const Raised missing = captureRaise([&] { proxy->getResource("/ztsdwebs/resources/ztsd/syncableDevices/nobody"); });
-    EXPECT_EQ(missing.code, -52024);
-    EXPECT_EQ(missing.number(kDebug, "originalCode"), -411356);
-    EXPECT_EQ(missing.detail(kDebug, "url"), "http://" + host + "/ztsdwebs/resources/ztsd/syncableDevices/nobody");
-
+// Statuses, stalls and refusals through every operation are the fault
+// matrix's (its device proxies are this proxy); here that the proxy's
+// time-out ends a stall on one path in time while its other paths answer.
+TEST_F(ResourceManagerProxy, AStallEndsAtTheTimeOutAndOtherPathsStillAnswer) {
     ztsdsim::Fault stall;
     stall.stall = true;
     sim.setFault(devicePath, stall);
@@ -107,25 +93,10 @@ TEST_F(ResourceManagerProxy, TransportAndStatusFailuresReachTheCallerTranslated)
     EXPECT_EQ(stalled.code, -52024);
     EXPECT_EQ(stalled.detail(kDebug, "callingFn"), "ztsdtools::sendPutRequest");
     EXPECT_EQ(stalled.detail(kDebug, "data"), "{}");
+    EXPECT_GE(elapsed_ms, 230);
     EXPECT_LT(elapsed_ms, 250 + 1000);
     EXPECT_EQ(sim.requirementsOf("chassis0"), "");
-
-    // Other resources of the chassis are still reachable by the same proxy.
     EXPECT_NO_THROW(proxy->fetchResourceListing());
-    sim.clearFaults();
-    EXPECT_NO_THROW(proxy->getResource(devicePath));
-
-    sim.stop();
-    const Raised refused = captureRaise([&] { proxy->getResource(devicePath); });
-    EXPECT_EQ(refused.code, -52024);
-    EXPECT_EQ(refused.number(kDebug, "originalCode"), -411361);
-}
-
-TEST_F(ResourceManagerProxy, ConsecutiveRequestsShareOneConnection) {
-    for (int i = 0; i < 4; ++i) proxy->getResource(devicePath);
-    proxy->putResource(devicePath, "{}");
-    proxy->fetchResourceListing();
-    EXPECT_EQ(remotetest::clientSocketsTo(sim.port()), 1u);
 }
 
 // Several proxies, one per thread, against one chassis at once.

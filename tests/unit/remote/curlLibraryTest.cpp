@@ -21,19 +21,12 @@ std::shared_ptr<const CurlApi> absentLibrary() {
 }
 }  // namespace
 
-TEST(CurlLibrary, TheSystemLibraryLoadsByItsStandardNamesAndIsShared) {
-    EXPECT_EQ(CurlApi::defaultLibraryNames(), (std::vector<std::string>{"libcurl.so.4", "libcurl.so"}));
+// Every HTTP test uses it; here only that it is the versioned name, loaded once.
+TEST(CurlLibrary, TheSystemLibraryIsLoadedOnceAndShared) {
     const auto api = CurlApi::system();
     ASSERT_NE(api, nullptr);
     EXPECT_EQ(api->libraryName, "libcurl.so.4");
-    EXPECT_NE(api->easy_init, nullptr);
-    EXPECT_NE(api->easy_setopt, nullptr);
-    EXPECT_NE(api->slist_free_all, nullptr);
-    EXPECT_EQ(CurlApi::system(), api);  // loaded once
-
-    CURL* handle = api->easy_init();
-    ASSERT_NE(handle, nullptr);
-    api->easy_cleanup(handle);
+    EXPECT_EQ(CurlApi::system(), api);
 }
 
 TEST(CurlLibrary, AnUnloadableLibraryFailsInitialisationNamingWhatWasTried) {
@@ -59,10 +52,7 @@ TEST(CurlLibrary, ClientsWithoutLibcurlFailWithInitialiseErrorAndNothingElseBrea
     EXPECT_EQ(captureRaise([&] { client.request(false, "", result); }).code, -411351);
     EXPECT_EQ(result, "untouched");
 
-    const Raised proxy = captureRaise([] { zt::syncdomain::CurlResourceManagerProxy p("127.0.0.1:9", 100, &absentLibrary); });
-    EXPECT_EQ(proxy.code, -411351);
-
-    // A client on the real library is unaffected.
-    zt::syncdomain::CurlResourceManagerProxy fine("127.0.0.1:9");
-    EXPECT_EQ(fine.getTimeoutInMS(), 5000u);
+    EXPECT_EQ(captureRaise([] { zt::syncdomain::CurlResourceManagerProxy p("127.0.0.1:9", 100, &absentLibrary); }).code,
+              -411351);
+    zt::syncdomain::CurlResourceManagerProxy fine("127.0.0.1:9");  // a client on the real library is unaffected
 }

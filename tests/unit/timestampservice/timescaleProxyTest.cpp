@@ -47,15 +47,10 @@ public:
     const std::string& getExpectedLocalUri() const override { return localUri; }
 };
 
+// The document's layout is pinned against the real daemon
+// (timescaleProxyExportTest.cpp); here quotes, backslashes and control bytes,
+// which no reachable daemon's names carry, cannot break it.
 TEST(TimescaleProxyUnit, DescribesItselfAsValidJson) {
-    auto session = std::make_unique<CountingSession>();
-    TimescaleProxy plain("/10.0.0.1:80/ztsdwebs/resources/ztsd/timescales/GM", "10.0.0.1", 4567, std::move(session));
-    EXPECT_EQ(plain.getUri(), "/10.0.0.1:80/ztsdwebs/resources/ztsd/timescales/GM");
-    EXPECT_EQ(plain.toJson(),
-              "{\"uri\":\"/10.0.0.1:80/ztsdwebs/resources/ztsd/timescales/GM\",\"host\":\"10.0.0.1\",\"port\":4567,"
-              "\"localUriOfTarget\":\"/localhost/ztsds/timescales/GM\",\"serverApiVersion\":2}");
-
-    // Quotes, backslashes and control bytes cannot break the document.
     const std::string oddUri = "/a\"b\\c/\x01\t\x7f/\xc3\xa9";
     TimescaleProxy odd(oddUri, "host\"\n", 4294967295u, std::make_unique<CountingSession>());
     const std::string json = odd.toJson();
