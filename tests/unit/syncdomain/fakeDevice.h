@@ -1,16 +1,16 @@
 // A syncable device that answers from memory, for unit tests of the domain
-// logic behind SyncableDeviceInterface. It can be slowed, stalled or made to
-// fail; every call is counted. Safe to call from pool threads.
+// logic behind SyncableDeviceInterface. Its checks can be slowed; every call
+// is counted, and so is the most checks ever inside it at once. Safe to call
+// from pool threads.
 #pragma once
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <climits>
 #include <mutex>
 #include <string>
 #include <thread>
 
-#include "errors/exception.h"
 #include "syncdomain/syncableDeviceInterface.h"
 #include "ztsdlib/threadPool.hpp"
 
@@ -19,52 +19,33 @@ namespace ztsdtest {
 class FakeDevice : public ztsdlib::SyncableDeviceInterface {
 public:
     explicit FakeDevice(std::string uri) : uri(std::move(uri)) {}
-    ~FakeDevice() override { release(); }
 
-    void setCoherencyRequirements(const std::string& json, const std::string& domainUri) override {
+    void setCoherencyRequirements(const std::string& json, const std::string&) override {
         ++setCalls;
-        if (refuseRequirements) {
-            zterr::raise(ZTERR_SITE("test", "ztsyncdomainerr_conflictingCoherencyRequirements"), -1074100993,
-                         "ztsync_debug", {{"message", "conflict"}, {"New SyncDomain URI", domainUri}});
-        }
         std::lock_guard<std::mutex> lock(mutex);
         lastRequirements = json;
     }
     void clearCoherencyRequirements(const std::string&) override {}
+    // Answers "incoherent" for the first incoherentChecks calls; the first
+    // delayedChecks calls take delay_ms.
     bool isCoherent(std::uint32_t* lossCount) override {
-        ++checkCalls;
-        if (delay_ms) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms.load()));
-        if (stalled) {
-            std::unique_lock<std::mutex> lock(mutex);
-            released.wait(lock, [this] { return !stalled; });
+        const int inside = ++callsInside;
+        for (int seen = maxInside.load(); inside > seen && !maxInside.compare_exchange_weak(seen, inside);) {
         }
-        if (failing) {
-            zterr::raise(ZTERR_SITE("test", "ztapalerr_communicationsFault"), -52024, "ztsyncdomain_debug",
-                         {{"message", "device unreachable"}, {"uri", uri}});
-        }
-        // Answers "incoherent" for the first incoherentChecks calls.
+        const int n = checkCalls++;
+        if (delay_ms && n < delayedChecks) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms.load()));
+        *lossCount = lossCountValue;
+        bool answer = coherent;
         if (incoherentChecks > 0) {
             --incoherentChecks;
-            *lossCount = lossCountValue;
-            return false;
+            answer = false;
         }
-        *lossCount = lossCountValue;
-        return coherent;
+        --callsInside;
+        return answer;
     }
     const std::string& getUri() const override { return uri; }
     std::string toJson() override {
-        if (failing) {
-            zterr::raise(ZTERR_SITE("test", "ztapalerr_communicationsFault"), -52024, "ztsyncdomain_debug",
-                         {{"message", "device unreachable"}});
-        }
         return "{\"uri\":\"" + uri + "\",\"isCoherent\":" + (coherent ? "true" : "false") + "}";
-    }
-    void release() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            stalled = false;
-        }
-        released.notify_all();
     }
     std::string requirements() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -76,15 +57,11 @@ public:
     std::atomic<std::uint32_t> lossCountValue{0};
     std::atomic<int> incoherentChecks{0};
     std::atomic<int> delay_ms{0};
-    std::atomic<bool> failing{false};
-    std::atomic<bool> refuseRequirements{false};
-    std::atomic<bool> stalled{false};
-    std::atomic<int> setCalls{0};
-    std::atomic<int> checkCalls{0};
+    std::atomic<int> delayedChecks{INT_MAX};
+    std::atomic<int> setCalls{0}, checkCalls{0}, callsInside{0}, maxInside{0};
 
 private:
     std::mutex mutex;
-    std::condition_variable released;
     std::string lastRequirements;
 };
 

@@ -57,7 +57,6 @@ TEST(CachingCorrelator, AnswersARepeatedQuestionFromItsCacheAndDistinguishesEver
 
     const ztsdlib_Timestamp first = caching.correlate("/t1", ts(10, 5));
     EXPECT_TRUE(ztsdlib::sameTimestamp(caching.correlate("/t1", ts(10, 5)), first));
-    EXPECT_TRUE(ztsdlib::sameTimestamp(caching.correlate(std::string("/t1"), ts(10, 5)), first));
     EXPECT_EQ(wrapped.asked.size(), 1u);
 
     // Each field of the question, and the source URI, makes a new question.
@@ -74,13 +73,6 @@ TEST(CachingCorrelator, AnswersARepeatedQuestionFromItsCacheAndDistinguishesEver
     // ... and each of them is now answered from the cache too, unchanged.
     for (const auto& [source, t] : different) caching.correlate(source, t);
     EXPECT_EQ(wrapped.asked.size(), 1u + different.size());
-
-    // Many distinct questions grow the cache without losing any answer.
-    std::vector<ztsdlib_Timestamp> answers;
-    for (std::uint32_t i = 0; i < 500; ++i) answers.push_back(caching.correlate("/t2", ts(1000 + i, i)));
-    for (std::uint32_t i = 0; i < 500; ++i)
-        EXPECT_TRUE(ztsdlib::sameTimestamp(caching.correlate("/t2", ts(1000 + i, i)), answers[i]));
-    EXPECT_EQ(wrapped.asked.size(), 1u + different.size() + 500u);
 }
 
 TEST(CachingCorrelator, DoesNotCacheFailuresAndPassesTheRestToTheWrappedCorrelator) {
@@ -90,7 +82,6 @@ TEST(CachingCorrelator, DoesNotCacheFailuresAndPassesTheRestToTheWrappedCorrelat
     auto failure = catchReport([&] { caching.correlate("/t1", ts(1, 2)); });
     EXPECT_EQ(failure.code, -52017);
     EXPECT_EQ(failure.message, "not started");
-    EXPECT_EQ(caching.cachedAnswers(), 0u);
     wrapped.failing = false;
     caching.correlate("/t1", ts(1, 2));  // asked again, now answered
     EXPECT_EQ(wrapped.asked.size(), 2u);
@@ -111,24 +102,6 @@ TEST(CachingCorrelator, DoesNotCacheFailuresAndPassesTheRestToTheWrappedCorrelat
     EXPECT_EQ(wrapped.asked.size(), 2u);
 }
 
-TEST(CachingCorrelator, KeysHashAndCompareOverTheUriAndAllFourFields) {
-    using Key = CachingCorrelator::Key;
-    const CachingCorrelator::KeyHash hash;
-    const CachingCorrelator::KeyEqual equal;
-    const Key key{"/t1", ts(13400000000ULL, 999999999u, 3, true)};
-    EXPECT_TRUE(equal(key, Key{"/t1", ts(13400000000ULL, 999999999u, 3, true)}));
-    EXPECT_EQ(hash(key), hash(Key{"/t1", ts(13400000000ULL, 999999999u, 3, true)}));
-    const Key others[] = {{"/t2", key.timestamp},
-                          {"/t1", ts(13400000001ULL, 999999999u, 3, true)},
-                          {"/t1", ts(13400000000ULL, 999999998u, 3, true)},
-                          {"/t1", ts(13400000000ULL, 999999999u, 4, true)},
-                          {"/t1", ts(13400000000ULL, 999999999u, 3, false)}};
-    for (const Key& other : others) {
-        EXPECT_FALSE(equal(key, other));
-        EXPECT_NE(hash(key), hash(other));
-    }
-}
-
 TEST(NopCorrelator, HandsTheTimestampBackUnchangedForEitherOfItsTimescales) {
     ztsdtest::SteppingTimescale first("/t1", 1, 1), second("/t2", 1, 1);
     NopCorrelator nop("/nop", first, second);
@@ -139,8 +112,6 @@ TEST(NopCorrelator, HandsTheTimestampBackUnchangedForEitherOfItsTimescales) {
 
     auto foreign = catchReport([&] { nop.correlate("/t3", t); });
     EXPECT_EQ(foreign.code, -52005);
-    EXPECT_EQ(foreign.errorConstant, "ztapalerr_invalidParameter");
-    EXPECT_EQ(foreign.file, "source\\ztsdlib\\nopCorrelator");
     EXPECT_EQ(foreign.message, "Source timescale does not match either timescale in the correlator.");
 
     nop.start();
@@ -152,7 +123,4 @@ TEST(NopCorrelator, HandsTheTimestampBackUnchangedForEitherOfItsTimescales) {
     EXPECT_EQ(nop.toJson(),
               "{ \"type\" : \"nop\", \"uri\" : \"/nop\", \"timescaleUri1\" : \"/t1\", \"timescaleUri2\" : \"/t2\", "
               "\"isRunning\" : true }");
-    EXPECT_EQ(nop.getUri(), "/nop");
-    EXPECT_EQ(&nop.getTimescale1Uri(), &first.getUri());
-    EXPECT_EQ(&nop.getTimescale2Uri(), &second.getUri());
 }

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <ios>
 #include <limits>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "errors/exception.h"
@@ -40,25 +40,6 @@ std::string show(const ztsdlib_Timestamp& t) {
            "ns f" + std::to_string(t.fractionalNanos);
 }
 
-// What one conversion did: a value, or a failure of some kind with a message.
-struct Outcome {
-    enum Kind { Value, Library, OutOfRange, InvalidArgument, Other } kind = Value;
-    std::string message;
-    ztsdlib_Timestamp timestamp{};
-    TimestampDecimal decimal;
-
-    std::string describe() const {
-        switch (kind) {
-            case Value: return "value " + show(timestamp) + " / " + decimal.str(0, std::ios::scientific);
-            case Library: return "library error: " + message;
-            case OutOfRange: return "out_of_range: " + message;
-            case InvalidArgument: return "invalid_argument: " + message;
-            case Other: return "other: " + message;
-        }
-        return "";
-    }
-};
-
 // The message of a library error, checked to be the conversions' report.
 std::string libraryMessage(const zterr::Exception& e) {
     const ztsdtest::ErrorReport r = ztsdtest::readReport(e.code(), e.status().json);
@@ -69,62 +50,57 @@ std::string libraryMessage(const zterr::Exception& e) {
     return r.message;
 }
 
+// What one conversion did: a value, or a failure as "<kind>: <message>".
+struct Outcome {
+    std::string failure;  // empty for a value
+    ztsdlib_Timestamp timestamp{};
+    TimestampDecimal decimal;
+
+    std::string decimalText() const { return failure.empty() ? decimal.str() : failure; }
+    std::string timestampText() const { return failure.empty() ? show(timestamp) : failure; }
+};
+
 template <typename Conversion>
 Outcome run(Conversion&& conversion) {
     Outcome o;
     try {
         conversion(o);
     } catch (const zterr::Exception& e) {
-        o.kind = Outcome::Library;
-        o.message = libraryMessage(e);
+        o.failure = "library error: " + libraryMessage(e);
     } catch (const ztsdtest::LiteralConversionFailure& e) {
-        o.kind = Outcome::Library;
-        o.message = e.message;
+        o.failure = "library error: " + e.message;
     } catch (const std::out_of_range& e) {
-        o.kind = Outcome::OutOfRange;
-        o.message = e.what();
+        o.failure = std::string("out_of_range: ") + e.what();
     } catch (const std::invalid_argument& e) {
-        o.kind = Outcome::InvalidArgument;
-        o.message = e.what();
+        o.failure = std::string("invalid_argument: ") + e.what();
     } catch (const std::exception& e) {
-        o.kind = Outcome::Other;
-        o.message = e.what();
+        o.failure = std::string("other: ") + e.what();
     }
     return o;
 }
 
+Outcome fastToDecimal(const ztsdlib_Timestamp& t) { return run([&](Outcome& o) { o.decimal = toDecimal(t); }); }
+Outcome fastToTimestamp(const TimestampDecimal& d) { return run([&](Outcome& o) { o.timestamp = toTimestamp(d); }); }
+
 // The fast and the literal conversion of a record agree in value, in
 // representation (every limb, exponent and sign) and in failure.
 ::testing::AssertionResult sameToDecimal(const ztsdlib_Timestamp& t) {
-    const Outcome fast = run([&](Outcome& o) { o.decimal = toDecimal(t); });
+    const Outcome fast = fastToDecimal(t);
     const Outcome literal = run([&](Outcome& o) { o.decimal = ztsdtest::literalToDecimal(t); });
-    const bool same = fast.kind == literal.kind && fast.message == literal.message &&
-                      (fast.kind != Outcome::Value ||
-                       (fast.decimal == literal.decimal &&
-                        fast.decimal.backend().hash() == literal.decimal.backend().hash() &&
-                        fast.decimal.str(40, std::ios::scientific) == literal.decimal.str(40, std::ios::scientific)));
-    if (same) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "toDecimal(" << show(t) << "): fast " << fast.describe() << ", literal "
-                                         << literal.describe();
+    auto text = [](const Outcome& o) { return o.failure.empty() ? o.decimal.str(40, std::ios::scientific) : o.failure; };
+    if (text(fast) == text(literal) && fast.decimal == literal.decimal &&
+        fast.decimal.backend().hash() == literal.decimal.backend().hash())
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "toDecimal(" << show(t) << "): fast " << text(fast) << ", literal "
+                                         << text(literal);
 }
 
 ::testing::AssertionResult sameToTimestamp(const TimestampDecimal& d) {
-    const Outcome fast = run([&](Outcome& o) { o.timestamp = toTimestamp(d); });
-    const Outcome literal = run([&](Outcome& o) { o.timestamp = ztsdtest::literalToTimestamp(d); });
-    const bool same = fast.kind == literal.kind && fast.message == literal.message &&
-                      (fast.kind != Outcome::Value || ztsdlib::sameTimestamp(fast.timestamp, literal.timestamp));
-    if (same) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "toTimestamp(" << d.str(45, std::ios::scientific) << "): fast "
-                                         << fast.describe() << ", literal " << literal.describe();
-}
-
-std::string libraryFailure(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const zterr::Exception& e) {
-        return libraryMessage(e);
-    }
-    return "<no failure>";
+    const std::string fast = fastToTimestamp(d).timestampText();
+    const std::string literal = run([&](Outcome& o) { o.timestamp = ztsdtest::literalToTimestamp(d); }).timestampText();
+    if (fast == literal) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "toTimestamp(" << d.str(45, std::ios::scientific) << "): fast " << fast
+                                         << ", literal " << literal;
 }
 
 class RandomDigits {
@@ -213,100 +189,79 @@ TimestampDecimal randomDecimal(RandomDigits& r) {
 
 }  // namespace
 
-TEST(TimestampConversion, ToDecimalMatchesTheLiteralTextConversionOnRandomAndBoundaryRecords) {
+TEST(TimestampConversion, ToDecimalGivesKnownAnswersMatchesTheLiteralConversionAndRoundTrips) {
+    // -0 is plain zero, and fractionalNanos plays no part.
+    const std::pair<ztsdlib_Timestamp, std::string> known[] = {
+        {ts(5, 999999999u), "5.999999999"},
+        {ts(12, 345, true), "-12.000000345"},
+        {ts(kMax64, 999999999u), "18446744073709551615.999999999"},
+        {ts(0, 0, true), "0"},
+        {ts(3, 7, false, 99), "3.000000007"},
+        {ts(5, 1000000000u), "library error: Nano seconds field greater than 1e+9"},
+        {ts(0, UINT32_MAX, true), "library error: Nano seconds field greater than 1e+9"},
+    };
+    for (const auto& [t, expected] : known) {
+        EXPECT_EQ(fastToDecimal(t).decimalText(), expected) << show(t);
+        EXPECT_TRUE(sameToDecimal(t));
+    }
     const std::vector<ztsdlib_Timestamp> boundaries = {
-        ts(0, 0),           ts(0, 0, true),          ts(0, 1),          ts(0, 1, true),
-        ts(0, 999999999u),  ts(1, 0),                ts(5, 999999999u), ts(5, 1000000000u),
-        ts(0, UINT32_MAX),  ts(kMax64, 999999999u),  ts(kMax64, 0),     ts(kMax64, 0, true),
-        ts(99999999, 0),    ts(100000000, 0),        ts(10000000000000000ULL, 5), ts(13400000000ULL, 123456789u),
-        ts(0, 10),          ts(0, 100000000u, true), ts(12, 345, true, 77),
+        ts(0, 0),        ts(0, 1),           ts(0, 1, true),  ts(0, 999999999u), ts(1, 0),
+        ts(kMax64, 0),   ts(kMax64, 0, true), ts(99999999, 0), ts(100000000, 0),  ts(0, 10),
+        ts(0, 100000000u, true), ts(10000000000000000ULL, 5), ts(13400000000ULL, 123456789u),
     };
     for (const auto& t : boundaries) EXPECT_TRUE(sameToDecimal(t));
 
     RandomDigits r(20240611u);
-    for (int i = 0; i < 30000; ++i) ASSERT_TRUE(sameToDecimal(randomRecord(r))) << "iteration " << i;
-}
-
-TEST(TimestampConversion, ToTimestampMatchesTheLiteralTextConversionOnRandomAndEdgeDecimals) {
-    const std::vector<std::string> edges = {
-        "0", "-0", "1.9999999999", "-0.5", "18446744073709551615.999999999", "18446744073709551616",
-        "18446744073709551615.9999999999999994", "18446744073709551615.9999999999999995",
-        "-18446744073709551615.9999999999999995", "-18446744073709551616", "-18446744073709551615.5",
-        "0.0000000009999999999999995", "0.0000000009999999999999994", "0.9999999999999995", "0.9999999999999985",
-        "0.0000000000000005", "0.0000000000000015", "0.00000000000000050000001", "0.00000000000000049",
-        "1e-16", "-1e-16", "5e-16", "6e-16", "-4e-30", "1e19", "1e20", "-1e20", "-1e25", "123.000000001",
-    };
-    for (const auto& e : edges) EXPECT_TRUE(sameToTimestamp(dec(e)));
-    EXPECT_TRUE(sameToTimestamp(std::numeric_limits<TimestampDecimal>::quiet_NaN()));
-    EXPECT_TRUE(sameToTimestamp(std::numeric_limits<TimestampDecimal>::infinity()));
-    EXPECT_TRUE(sameToTimestamp(-std::numeric_limits<TimestampDecimal>::infinity()));
-    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(1) / TimestampDecimal(3)));
-    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(2) / TimestampDecimal(3)));
-    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(-2) / TimestampDecimal(3)));
-
-    RandomDigits r(77001u);
-    for (int i = 0; i < 30000; ++i) ASSERT_TRUE(sameToTimestamp(randomDecimal(r))) << "iteration " << i;
-}
-
-TEST(TimestampConversion, EveryValidRecordSurvivesTheRoundTrip) {
-    RandomDigits r(4242u);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 30000; ++i) {
         ztsdlib_Timestamp t = randomRecord(r);
-        t.fractionalNanos = 0;  // not carried by the decimal
-        if (t.seconds == 0 && t.nanos == 0) t.isNegative = false;  // -0 comes back as +0
+        ASSERT_TRUE(sameToDecimal(t)) << "iteration " << i;
+        // Every valid record comes back, less what the decimal does not
+        // carry: fractionalNanos and the sign of zero.
+        t.fractionalNanos = 0;
+        if (t.seconds == 0 && t.nanos == 0) t.isNegative = false;
         const ztsdlib_Timestamp back = toTimestamp(toDecimal(t));
         ASSERT_TRUE(ztsdlib::sameTimestamp(back, t)) << show(t) << " came back as " << show(back);
     }
 }
 
-TEST(TimestampConversion, ToDecimalRejectsNanosOfOneSecondOrMore) {
-    EXPECT_EQ(libraryFailure([] { toDecimal(ts(5, 1000000000u)); }), "Nano seconds field greater than 1e+9");
-    EXPECT_EQ(libraryFailure([] { toDecimal(ts(0, UINT32_MAX, true)); }), "Nano seconds field greater than 1e+9");
-    EXPECT_EQ(toDecimal(ts(5, 999999999u)), dec("5.999999999"));
-    EXPECT_EQ(toDecimal(ts(12, 345, true)), dec("-12.000000345"));
-    EXPECT_EQ(toDecimal(ts(kMax64, 999999999u)), dec("18446744073709551615.999999999"));
-    // -0 is plain zero, and fractionalNanos plays no part.
-    const TimestampDecimal negativeZero = toDecimal(ts(0, 0, true));
-    EXPECT_EQ(negativeZero, 0);
-    EXPECT_FALSE(negativeZero.backend().isneg());
-    EXPECT_EQ(toDecimal(ts(3, 7, false, 99)), toDecimal(ts(3, 7)));
-}
-
-TEST(TimestampConversion, ToTimestampTruncatesToNanosAfterRoundingTo15Digits) {
-    auto expectTs = [](const std::string& text, std::uint64_t s, std::uint32_t n, bool neg) {
-        const ztsdlib_Timestamp t = toTimestamp(dec(text));
-        EXPECT_TRUE(ztsdlib::sameTimestamp(t, ts(s, n, neg))) << text << " gave " << show(t);
+TEST(TimestampConversion, ToTimestampGivesKnownAnswersAndMatchesTheLiteralConversion) {
+    // Truncation to nanoseconds after rounding to 15 fraction digits (half to
+    // even), and the failures at and beyond the limits.
+    const TimestampDecimal inf = std::numeric_limits<TimestampDecimal>::infinity();
+    const std::pair<TimestampDecimal, std::string> known[] = {
+        {dec("0"), "+0s 0ns f0"},
+        {dec("1.9999999999"), "+1s 999999999ns f0"},  // truncated, not rounded up to 2
+        {dec("-0.5"), "-0s 500000000ns f0"},
+        {dec("18446744073709551615.999999999"), "+18446744073709551615s 999999999ns f0"},
+        {dec("1.9999999999999996"), "+2s 0ns f0"},  // within half of 1e-15 below a boundary: carries
+        {dec("1.9999999999999994"), "+1s 999999999ns f0"},
+        {dec("0.0000000019999995"), "+0s 2ns f0"},  // tie, 15th digit odd: rounds up
+        {dec("0.0000000029999985"), "+0s 2ns f0"},  // tie, 15th digit 8 (even): stays
+        {dec("-4e-30"), "-0s 0ns f0"},              // below zero although it rounds to zero
+        {dec("18446744073709551616"), "library error: Exceeded the max ztsdlib_Timestamp value"},
+        {inf, "library error: Exceeded the max ztsdlib_Timestamp value"},
+        {std::numeric_limits<TimestampDecimal>::quiet_NaN(), "library error: The input timestamp is NaN"},
+        // Below 2^64 but rounding up to it, or a magnitude of 2^64 below zero:
+        // the seconds no longer fit.
+        {dec("18446744073709551615.9999999999999999"), "out_of_range: stoull argument out of range"},
+        {dec("-18446744073709551616"), "out_of_range: stoull argument out of range"},
+        {-inf, "invalid_argument: invalid stoull argument"},
     };
-    expectTs("0", 0, 0, false);
-    expectTs("1.9999999999", 1, 999999999u, false);  // truncation, no rounding up to 2
-    expectTs("-0.5", 0, 500000000u, true);
-    expectTs("18446744073709551615.999999999", kMax64, 999999999u, false);
-    // Within half of 1e-15 below a boundary the 15-digit rounding carries.
-    expectTs("1.9999999999999996", 2, 0, false);
-    expectTs("1.9999999999999994", 1, 999999999u, false);
-    expectTs("0.0000000019999995", 0, 2, false);  // tie, 15th digit odd: rounds up
-    expectTs("0.0000000029999985", 0, 2, false);  // tie, 15th digit 8 (even): stays
-    expectTs("-4e-30", 0, 0, true);                          // below zero although it rounds to zero
+    for (const auto& [d, expected] : known) {
+        EXPECT_EQ(fastToTimestamp(d).timestampText(), expected) << d.str(40);
+        EXPECT_TRUE(sameToTimestamp(d));
+    }
+    const std::vector<std::string> edges = {
+        "-0", "18446744073709551615.9999999999999994", "18446744073709551615.9999999999999995",
+        "-18446744073709551615.9999999999999995", "-18446744073709551615.5", "0.0000000009999999999999995",
+        "0.0000000009999999999999994", "0.9999999999999995", "0.9999999999999985", "0.0000000000000005",
+        "0.0000000000000015", "0.00000000000000050000001", "0.00000000000000049", "1e-16", "-1e-16", "5e-16",
+        "6e-16", "1e19", "1e20", "-1e20", "-1e25", "123.000000001",
+    };
+    for (const auto& e : edges) EXPECT_TRUE(sameToTimestamp(dec(e)));
+    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(1) / TimestampDecimal(3)));
+    EXPECT_TRUE(sameToTimestamp(TimestampDecimal(-2) / TimestampDecimal(3)));
 
-    EXPECT_EQ(libraryFailure([] { toTimestamp(dec("18446744073709551616")); }),
-              "Exceeded the max ztsdlib_Timestamp value");
-    EXPECT_EQ(libraryFailure([] { toTimestamp(std::numeric_limits<TimestampDecimal>::infinity()); }),
-              "Exceeded the max ztsdlib_Timestamp value");
-    EXPECT_EQ(libraryFailure([] { toTimestamp(std::numeric_limits<TimestampDecimal>::quiet_NaN()); }),
-              "The input timestamp is NaN");
-    // Below 2^64 but rounding up to it: the seconds no longer fit.
-    EXPECT_THROW(toTimestamp(dec("18446744073709551615.9999999999999999")), std::out_of_range);
-    try {
-        toTimestamp(dec("-18446744073709551616"));
-        ADD_FAILURE() << "negative magnitude 2^64 converted";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "stoull argument out of range");
-    }
-    try {
-        toTimestamp(-std::numeric_limits<TimestampDecimal>::infinity());
-        ADD_FAILURE() << "-infinity converted";
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "invalid stoull argument");
-    }
-    EXPECT_EQ(ztsdlib::timestampUpperLimit(), dec("18446744073709551616"));
+    RandomDigits r(77001u);
+    for (int i = 0; i < 30000; ++i) ASSERT_TRUE(sameToTimestamp(randomDecimal(r))) << "iteration " << i;
 }
