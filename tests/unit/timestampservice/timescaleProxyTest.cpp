@@ -48,7 +48,7 @@ public:
 };
 
 // The document's layout is pinned against the real daemon
-// (timescaleProxyExportTest.cpp); here quotes, backslashes and control bytes,
+// (TimescaleProxyExportTest.CreateReadDescribeDelete); here quotes, backslashes and control bytes,
 // which no reachable daemon's names carry, cannot break it.
 TEST(TimescaleProxyUnit, DescribesItselfAsValidJson) {
     const std::string oddUri = "/a\"b\\c/\x01\t\x7f/\xc3\xa9";
