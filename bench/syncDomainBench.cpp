@@ -41,7 +41,6 @@ using tcp = asio::ip::tcp;
 
 constexpr int kLatency_ms = 20;
 constexpr int kMaxChassis = 16;
-constexpr const char* kMediaType = "vnd.zt.syncDomain.v0/json; charset=utf-8";
 
 // One stand-in chassis: answers every request on a kept-alive connection
 // after kLatency_ms with a coherent device whose "uri" is the request path.
@@ -100,7 +99,7 @@ private:
             const auto& request = parser->get();
             const std::string path(request.target());
             response = {http::status::ok, request.version()};
-            response.set(http::field::content_type, kMediaType);
+            response.set(http::field::content_type, ztsdsim::kMediaType);
             response.keep_alive(request.keep_alive());
             response.body() =
                 "{\"error\":{\"success\":true,\"errorCode\":0,\"errorText\":\"\",\"errorInfo\":{}},"
