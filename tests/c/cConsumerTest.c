@@ -43,8 +43,6 @@ static void hostTimescaleRoundTrip(void) {
     CHECK(json != NULL && strcmp(json, "{\"uri\":\"/localhost/ztsds/timescales/system\"}") == 0);
 
     ztsdlib_Timescale_delete(ts);
-    /* The toJson text belongs to the caller and outlives the handle. */
-    CHECK(json != NULL && json[0] == '{');
     free(json);
     CHECK(status.json == NULL); /* nothing was reported */
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "api/exportFrame.h"
+#include "api/exportedObject.h"
 #include "errors/exception.h"
 #include "unit/support/statusFixture.h"
 #include "ztsdlib/ztsdlib.h"
@@ -85,13 +86,86 @@ TEST(ExportFrame, ToJsonGivesAFreshCopyGetUriTheObjectsTextAndDeleteIgnoresNull)
     std::free(json2);
     EXPECT_EQ(st.s.code, 0);
 
-    // Every delete name is the same entry point and ignores null.
-    ztsdlib_Timescale_delete(nullptr);
-    ztsdlib_TimestampCorrelator_delete(nullptr);
-    ztsdlib_SyncableDevice_delete(nullptr);
-    ztsdlib_SyncDomain_delete(nullptr);
-    ztsdlib_SyncDomain_delete(reinterpret_cast<ztsdlib_SyncDomain*>(ztsdlib_HostTimescale_create("/w", &st)));
     EXPECT_EQ(ztsdlib_getApiVersion(), 1);
+}
+
+// Every family's delete name releases any handle through its virtual
+// destructor and ignores null (that they are one entry point is checked on
+// the shared object's symbols).
+TEST(ExportFrame, EveryDeleteNameRunsTheObjectsDestructorAndIgnoresNull) {
+    struct Probe : ztsdlib::ExportedObject {
+        explicit Probe(int* destroyed) : destroyed(destroyed) {}
+        ~Probe() override { ++*destroyed; }
+        int* destroyed;
+    };
+    using Delete = void (*)(void*);
+    const Delete deletes[] = {
+        [](void* h) { ztsdlib_Timescale_delete(static_cast<ztsdlib_Timescale*>(h)); },
+        [](void* h) { ztsdlib_TimestampCorrelator_delete(static_cast<ztsdlib_TimestampCorrelator*>(h)); },
+        [](void* h) { ztsdlib_SyncableDevice_delete(static_cast<ztsdlib_SyncableDevice*>(h)); },
+        [](void* h) { ztsdlib_SyncDomain_delete(static_cast<ztsdlib_SyncDomain*>(h)); },
+    };
+    int destroyed = 0;
+    for (const Delete del : deletes) {
+        del(nullptr);
+        del(static_cast<ztsdlib::ExportedObject*>(new Probe(&destroyed)));
+    }
+    EXPECT_EQ(destroyed, 4);
+}
+
+// A caller that ignores the status must never read success from a failed
+// call: every export that returns a value returns its failure value (false
+// or NULL), here for a missing handle.
+TEST(ExportFrame, EveryValueExportReturnsItsFailureValueWhenItFails) {
+    struct Case {
+        const char* name;
+        bool (*returnedFailureValue)(zterr_Status*);
+    };
+    const Case cases[] = {
+        {"HostTimescale_create", [](zterr_Status* s) { return !ztsdlib_HostTimescale_create(nullptr, s); }},
+        {"TimescaleProxy_create", [](zterr_Status* s) { return !ztsdlib_TimescaleProxy_create(nullptr, "h", 1, s); }},
+        {"Timescale_getUri", [](zterr_Status* s) { return !ztsdlib_Timescale_getUri(nullptr, s); }},
+        {"Timescale_toJson", [](zterr_Status* s) { return !ztsdlib_Timescale_toJson(nullptr, s); }},
+        {"LinearCorrelator_create",
+         [](zterr_Status* s) { return !ztsdlib_LinearCorrelator_create("/c", nullptr, nullptr, 1, 2, 3, s); }},
+        {"CachingCorrelator_create", [](zterr_Status* s) { return !ztsdlib_CachingCorrelator_create("/c", nullptr, s); }},
+        {"NopCorrelator_create",
+         [](zterr_Status* s) { return !ztsdlib_NopCorrelator_create("/c", nullptr, nullptr, s); }},
+        {"TimestampCorrelator_getUri", [](zterr_Status* s) { return !ztsdlib_TimestampCorrelator_getUri(nullptr, s); }},
+        {"TimestampCorrelator_getTimescale1Uri",
+         [](zterr_Status* s) { return !ztsdlib_TimestampCorrelator_getTimescale1Uri(nullptr, s); }},
+        {"TimestampCorrelator_getTimescale2Uri",
+         [](zterr_Status* s) { return !ztsdlib_TimestampCorrelator_getTimescale2Uri(nullptr, s); }},
+        {"TimestampCorrelator_isRunning",
+         [](zterr_Status* s) { return !ztsdlib_TimestampCorrelator_isRunning(nullptr, s); }},
+        {"TimestampCorrelator_toJson", [](zterr_Status* s) { return !ztsdlib_TimestampCorrelator_toJson(nullptr, s); }},
+        {"SyncableDeviceProxy_create", [](zterr_Status* s) { return !ztsdlib_SyncableDeviceProxy_create(nullptr, s); }},
+        {"SyncableDevice_isCoherent",
+         [](zterr_Status* s) {
+             uint32_t losses = 0;
+             return !ztsdlib_SyncableDevice_isCoherent(nullptr, &losses, s);
+         }},
+        {"SyncableDevice_getUri", [](zterr_Status* s) { return !ztsdlib_SyncableDevice_getUri(nullptr, s); }},
+        {"SyncableDevice_toJson", [](zterr_Status* s) { return !ztsdlib_SyncableDevice_toJson(nullptr, s); }},
+        {"ThreadPool_create", [](zterr_Status* s) { return !ztsdlib_ThreadPool_create(0, s); }},
+        {"SyncDomain_create",
+         [](zterr_Status* s) { return !ztsdlib_SyncDomain_create(nullptr, nullptr, 1, 1, nullptr, s); }},
+        {"NopSyncDomain_create", [](zterr_Status* s) { return !ztsdlib_NopSyncDomain_create(nullptr, nullptr, s); }},
+        {"SyncDomain_isMember", [](zterr_Status* s) { return !ztsdlib_SyncDomain_isMember(nullptr, "/d", s); }},
+        {"SyncDomain_isCoherent", [](zterr_Status* s) { return !ztsdlib_SyncDomain_isCoherent(nullptr, s); }},
+        {"SyncDomain_isCoherentSinceLastChecked",
+         [](zterr_Status* s) { return !ztsdlib_SyncDomain_isCoherentSinceLastChecked(nullptr, s); }},
+        {"SyncDomain_isRunning", [](zterr_Status* s) { return !ztsdlib_SyncDomain_isRunning(nullptr, s); }},
+        {"SyncDomain_start", [](zterr_Status* s) { return !ztsdlib_SyncDomain_start(nullptr, 1, s); }},
+        {"SyncDomain_getTimescaleUri", [](zterr_Status* s) { return !ztsdlib_SyncDomain_getTimescaleUri(nullptr, s); }},
+        {"SyncDomain_getUri", [](zterr_Status* s) { return !ztsdlib_SyncDomain_getUri(nullptr, s); }},
+        {"SyncDomain_toJson", [](zterr_Status* s) { return !ztsdlib_SyncDomain_toJson(nullptr, s); }},
+    };
+    for (const Case& c : cases) {
+        OwnedStatus st;
+        EXPECT_TRUE(c.returnedFailureValue(&st.s)) << c.name;
+        EXPECT_EQ(st.s.code, -52005) << c.name;
+    }
 }
 
 // No exception crosses the frame: a library one and a standard one land in
