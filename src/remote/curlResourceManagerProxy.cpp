@@ -84,16 +84,54 @@ ResourceListing parseResourceListing(const std::string& listingJson, const std::
     return listing;
 }
 
+class CurlResourceManagerProxy::Lease {
+public:
+    explicit Lease(CurlResourceManagerProxy& owner) : owner(owner) {
+        {
+            std::lock_guard<std::mutex> lock(owner.idleMutex_);
+            if (!owner.idle_.empty()) {
+                client = std::move(owner.idle_.back());
+                owner.idle_.pop_back();
+            }
+        }
+        if (!client) client = owner.makeClient();
+        client->setTimeoutInMS(owner.timeoutInMS_.load());
+    }
+    ~Lease() {
+        std::lock_guard<std::mutex> lock(owner.idleMutex_);
+        if (owner.idle_.size() < kMaxIdleClients) owner.idle_.push_back(std::move(client));
+    }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    zt::vela::shared::tCURL& operator*() { return *client; }
+
+private:
+    CurlResourceManagerProxy& owner;
+    std::unique_ptr<zt::vela::shared::tCURL> client;
+};
+
 CurlResourceManagerProxy::CurlResourceManagerProxy(std::string remoteHost, unsigned timeoutInMS,
                                                    zt::vela::shared::CurlApiSource source)
     : remoteHost_(std::move(remoteHost)),
       prefix_("http://" + remoteHost_ + "/" + kWebServiceName),
-      client_(std::make_shared<zt::vela::shared::tCURL>(kSyncDomainMediaType, source)) {
-    client_->setTimeoutInMS(timeoutInMS);
-    client_->initialize(prefix_, kResources);
+      source_(source),
+      timeoutInMS_(timeoutInMS) {
+    idle_.push_back(makeClient());
 }
 
 CurlResourceManagerProxy::~CurlResourceManagerProxy() = default;
+
+std::unique_ptr<zt::vela::shared::tCURL> CurlResourceManagerProxy::makeClient() const {
+    auto client = std::make_unique<zt::vela::shared::tCURL>(kSyncDomainMediaType, source_);
+    client->initialize(prefix_, kResources);
+    return client;
+}
+
+std::size_t CurlResourceManagerProxy::idleClientCount() const {
+    std::lock_guard<std::mutex> lock(idleMutex_);
+    return idle_.size();
+}
 
 std::string CurlResourceManagerProxy::resourceUriOf(const std::string& resourcePath) {
     std::size_t at = 0;
@@ -115,13 +153,16 @@ std::string CurlResourceManagerProxy::listResources(const std::string& qualifier
     std::size_t skip = 0;
     while (skip < qualifier.size() && qualifier[skip] == '/') ++skip;
     std::string result;
-    ztsdtools::sendGetRequest(*client_, prefix_, kResources + qualifier.substr(skip), result);
+    Lease client(*this);
+    ztsdtools::sendGetRequest(*client, prefix_, kResources + qualifier.substr(skip), result);
     return result;
 }
 
 std::string CurlResourceManagerProxy::getResource(const std::string& resourcePath) {
     std::string result;
-    ztsdtools::sendGetRequest(*client_, prefix_, resourceUriOf(resourcePath), result);
+    const std::string resourceUri = resourceUriOf(resourcePath);
+    Lease client(*this);
+    ztsdtools::sendGetRequest(*client, prefix_, resourceUri, result);
     return result;
 }
 
@@ -133,7 +174,9 @@ std::string CurlResourceManagerProxy::getTimescaleInfo(const std::string&) {
 
 void CurlResourceManagerProxy::putResource(const std::string& resourcePath, const std::string& json) {
     std::string result;
-    ztsdtools::sendPutRequest(*client_, prefix_, resourceUriOf(resourcePath), json, result);
+    const std::string resourceUri = resourceUriOf(resourcePath);
+    Lease client(*this);
+    ztsdtools::sendPutRequest(*client, prefix_, resourceUri, json, result);
 }
 
 ResourceListing CurlResourceManagerProxy::fetchResourceListing() {

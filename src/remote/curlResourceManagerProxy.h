@@ -18,16 +18,22 @@
 // Failures of the transport, the HTTP status and the reply envelope come
 // from sendGetRequest/sendPutRequest (httpRequests.h) unchanged.
 //
-// The client's easy handle is made by the constructor (so a missing libcurl
-// shows as -411351 when the proxy is made) and reused by every request, so
-// consecutive requests share one connection. Time-out per request:
-// kDefaultTimeoutInMS unless set.
+// Connections: a request takes an idle client (an easy handle with its
+// kept-alive connection) from the proxy's small set, or makes a new one when
+// every client is busy, and gives it back afterwards; at most
+// kMaxIdleClients are kept, so consecutive requests reuse their connection.
+// The first client is made by the constructor (so a missing libcurl shows as
+// -411351 when the proxy is made). Time-out per request: kDefaultTimeoutInMS
+// unless set.
 //
-// Threads: no lock; one request at a time per proxy. A syncable device
-// proxy owns one and is called from one task at a time.
+// Threads: any number of threads may call one proxy at once; each request
+// has a client of its own, so a stalled request never makes another wait or
+// fail. The set and the time-out are the only shared state (one mutex).
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -83,16 +89,26 @@ public:
     const std::string& remoteHost() const noexcept { return remoteHost_; }
     // "http://" + remoteHost + "/ztsdwebs"
     const std::string& servicePrefix() const noexcept { return prefix_; }
-    void setTimeoutInMS(unsigned timeoutInMS) { client_->setTimeoutInMS(timeoutInMS); }
-    unsigned getTimeoutInMS() const { return client_->getTimeoutInMS(); }
+    void setTimeoutInMS(unsigned timeoutInMS) { timeoutInMS_.store(timeoutInMS); }
+    unsigned getTimeoutInMS() const { return timeoutInMS_.load(); }
+    // Idle clients kept for reuse.
+    static constexpr std::size_t kMaxIdleClients = 4;
+    std::size_t idleClientCount() const;
 
     // The "resources/<qualifier>" part of a resource path (see above).
     static std::string resourceUriOf(const std::string& resourcePath);
 
 private:
+    // One client for the length of one request, back to the set afterwards.
+    class Lease;
+    std::unique_ptr<zt::vela::shared::tCURL> makeClient() const;
+
     std::string remoteHost_;
     std::string prefix_;
-    std::shared_ptr<zt::vela::shared::tCURL> client_;
+    zt::vela::shared::CurlApiSource source_;
+    std::atomic<unsigned> timeoutInMS_;
+    mutable std::mutex idleMutex_;  // guards idle_
+    std::vector<std::unique_ptr<zt::vela::shared::tCURL>> idle_;
 };
 
 }  // namespace syncdomain

@@ -101,7 +101,31 @@ void SyncableDeviceProxy::setCoherencyRequirements(const std::string& jsonRequir
         ztsdtools::throwMissingJsonKey(
             uri, "requiredTimescaleUri", "SyncableDeviceProxy: requiredTimescaleUri key not found in coherencyRequirements");
 
-    if (!syncDomainUriSet.empty()) {
+    {
+        std::lock_guard<std::mutex> lock(requirementsMutex);
+        checkAgreesWithRequirementsInForce(newMaxOffset_ns, newMinSyncDuration_ms, newTimescaleUri, syncDomainUri);
+        maxOffset_ns = newMaxOffset_ns;
+        minSyncDuration_ms = newMinSyncDuration_ms;
+        requiredTimescaleUri = newTimescaleUri;
+        ++placementsInFlight;
+    }
+    try {
+        resources->putResource(resourcePath, jsonRequirements);
+    } catch (...) {
+        std::lock_guard<std::mutex> lock(requirementsMutex);
+        --placementsInFlight;
+        throw;
+    }
+    std::lock_guard<std::mutex> lock(requirementsMutex);
+    --placementsInFlight;
+    syncDomainUriSet.insert(syncDomainUri);
+}
+
+void SyncableDeviceProxy::checkAgreesWithRequirementsInForce(std::uint32_t newMaxOffset_ns,
+                                                             std::uint32_t newMinSyncDuration_ms,
+                                                             const std::string& newTimescaleUri,
+                                                             const std::string& syncDomainUri) const {
+    if (!syncDomainUriSet.empty() || placementsInFlight > 0) {
         const bool agree = newMaxOffset_ns == maxOffset_ns && newMinSyncDuration_ms == minSyncDuration_ms &&
                            sameTimescaleUri(newTimescaleUri, requiredTimescaleUri);
         if (!agree) {
@@ -120,17 +144,16 @@ void SyncableDeviceProxy::setCoherencyRequirements(const std::string& jsonRequir
                           {"syncDomainUriSet.size()", static_cast<std::uint64_t>(syncDomainUriSet.size())}});
         }
     }
-
-    resources->putResource(resourcePath, jsonRequirements);
-
-    maxOffset_ns = newMaxOffset_ns;
-    minSyncDuration_ms = newMinSyncDuration_ms;
-    requiredTimescaleUri = newTimescaleUri;
-    syncDomainUriSet.insert(syncDomainUri);
 }
 
 void SyncableDeviceProxy::clearCoherencyRequirements(const std::string& syncDomainUri) {
+    std::lock_guard<std::mutex> lock(requirementsMutex);
     syncDomainUriSet.erase(syncDomainUri);
+}
+
+std::size_t SyncableDeviceProxy::syncDomainCount() const {
+    std::lock_guard<std::mutex> lock(requirementsMutex);
+    return syncDomainUriSet.size();
 }
 
 std::string SyncableDeviceProxy::fetchValidResource(const char* invalidJsonMessage) {
@@ -188,7 +211,12 @@ std::string SyncableDeviceProxy::toJson() {
         cJSON_Delete(domains);
         throw std::bad_alloc();
     }
-    for (const std::string& domainUri : syncDomainUriSet) {
+    std::vector<std::string> domainUris;
+    {
+        std::lock_guard<std::mutex> lock(requirementsMutex);
+        domainUris.assign(syncDomainUriSet.begin(), syncDomainUriSet.end());
+    }
+    for (const std::string& domainUri : domainUris) {
         cJSON* item = cJSON_CreateString(domainUri.c_str());
         if (!item) {
             cJSON_Delete(ownUri);

@@ -8,12 +8,18 @@
 // on "http://" + remoteHost through its own resource manager proxy, and keeps
 // the record of which sync domains have placed requirements on the device.
 //
-// Threads: no lock. A sync domain calls one proxy from at most one pool task
-// at a time; callers sharing a proxy between threads serialise their calls.
+// Threads: safe to call from any number of threads at once (several domains'
+// pool tasks, tasks a failed fan-out left running, the caller's own threads).
+// Requests go through the resource manager proxy, which gives each request a
+// connection of its own; the record of the domains whose requirements are in
+// force is guarded by one mutex, never held across a request. A placement
+// in flight counts as holding the device, so a conflicting placement made
+// meanwhile is refused rather than overwriting it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 
@@ -55,17 +61,23 @@ public:
 
     const std::string& getHostUrl() const { return hostUrl; }
     const std::string& getResourcePath() const { return resourcePath; }
-    std::size_t syncDomainCount() const { return syncDomainUriSet.size(); }
+    std::size_t syncDomainCount() const;
 
 private:
     void splitUri();
+    // Raises the conflict error unless the requirements agree with those in
+    // force (or none are); called with requirementsMutex held.
+    void checkAgreesWithRequirementsInForce(std::uint32_t newMaxOffset_ns, std::uint32_t newMinSyncDuration_ms,
+                                            const std::string& newTimescaleUri, const std::string& syncDomainUri) const;
     // GETs the device resource and validates the answer strictly.
     std::string fetchValidResource(const char* invalidJsonMessage);
 
     std::string uri;
     std::string hostUrl;
     std::string resourcePath;
+    mutable std::mutex requirementsMutex;  // guards the next five members
     std::unordered_set<std::string, Fnv1aHash> syncDomainUriSet;
+    unsigned placementsInFlight = 0;
     std::uint32_t maxOffset_ns = 0;
     std::uint32_t minSyncDuration_ms = 0;
     std::string requiredTimescaleUri;

@@ -150,6 +150,8 @@ ChassisSimulator::ChassisSimulator(std::string plugin, SimulatorOptions options)
 
 ChassisSimulator::~ChassisSimulator() { stop(); }
 
+std::uint64_t ChassisSimulator::acceptedConnectionCount() const { return acceptedConnections_.load(); }
+
 void ChassisSimulator::start() {
     std::lock_guard<std::mutex> lifecycle(lifecycle_);
     {
@@ -160,7 +162,7 @@ void ChassisSimulator::start() {
 
     auto server = std::make_unique<httplib::Server>();
     const std::size_t maxWorkers = options_.maxWorkers;
-    server->new_task_queue = [maxWorkers] { return new WorkerPool(maxWorkers); };
+    server->new_task_queue = [this, maxWorkers] { return new WorkerPool(maxWorkers, &acceptedConnections_); };
     auto listeningSocket = std::make_shared<int>(-1);
     server->set_socket_options([listeningSocket](socket_t sock) {
         httplib::default_socket_options(sock);

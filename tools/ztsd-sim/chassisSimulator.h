@@ -50,6 +50,7 @@
 // default, since writes to a closed peer must not kill the test.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -154,6 +155,7 @@ public:
     std::uint32_t coherencyLossCount(const std::string& name) const;
     std::uint64_t getCountOf(const std::string& name) const;     // GETs of the device resource answered or held
     std::uint64_t putCountOf(const std::string& name) const;     // PUTs of the device resource answered or held
+    std::uint64_t acceptedConnectionCount() const;               // TCP connections this server accepted
 
     void setFault(const std::string& pathPrefix, const Fault& fault);
     void clearFault(const std::string& pathPrefix);
@@ -193,6 +195,7 @@ private:
     const std::string plugin_;
     const SimulatorOptions options_;
 
+    std::atomic<std::uint64_t> acceptedConnections_{0};
     mutable std::mutex mutex_;                   // guards everything below
     std::condition_variable released_;           // held requests wait on it
     bool started_ = false;

@@ -4,11 +4,13 @@
 
 namespace ztsdsim {
 
-WorkerPool::WorkerPool(std::size_t maxThreads) : maxThreads_(std::max<std::size_t>(1, maxThreads)) {}
+WorkerPool::WorkerPool(std::size_t maxThreads, std::atomic<std::uint64_t>* accepted)
+    : maxThreads_(std::max<std::size_t>(1, maxThreads)), accepted_(accepted) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
 void WorkerPool::enqueue(std::function<void()> job) {
+    if (accepted_) accepted_->fetch_add(1);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         jobs_.push_back(std::move(job));

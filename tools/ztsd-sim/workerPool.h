@@ -12,7 +12,9 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -24,7 +26,8 @@ namespace ztsdsim {
 
 class WorkerPool : public httplib::TaskQueue {
 public:
-    explicit WorkerPool(std::size_t maxThreads);
+    // accepted, when given, counts the jobs: one per accepted connection.
+    explicit WorkerPool(std::size_t maxThreads, std::atomic<std::uint64_t>* accepted = nullptr);
     ~WorkerPool() override;
 
     void enqueue(std::function<void()> job) override;
@@ -37,6 +40,7 @@ private:
     void work();
 
     const std::size_t maxThreads_;
+    std::atomic<std::uint64_t>* const accepted_;
     mutable std::mutex mutex_;                 // guards everything below
     std::condition_variable wake_;
     std::deque<std::function<void()>> jobs_;

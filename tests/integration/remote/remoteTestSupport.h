@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -53,26 +51,6 @@ inline ztsdsim::Fault status(int httpStatus) {
     ztsdsim::Fault f;
     f.httpStatus = httpStatus;
     return f;
-}
-
-// TCP sockets of this network namespace whose remote port is `port`
-// (client ends of connections to a server on that port), any state.
-inline std::size_t clientSocketsTo(std::uint16_t port) {
-    std::size_t count = 0;
-    for (const char* table : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
-        std::ifstream in(table);
-        std::string line;
-        std::getline(in, line);  // header
-        while (std::getline(in, line)) {
-            std::istringstream fields(line);
-            std::string slot, local, remote;
-            fields >> slot >> local >> remote;
-            const std::size_t colon = remote.rfind(':');
-            if (colon == std::string::npos) continue;
-            if (std::stoul(remote.substr(colon + 1), nullptr, 16) == port) ++count;
-        }
-    }
-    return count;
 }
 
 }  // namespace remotetest

@@ -75,7 +75,7 @@ TEST_F(ResourceManagerProxy, GetsAndPutsTheDeviceResource) {
 
     // Every request so far went over one connection.
     proxy->fetchResourceListing();
-    EXPECT_EQ(remotetest::clientSocketsTo(sim.port()), 1u);
+    EXPECT_EQ(sim.acceptedConnectionCount(), 1u);
 }
 
 // Statuses, stalls and refusals through every operation are the fault
@@ -99,10 +99,12 @@ TEST_F(ResourceManagerProxy, AStallEndsAtTheTimeOutAndOtherPathsStillAnswer) {
     EXPECT_NO_THROW(proxy->fetchResourceListing());
 }
 
-// Several proxies, one per thread, against one chassis at once.
+// One proxy called from several threads at once: each request has a
+// connection of its own, none fails, and afterwards a few connections stay
+// open for reuse, so sequential requests open no new ones.
 class ResourceManagerProxyConcurrency : public ResourceManagerProxy {};
 
-TEST_F(ResourceManagerProxyConcurrency, IndependentProxiesOnSeveralThreadsAllGetThrough) {
+TEST_F(ResourceManagerProxyConcurrency, OneProxyOnSeveralThreadsGivesEachRequestItsOwnConnection) {
     constexpr int kThreads = 6;
     constexpr int kRounds = 15;
     for (int t = 0; t < kThreads; ++t) sim.addDevice("d" + std::to_string(t));
@@ -111,12 +113,11 @@ TEST_F(ResourceManagerProxyConcurrency, IndependentProxiesOnSeveralThreadsAllGet
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             try {
-                CurlResourceManagerProxy own(host, 3000);
                 const std::string path = sim.deviceResourcePath("d" + std::to_string(t));
                 for (int i = 0; i < kRounds; ++i) {
-                    own.putResource(path, "{\"round\":" + std::to_string(i) + "}");
+                    proxy->putResource(path, "{\"round\":" + std::to_string(i) + "}");
                     std::string uri;
-                    ztsynctools::getStringFromJsonString(own.getResource(path), "uri", uri);
+                    ztsynctools::getStringFromJsonString(proxy->getResource(path), "uri", uri);
                     if (uri != path) ++failures;
                 }
             } catch (...) {
@@ -132,4 +133,9 @@ TEST_F(ResourceManagerProxyConcurrency, IndependentProxiesOnSeveralThreadsAllGet
         EXPECT_EQ(sim.getCountOf(name), static_cast<std::uint64_t>(kRounds));
         EXPECT_EQ(sim.requirementsOf(name), "{\"round\":" + std::to_string(kRounds - 1) + "}");
     }
+    const auto opened = sim.acceptedConnectionCount();
+    EXPECT_LE(opened, static_cast<std::uint64_t>(kThreads));
+    EXPECT_LE(proxy->idleClientCount(), CurlResourceManagerProxy::kMaxIdleClients);
+    for (int i = 0; i < 5; ++i) proxy->fetchResourceListing();
+    EXPECT_EQ(sim.acceptedConnectionCount(), opened);
 }
