@@ -54,16 +54,37 @@ void CompletionSignal::waitFor(const void* task, std::uint64_t seen, std::chrono
     awaited = nullptr;
 }
 
+bool TaskLifeline::enter() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!open) return false;
+    ++inside;
+    return true;
+}
+
+void TaskLifeline::leave() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (--inside == 0) allLeft.notify_all();
+}
+
+void TaskLifeline::close() {
+    std::unique_lock<std::mutex> lock(mutex);
+    open = false;
+    allLeft.wait(lock, [this] { return inside == 0; });
+}
+
 void TaskBase::run() {
+    if (abandoned.load(std::memory_order_acquire)) return;
+    if (!lifeline->enter()) return;
     try {
         work();
     } catch (...) {
         errorHolder = std::current_exception();
     }
-    // The pool owns this task until run() returns, so the signal is still
-    // here after done is published.
+    // The pool owns this task until run() returns, so the signal and the
+    // lifeline are still here after done is published.
     done.exchange(1, std::memory_order_acq_rel);
-    if (signal) signal->notify(this);
+    signal->notify(this);
+    lifeline->leave();
 }
 
 void GetMemberJsonTask::work() {
@@ -107,33 +128,18 @@ void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const Com
 
 }  // namespace
 
-void finishUnfinishedTasks(UnfinishedTasks& unfinished) {
-    for (const auto& task : unfinished.tasks) {
-        for (;;) {
-            const std::uint64_t seen = unfinished.signal->count();
-            if (task->isDone()) break;
-            unfinished.signal->waitFor(task.get(), seen, kPollInterval);
-        }
-    }
-    unfinished = UnfinishedTasks{};
-}
-
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
                       ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
-                      const std::string& syncDomainUri, UnfinishedTasks& unfinished) {
-    for (const auto& task : unfinished.tasks) awaitDone(*task, timer, *unfinished.signal, syncDomainUri);
-    unfinished = UnfinishedTasks{};
-
-    for (const auto& task : tasks) pool.submit(task);
+                      const std::string& syncDomainUri) {
     try {
+        for (const auto& task : tasks) pool.submit(task);
         for (const auto& task : tasks) {
             awaitDone(*task, timer, *signal, syncDomainUri);
             if (task->error()) raiseMemberFailure(task->error(), syncDomainUri);
         }
     } catch (...) {
-        unfinished.signal = signal;
         for (const auto& task : tasks)
-            if (!task->isDone()) unfinished.tasks.push_back(task);
+            if (!task->isDone()) task->abandon();
         throw;
     }
 }

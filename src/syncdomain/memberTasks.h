@@ -4,13 +4,20 @@
 // Threads: a task is written by the pool thread that runs it and read by the
 // domain's thread only after it has seen `done` set (an atomic exchange that
 // the writer makes after storing its result or error). The completion signal
-// is the only object both sides lock; it wakes the waiting thread as soon as
-// the task it waits for ends, so a fan-out costs the slowest member's time
-// rather than that plus a polling step. Tasks that end while the waiter waits
-// for another one only count, without waking it: the waiter looks at them
-// when it gets to them, and a burst of N answers costs one wake-up instead of
-// N. The waiter still polls every 50 ms, so a pool that runs tasks inside
-// submit() works as well.
+// wakes the waiting thread as soon as the task it waits for ends, so a
+// fan-out costs the slowest member's time rather than that plus a polling
+// step. Tasks that end while the waiter waits for another one only count,
+// without waking it: the waiter looks at them when it gets to them, and a
+// burst of N answers costs one wake-up instead of N. The waiter still polls
+// every 50 ms, so a pool that runs tasks inside submit() works as well.
+//
+// Lifetime: every task of a domain holds the domain's lifeline. A task enters
+// it before touching its member and leaves it when it is done; once the
+// domain has closed its lifeline (in its destructor) a task that has not
+// started does nothing at all when the pool finally runs it, and the domain
+// waits only for the tasks already inside a member (each bounded by its
+// device's request time-out). A failed fan-out abandons its tasks: those not
+// yet started skip their member, so a failure sends no further traffic.
 #pragma once
 
 #include <atomic>
@@ -48,14 +55,38 @@ private:
     mutable bool awaitedEnded = false;
 };
 
+// Whether a domain still exists, and how many of its tasks are inside a
+// member right now. Shared by the domain and each of its tasks.
+class TaskLifeline {
+public:
+    // Before a task touches its member: false once the domain has closed
+    // the lifeline, and the task must then touch nothing of the domain.
+    bool enter();
+    // After the task has published its result and signalled.
+    void leave();
+    // The domain is going: no task enters from now on; returns when no task
+    // is inside any more.
+    void close();
+
+private:
+    std::mutex mutex;
+    std::condition_variable allLeft;
+    bool open = true;
+    unsigned inside = 0;
+};
+
 class TaskBase : public ThreadPoolInterface::TaskInterface {
 public:
-    explicit TaskBase(std::shared_ptr<CompletionSignal> signal) : signal(std::move(signal)) {}
-    // Runs the work, keeps any error, then sets done and signals.
+    TaskBase(std::shared_ptr<TaskLifeline> lifeline, std::shared_ptr<CompletionSignal> signal)
+        : lifeline(std::move(lifeline)), signal(std::move(signal)) {}
+    // Unless abandoned or its domain is gone: runs the work, keeps any
+    // error, then sets done and signals.
     void run() final;
     bool isDone() const noexcept { return done.load(std::memory_order_acquire) != 0; }
     // The error the work raised; read only once isDone().
     std::exception_ptr error() const noexcept { return errorHolder; }
+    // Nobody waits for this task any more: if it has not started, it never will.
+    void abandon() noexcept { abandoned.store(true, std::memory_order_release); }
 
 protected:
     virtual void work() = 0;
@@ -63,14 +94,16 @@ protected:
 private:
     std::exception_ptr errorHolder;
     std::atomic<std::uint32_t> done{0};
+    std::atomic<bool> abandoned{false};
+    std::shared_ptr<TaskLifeline> lifeline;
     std::shared_ptr<CompletionSignal> signal;
 };
 
 class CheckMemberCoherencyStateTask : public TaskBase {
 public:
-    CheckMemberCoherencyStateTask(std::shared_ptr<CompletionSignal> signal, std::string memberUri,
-                                  SyncableDeviceInterface& member)
-        : TaskBase(std::move(signal)), memberUri(std::move(memberUri)), member(member) {}
+    CheckMemberCoherencyStateTask(std::shared_ptr<TaskLifeline> lifeline, std::shared_ptr<CompletionSignal> signal,
+                                  std::string memberUri, SyncableDeviceInterface& member)
+        : TaskBase(std::move(lifeline), std::move(signal)), memberUri(std::move(memberUri)), member(member) {}
 
     const std::string memberUri;
     bool isCoherent = false;
@@ -85,8 +118,9 @@ private:
 
 class GetMemberJsonTask : public TaskBase {
 public:
-    GetMemberJsonTask(std::shared_ptr<CompletionSignal> signal, SyncableDeviceInterface& member)
-        : TaskBase(std::move(signal)), member(member) {}
+    GetMemberJsonTask(std::shared_ptr<TaskLifeline> lifeline, std::shared_ptr<CompletionSignal> signal,
+                      SyncableDeviceInterface& member)
+        : TaskBase(std::move(lifeline), std::move(signal)), member(member) {}
 
     // The member's JSON; or {"uri":..,"error":..} when it failed; or
     // {"uri":..} when the task never produced anything.
@@ -101,29 +135,15 @@ private:
     std::string result;
 };
 
-// The tasks of a failed fan-out that were still running when it failed.
-// Each uses its member's device, and a device is asked from one task at a
-// time (device proxies are not safe for concurrent use), so the domain's
-// next fan-out waits for these before it submits anything.
-struct UnfinishedTasks {
-    std::shared_ptr<CompletionSignal> signal;  // theirs
-    std::vector<std::shared_ptr<TaskBase>> tasks;
-};
-
-// Waits, with no time limit, until every unfinished task is done (each is
-// bounded by its device's own request time-out). For the domain's
-// destructor: the caller may release the devices once the domain is gone.
-void finishUnfinishedTasks(UnfinishedTasks& unfinished);
-
-// First waits, under the same timer, for the unfinished tasks of an earlier
-// fan-out (an expired timer fails as below and keeps them). Then submits the
-// tasks in order and waits for each in order: an expired timer fails with
-// ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
-// ztapalerr_communicationsFault and that error nested. Tasks still running
-// when it fails are left to the pool, which owns them too, and recorded in
-// `unfinished`.
+// Submits the tasks in order and waits for each in order: an expired timer
+// fails with ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
+// ztapalerr_communicationsFault and that error nested. When it fails, for
+// those reasons or because submit() threw part-way, every task not yet done
+// is abandoned: the pool still owns the submitted ones, a running one
+// finishes its request, one not yet started does nothing. Devices are safe
+// to ask from several threads, so the next fan-out does not wait for them.
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
                       ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
-                      const std::string& syncDomainUri, UnfinishedTasks& unfinished);
+                      const std::string& syncDomainUri);
 
 }  // namespace ztsdlib

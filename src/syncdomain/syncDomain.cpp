@@ -1,6 +1,9 @@
 #include "syncdomain/syncDomain.h"
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
+#include <thread>
 
 #include "errors/exception.h"
 #include "syncdomain/domainChecks.h"
@@ -34,7 +37,7 @@ SyncDomain::SyncDomain(std::string uriText, TimescaleInterface& timescale, std::
                        "},\"data\":{}}";
 }
 
-SyncDomain::~SyncDomain() { finishUnfinishedTasks(unfinished); }
+SyncDomain::~SyncDomain() { lifeline->close(); }
 
 bool SyncDomain::isMember(const std::string& deviceUri) const { return members.count(deviceUri) != 0; }
 
@@ -58,10 +61,10 @@ SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& tim
     checks.reserve(members.size());
     tasks.reserve(members.size());
     for (auto& [memberUri, member] : members) {
-        checks.push_back(std::make_shared<CheckMemberCoherencyStateTask>(signal, memberUri, *member.device));
+        checks.push_back(std::make_shared<CheckMemberCoherencyStateTask>(lifeline, signal, memberUri, *member.device));
         tasks.push_back(checks.back());
     }
-    awaitMemberTasks(*threadPool, tasks, timer, signal, uri, unfinished);
+    awaitMemberTasks(*threadPool, tasks, timer, signal, uri);
     CheckResults results;
     results.reserve(checks.size());
     for (const auto& check : checks) results[check->memberUri] = {check->isCoherent, check->coherencyLossCount};
@@ -73,10 +76,10 @@ std::vector<std::string> SyncDomain::getMemberJsons(ztsdtools::MonotonicTimer& t
     std::vector<std::shared_ptr<GetMemberJsonTask>> jsonTasks;
     std::vector<std::shared_ptr<TaskBase>> tasks;
     for (auto& entry : members) {
-        jsonTasks.push_back(std::make_shared<GetMemberJsonTask>(signal, *entry.second.device));
+        jsonTasks.push_back(std::make_shared<GetMemberJsonTask>(lifeline, signal, *entry.second.device));
         tasks.push_back(jsonTasks.back());
     }
-    awaitMemberTasks(*threadPool, tasks, timer, signal, uri, unfinished);
+    awaitMemberTasks(*threadPool, tasks, timer, signal, uri);
     std::vector<std::string> texts;
     texts.reserve(jsonTasks.size());
     for (const auto& task : jsonTasks) texts.push_back(task->text());
@@ -129,24 +132,34 @@ void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, s
     }
     startTimeout_s = timeout_s;
     ztsdtools::MonotonicTimer timer(static_cast<std::int64_t>(timeout_s) * 1000);
-    do {
+    for (;;) {
+        const ztsdtools::MonotonicStopWatch pass;
         const CheckResults results = checkMembers(timer);
         saveAsStartAndLastCheck(results);
         isCoherentLatch = true;
         for (const auto& entry : results) {
             if (entry.second.first) continue;
-            if (timer.hasExpired()) {
-                zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut),
-                             zterr::code::ztapalerr_operationTimedOut, kDebug,
-                             {{"message", "Timed out while waiting for one or more syncable devices to respond."},
-                              {"syncDomainUri", uri},
-                              {"timeoutInSeconds", startTimeout_s}});
-            }
+            if (timer.hasExpired()) raiseStartTimedOut();
             isCoherentLatch = false;
             break;
         }
-    } while (!isCoherentLatch);
+        if (isCoherentLatch) break;
+        // Not coherent yet: the next pass starts kPassSpacing_ms after this
+        // one did, or as soon as the timer runs out, which ends the start
+        // with the same error as a pass that ends after it.
+        const std::int64_t pause_ms = std::min(kPassSpacing_ms - pass.elapsed_ms(), timer.timeout() - timer.elapsed_ms());
+        if (pause_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+        if (timer.hasExpired()) raiseStartTimedOut();
+    }
     isDomainRunning = true;
+}
+
+void SyncDomain::raiseStartTimedOut() const {
+    zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut), zterr::code::ztapalerr_operationTimedOut,
+                 kDebug,
+                 {{"message", "Timed out while waiting for one or more syncable devices to respond."},
+                  {"syncDomainUri", uri},
+                  {"timeoutInSeconds", startTimeout_s}});
 }
 
 bool SyncDomain::isCoherent() {

@@ -5,13 +5,21 @@
 // time. Parallel work happens only inside a fan-out, whose tasks touch their
 // own member and their own result; the domain reads the results after all
 // tasks are done (see memberTasks.h). A fan-out that fails leaves the tasks
-// still running to the pool; the next fan-out waits for them first, so a
-// member's device is never asked twice at once; the destructor waits for
-// them too, since the caller may release the devices right after it.
+// still running to the pool and abandons the others; the next fan-out asks
+// every member at once (devices are safe to ask from several threads). The
+// destructor closes the domain's task lifeline: tasks that have not started
+// never touch anything of the domain, and it waits only for those inside a
+// member, since the caller may release the devices right after it.
+//
+// A waiting start runs passes until every member is coherent; two passes
+// start at least kPassSpacing_ms apart, so a chassis that is slow to lock is
+// asked about 20 times a second at most, not as fast as it answers. The pause
+// ends at once when the start's timer runs out.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -29,6 +37,8 @@ class SyncDomain : public SyncDomainInterface {
 public:
     // Member checks outside a waiting start wait this long.
     static constexpr std::int64_t kCheckTimeout_ms = 10000;
+    // The least time between the starts of two passes of a waiting start.
+    static constexpr std::int64_t kPassSpacing_ms = 50;
 
     struct MemberState {
         bool isCoherentAtStart = false;
@@ -39,8 +49,8 @@ public:
 
     SyncDomain(std::string uri, TimescaleInterface& timescale, std::uint32_t maxOffset_ns,
                std::uint32_t minSyncDuration_ms, ThreadPoolInterface* threadPool);
-    // Waits for the tasks a failed fan-out left running, so that none is
-    // inside a member's device once the domain is gone.
+    // Tasks not yet started will do nothing; waits for those inside a
+    // member's device, so that none is inside one once the domain is gone.
     ~SyncDomain() override;
 
     bool isMember(const std::string& deviceUri) const override;
@@ -71,6 +81,7 @@ private:
     CheckResults checkMembers(ztsdtools::MonotonicTimer& timer);
     std::vector<std::string> getMemberJsons(ztsdtools::MonotonicTimer& timer);
     void saveAsStartAndLastCheck(const CheckResults& results);
+    [[noreturn]] void raiseStartTimedOut() const;
 
     bool isDomainRunning = false;
     bool isCoherentLatch = false;
@@ -82,8 +93,8 @@ private:
     std::unordered_map<std::string, Member> members;
     ThreadPoolInterface* threadPool;
     std::uint32_t startTimeout_s = 10;
-    // Tasks a failed fan-out left running; the next fan-out waits for them.
-    UnfinishedTasks unfinished;
+    // Shared with every task this domain submits.
+    std::shared_ptr<TaskLifeline> lifeline = std::make_shared<TaskLifeline>();
 };
 
 }  // namespace ztsdlib

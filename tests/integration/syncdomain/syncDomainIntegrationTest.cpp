@@ -2,10 +2,12 @@
 // own HTTP server on 127.0.0.1, on the library's pool, through the exports.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "syncdomain/libraryThreadPool.h"
@@ -73,11 +75,36 @@ TEST_F(DomainOfChassis, PlacesRequirementsOnEveryChassisAndStartsInEachMode) {
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         sims[1]->setCoherent("chassis1", true);
     });
+    const auto before = sims[1]->getCountOf("chassis1");
+    const auto began = std::chrono::steady_clock::now();
     EXPECT_TRUE(domain->start(5));  // waiting: passes until chassis1 comes round
+    const auto took_ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began).count();
     recover.join();
-    EXPECT_GE(sims[1]->getCountOf("chassis1"), 3u);
+    // Passes start at least 50 ms apart: one at once, then one per 50 ms.
+    const auto gets = sims[1]->getCountOf("chassis1") - before;
+    EXPECT_GE(gets, 2u);
+    EXPECT_LE(gets, static_cast<std::uint64_t>(took_ms / 50 + 1)) << took_ms << " ms";
     EXPECT_TRUE(domain->isCoherent());
     EXPECT_TRUE(domain->isCoherentSinceLastChecked());
+}
+
+// A chassis slow to lock is asked about 20 times a second, not as fast as it
+// answers, and the start's time-out still comes on time.
+TEST_F(DomainOfChassis, AWaitingStartPacesItsPassesAndTimesOutOnTime) {
+    sims[1]->setCoherent("chassis1", false);
+    const auto began = std::chrono::steady_clock::now();
+    auto timedOut = captureRaise([&] { domain->start(1); });
+    const auto took = std::chrono::steady_clock::now() - began;
+    EXPECT_EQ(timedOut.code, -52007);
+    EXPECT_EQ(timedOut.number("ztsyncdomain_debug", "timeoutInSeconds"), 1);
+    EXPECT_GE(took, std::chrono::milliseconds(1000));
+    EXPECT_LT(took, std::chrono::milliseconds(1050));
+    for (int i = 0; i < kChassis; ++i) {
+        const auto gets = sims[i]->getCountOf("chassis" + std::to_string(i));
+        EXPECT_GE(gets, 15u) << i;
+        EXPECT_LE(gets, 25u) << i;
+    }
 }
 
 TEST_F(DomainOfChassis, ALossOnOneMemberIsFinalForIsCoherentAndReportedOnceSinceLastCheck) {
@@ -175,4 +202,55 @@ TEST_F(DomainOfChassis, WorksThroughTheCInterfaceOnTheLibraryPool) {
     ztsdlib_SyncableDevice_delete(dev);
     ztsdlib_Timescale_delete(ts);
     ztsdlib_ThreadPool_delete(cPool);
+}
+
+// One device proxy in two domains and in the caller's own hands. Domain A's
+// start times out on a stalled request, which its pool task keeps waiting
+// on; meanwhile domain B's start and direct calls on the same proxy from
+// other threads all succeed at once, each on a connection of its own (run
+// under ThreadSanitizer too: no race on the proxy's state).
+TEST(SharedDeviceConcurrency, AStalledLeftoverRequestNeitherFailsNorDelaysOtherUsersOfTheDevice) {
+    ztsdsim::ChassisSimulator sim;
+    sim.start();
+    ztsdlib::SyncableDeviceProxy device(sim.addDevice("chassis0"), 3000);
+    ztsdlib::HostTimescale timescale{"/localhost/ztsds/timescales/system"};
+    ztsdlib::LibraryThreadPool pool{4};
+    auto domainA = std::make_unique<ztsdlib::SyncDomain>("/domains/a", timescale, 1000, 200, &pool);
+    auto domainB = std::make_unique<ztsdlib::SyncDomain>("/domains/b", timescale, 1000, 200, &pool);
+    domainA->addSyncableDevice(&device);
+    domainB->addSyncableDevice(&device);
+    EXPECT_EQ(device.syncDomainCount(), 2u);
+
+    ztsdsim::Fault stallOnce;
+    stallOnce.stall = true;
+    stallOnce.remaining = 1;
+    sim.setFault("", stallOnce);
+    const auto timedOut = captureRaise([&] { domainA->start(1); });
+    EXPECT_EQ(timedOut.code, -52007);
+    EXPECT_EQ(timedOut.number("ztsyncdomain_debug", "timeout_ms"), 1000);
+
+    const auto began = std::chrono::steady_clock::now();
+    std::atomic<int> failures{0};
+    std::vector<std::thread> callers;
+    callers.emplace_back([&] {
+        if (!domainB->start(5) || !domainB->isCoherentSinceLastChecked()) ++failures;
+    });
+    for (int t = 0; t < 2; ++t) {
+        callers.emplace_back([&] {
+            for (int i = 0; i < 10; ++i) {
+                std::uint32_t losses = 99;
+                if (!device.isCoherent(&losses) || losses != 0) ++failures;
+                if (device.toJson().find("\"/domains/b\"") == std::string::npos) ++failures;
+            }
+        });
+    }
+    for (auto& c : callers) c.join();
+    const auto took = std::chrono::steady_clock::now() - began;
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_LT(took, std::chrono::milliseconds(1500));  // nobody waited for the stalled request
+    EXPECT_TRUE(domainA->start(5));  // A itself recovers at once as well
+
+    sim.stop();  // ends the stalled request; the domains then go without waiting long
+    domainA.reset();
+    domainB.reset();
 }

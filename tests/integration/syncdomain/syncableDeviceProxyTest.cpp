@@ -113,7 +113,8 @@ TEST_F(DeviceProxy, RejectsMalformedRequirementsWithTheirOwnMessagesBeforeSendin
          "SyncableDeviceProxy: maxOffset_ns key not found in coherencyRequirements"},
         {"{\"coherencyRequirements\":{\"maxOffset_ns\":1,\"minSyncDuration_ms\":1}}", -52005,
          "SyncableDeviceProxy: requiredTimescaleUri key not found in coherencyRequirements"},
-        {"{\"coherencyRequirements\":{\"maxOffset_ns\":\"1\"}}", -52004, ""},
+        {"{\"coherencyRequirements\":{\"maxOffset_ns\":\"1\"}}", -52004,
+         "Error parsing: expected data type does not match the parsed value."},
     };
     for (const auto& m : malformed) {
         auto refused = captureRaise([&] { proxy->setCoherencyRequirements(m.json, "/d"); });
@@ -150,7 +151,8 @@ TEST_F(DeviceProxy, ReadsCoherencyAndLossCountAndChecksTheAnswerFirst) {
         {"{\"version\":1,\"coherencyLossCount\":1}", -52005, "Remote syncable device did not specify its coherency state."},
         {"{\"version\":1,\"isCoherent\":true}", -52005,
          "Remote syncable device did not specify the number of times it has lost coherency."},
-        {"{\"version\":1,\"isCoherent\":1,\"coherencyLossCount\":1}", -52004, ""},
+        {"{\"version\":1,\"isCoherent\":1,\"coherencyLossCount\":1}", -52004,
+         "Error parsing: expected data type does not match the parsed value."},
     };
     ztsdsim::Fault fault;
     fault.hasRawBody = true;
