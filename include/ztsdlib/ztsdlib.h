@@ -39,9 +39,13 @@
  *   caller releases with free().
  *
  * Threads
- *   No export takes a lock of its own. Timescale exports may be called from
- *   any number of threads at once on one handle. The other families state
- *   what they allow where they are declared.
+ *   Timescale and syncable device exports may be called from any number of
+ *   threads at once on one handle: a device handle may belong to several
+ *   domains, be asked by tasks a failed domain check left running, and be
+ *   called directly, all at the same time; each request then goes over a
+ *   connection of its own, so a stalled request never makes another call
+ *   fail or wait. The other families state what they allow where they are
+ *   declared.
  *
  * No C++ exception ever leaves this library.
  */
@@ -220,8 +224,8 @@ ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator
  * A remote syncable device, named by its URI
  *   /<remoteHost>/ztsdwebs/resources/<plugin>/syncableDevices/<name>
  * and reached over HTTP at http://<remoteHost>/ztsdwebs/resources/... .
- * Creating one sends nothing. A device handle is used from one thread at a
- * time (a sync domain asks it from one pool task at a time).
+ * Creating one sends nothing. Safe to call from several threads at once
+ * (see Threads above); it keeps a few idle connections for reuse.
  */
 ZTSDLIB_API ztsdlib_SyncableDevice* ztsdlib_SyncableDeviceProxy_create(const char* uri, zterr_Status* status);
 /* Places a domain's requirements document on the device; refused with
@@ -259,7 +263,11 @@ ZTSDLIB_API void ztsdlib_ThreadPool_delete(void* pool);
  * members in parallel on the pool given at creation (a
  * ztsdlib::ThreadPoolInterface*, or the result of ztsdlib_ThreadPool_create).
  * timescale is read once for its URI and not kept. Member checks time out
- * after 10000 ms; a waiting start uses timeout_s for all its passes.
+ * after 10000 ms; a waiting start uses timeout_s for all its passes, which
+ * start at least 50 ms apart, and fails within about 50 ms of timeout_s.
+ * Deleting a domain never waits for tasks the pool has not started (they
+ * then do nothing); it waits only for member requests already under way,
+ * each bounded by the HTTP time-out.
  */
 ZTSDLIB_API ztsdlib_SyncDomain* ztsdlib_SyncDomain_create(const char* uri, ztsdlib_Timescale* timescale,
                                                           uint32_t maxOffset_ns, uint32_t minSyncDuration_ms,
