@@ -11,6 +11,10 @@
 //    as little CPU as an HTTP server can (one event loop thread per chassis,
 //    Boost.Beast, a timer for the latency, a fixed coherent device answer),
 //    so that what remains is the library's fan-out and HTTP client.
+//  - BM_BareCurlGetsOnLeanChassis: the baseline for the one above, in the
+//    same run: the same N GETs sent at the same moment by N threads, each with
+//    its own bare libcurl easy handle and kept-alive connection. The ratio of
+//    the two medians is what the domain adds to N plain parallel GETs.
 #include <benchmark/benchmark.h>
 
 #include <boost/asio.hpp>
@@ -18,14 +22,18 @@
 #include <boost/beast/http.hpp>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "remote/curlLibrary.h"
 #include "syncdomain/libraryThreadPool.h"
 #include "syncdomain/syncDomain.h"
 #include "syncdomain/syncableDeviceProxy.h"
@@ -131,8 +139,73 @@ private:
 
     asio::io_context io;
     tcp::acceptor acceptor;
-    std::uint16_t port = 0;
     std::thread loop;
+
+public:
+    std::uint16_t port = 0;
+};
+
+std::size_t discardBody(char*, std::size_t size, std::size_t count, void*) { return size * count; }
+
+// N threads, each with a bare libcurl handle for one URL, that each send one
+// GET whenever round() is called; round() returns when all have answered.
+class ParallelBareGets {
+public:
+    explicit ParallelBareGets(const std::vector<std::string>& urls) : api(zt::vela::shared::CurlApi::system()) {
+        for (const std::string& url : urls) {
+            CURL* handle = api->easy_init();
+            if (!handle) throw std::runtime_error("curl_easy_init failed");
+            api->easy_setopt(handle, CURLOPT_URL, url.c_str());
+            api->easy_setopt(handle, CURLOPT_WRITEFUNCTION, &discardBody);
+            api->easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+            handles.push_back(handle);
+        }
+        for (CURL* handle : handles) workers.emplace_back([this, handle] { serve(handle); });
+    }
+    ~ParallelBareGets() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+        }
+        go.notify_all();
+        for (auto& w : workers) w.join();
+        for (CURL* handle : handles) api->easy_cleanup(handle);
+    }
+    void round() {
+        std::unique_lock<std::mutex> lock(mutex);
+        answered = 0;
+        ++generation;
+        go.notify_all();
+        done.wait(lock, [this] { return answered == handles.size(); });
+        if (failed) throw std::runtime_error("curl_easy_perform failed");
+    }
+
+private:
+    void serve(CURL* handle) {
+        std::uint64_t seen = 0;
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                go.wait(lock, [&] { return stopping || generation != seen; });
+                if (stopping) return;
+                seen = generation;
+            }
+            const bool ok = api->easy_perform(handle) == CURLE_OK;
+            std::lock_guard<std::mutex> lock(mutex);
+            if (!ok) failed = true;
+            if (++answered == handles.size()) done.notify_one();
+        }
+    }
+
+    std::shared_ptr<const zt::vela::shared::CurlApi> api;
+    std::vector<CURL*> handles;
+    std::vector<std::thread> workers;
+    std::mutex mutex;
+    std::condition_variable go, done;
+    std::uint64_t generation = 0;
+    std::size_t answered = 0;
+    bool failed = false;
+    bool stopping = false;
 };
 
 // Times isCoherentSinceLastChecked on a started domain of one device per
@@ -175,6 +248,19 @@ void BM_IsCoherentSinceLastCheckedOnLeanChassis(benchmark::State& state) {
     timeDomainChecks(state, [&](int m) { return chassis[m % chassis.size()]->deviceUri("chassis" + std::to_string(m)); });
 }
 
+void BM_BareCurlGetsOnLeanChassis(benchmark::State& state) {
+    std::vector<std::unique_ptr<LeanChassis>> chassis;
+    for (int c = 0; c < chassisFor(state); ++c) chassis.push_back(std::make_unique<LeanChassis>());
+    std::vector<std::string> urls;
+    for (int m = 0; m < state.range(0); ++m)
+        urls.push_back("http://127.0.0.1:" + std::to_string(chassis[m % chassis.size()]->port) +
+                       "/ztsdwebs/resources/ztsd/syncableDevices/chassis" + std::to_string(m));
+    ParallelBareGets gets(urls);
+    gets.round();  // connect outside the timing, as the domain's start does
+    for (auto _ : state) gets.round();
+    state.counters["members"] = static_cast<double>(state.range(0));
+}
+
 // Domains of 1, 16, 64 and 256 members, wall time, median of 5 runs.
 void domainSizes(benchmark::internal::Benchmark* b) {
     b->Arg(1)->Arg(16)->Arg(64)->Arg(256);
@@ -185,3 +271,4 @@ void domainSizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_IsCoherentSinceLastChecked)->Apply(domainSizes);
 BENCHMARK(BM_IsCoherentSinceLastCheckedOnLeanChassis)->Apply(domainSizes);
+BENCHMARK(BM_BareCurlGetsOnLeanChassis)->Apply(domainSizes);

@@ -212,6 +212,13 @@ void tCURL::setOptions(bool upload, const std::string& url, curl_slist* headers)
     ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_HTTPHEADER, headerList.get())", CURLOPT_HTTPHEADER, headers);
     ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_ERRORBUFFER, errbuf)", CURLOPT_ERRORBUFFER,
                 static_cast<char*>(errbuf));
+    // A PUT body's length, so that it is sent with Content-Length rather than
+    // chunked; -1 (unknown) for a GET, which sends none.
+    const curl_off_t uploadSize = upload ? static_cast<curl_off_t>(putTextBuffer.text.size()) : curl_off_t{-1};
+    ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_INFILESIZE_LARGE, uploadSize)", CURLOPT_INFILESIZE_LARGE,
+                uploadSize);
+    // "" switches proxies off, those named in the environment included.
+    ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_PROXY, \"\")", CURLOPT_PROXY, "");
 #undef ZTSD_SETOPT
 }
 
@@ -347,6 +354,10 @@ void tCURL::request(bool upload, const std::string& body, std::string& result) {
     HeaderList headerList(*_api, _connection);
     headerList.append("Accept: " + _mediaType);
     headerList.append("Content-Type: " + _mediaType);
+    // Not a header sent: it removes the "Expect: 100-continue" that libcurl
+    // adds to uploads, and with it the wait for an interim answer that many
+    // servers never give.
+    if (upload) headerList.append("Expect:");
     headerList.markAttached();
     setOptions(upload, url, headerList.get());
     perform();

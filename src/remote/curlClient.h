@@ -45,6 +45,13 @@
 // consecutive requests to one host reuse the connection. Every option is
 // set again before each request, in a fixed order (see request()).
 //
+// Request framing: a PUT body goes out with its length (Content-Length),
+// never chunked and never after an "Expect: 100-continue" wait, so web
+// servers without chunked uploads or interim answers take it in one round
+// trip. Chassis traffic never goes through a proxy: libcurl's proxy settings
+// from the environment (http_proxy, ALL_PROXY...) are switched off, since
+// every setting of the library arrives as an argument.
+//
 // Time-out: _timeoutInMS bounds the whole request (connect, send, wait,
 // receive); default kDefaultTimeoutInMS. A stalled server cannot hold the
 // calling thread longer than that. CURLOPT_NOSIGNAL is set, so time-outs
@@ -69,7 +76,11 @@ constexpr const char* kVelaMediaType = "vnd.zt.vela.v0/json; charset=utf-8";
 // Default whole-request time-out.
 constexpr unsigned kDefaultTimeoutInMS = 5000;
 // The largest response body accepted; a longer one aborts the transfer.
-constexpr std::size_t kMaxResponseBytes = 64u * 1024u * 1024u;
+// Chassis replies are a few KiB (a listing of a thousand resources about
+// 100 KiB). The cap also bounds the memory a reply costs once parsed: the
+// worst case, 1 MiB of "[0,0,...]", is about half a million JSON nodes,
+// some 40 MiB, whatever a peer sends.
+constexpr std::size_t kMaxResponseBytes = 1024u * 1024u;
 
 // prefix + "/" + uri with exactly one "/" at the joint: trailing "/" of the
 // prefix and leading "/" of the uri are dropped first. An empty uri gives

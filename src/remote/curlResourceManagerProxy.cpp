@@ -40,6 +40,13 @@ std::uint32_t listingVersion(const std::string& json) {
 
 }  // namespace
 
+std::string httpHostOf(const std::string& remoteHost) {
+    const std::size_t first = remoteHost.find(':');
+    const bool bareIpv6 = first != std::string::npos && remoteHost.find(':', first + 1) != std::string::npos &&
+                          remoteHost.front() != '[';
+    return bareIpv6 ? "[" + remoteHost + "]" : remoteHost;
+}
+
 ResourceListing parseResourceListing(const std::string& listingJson, const std::string& remoteHost) {
     if (listingVersion(listingJson) != 1) {
         zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_invalidParameter),
@@ -114,7 +121,7 @@ private:
 CurlResourceManagerProxy::CurlResourceManagerProxy(std::string remoteHost, unsigned timeoutInMS,
                                                    zt::vela::shared::CurlApiSource source)
     : remoteHost_(std::move(remoteHost)),
-      prefix_("http://" + remoteHost_ + "/" + kWebServiceName),
+      prefix_("http://" + httpHostOf(remoteHost_) + "/" + kWebServiceName),
       source_(source),
       timeoutInMS_(timeoutInMS) {
     idle_.push_back(makeClient());

@@ -2,8 +2,9 @@
 // "ztsdwebs", over HTTP through tCURL and sendGetRequest/sendPutRequest.
 //
 // Addresses. Every request goes to
-//   "http://" + remoteHost + "/ztsdwebs/resources/" + <qualifier>
-// (the host exactly as given, e.g. "127.0.0.1:41234" or "[fe80::1]:80").
+//   "http://" + httpHostOf(remoteHost) + "/ztsdwebs/resources/" + <qualifier>
+// (the host as given, e.g. "127.0.0.1:41234" or "[fe80::1]:80"; a bare IPv6
+// literal such as "::1" in brackets).
 //  - listResources(q): the qualifier is q without its leading "/" ("" gives
 //    the plain ".../ztsdwebs/resources/" listing).
 //  - getResource(path) / putResource(path, json): the path names one
@@ -48,6 +49,11 @@ constexpr const char* kSyncDomainMediaType = "vnd.zt.syncDomain.v0/json; charset
 // The service name, the first path segment of every request.
 constexpr const char* kWebServiceName = "ztsdwebs";
 
+// The host as it goes into an HTTP address: a bare IPv6 literal (two or
+// more ':' and no brackets, so it cannot carry a port) in brackets, anything
+// else ("host", "host:port", "[v6]", "[v6]:port") as it is.
+std::string httpHostOf(const std::string& remoteHost);
+
 // The resources a chassis offers, by type, in the listing's order.
 struct ResourceListing {
     std::vector<std::string> syncableDevices;
@@ -87,7 +93,7 @@ public:
     ResourceListing fetchResourceListing();
 
     const std::string& remoteHost() const noexcept { return remoteHost_; }
-    // "http://" + remoteHost + "/ztsdwebs"
+    // "http://" + httpHostOf(remoteHost) + "/ztsdwebs"
     const std::string& servicePrefix() const noexcept { return prefix_; }
     void setTimeoutInMS(unsigned timeoutInMS) { timeoutInMS_.store(timeoutInMS); }
     unsigned getTimeoutInMS() const { return timeoutInMS_.load(); }

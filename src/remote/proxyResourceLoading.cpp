@@ -60,9 +60,18 @@ std::string hostPartOf(const std::string& remoteHost) {
     return remoteHost;
 }
 
+std::string withHost(const std::string& listedUri, const std::string& remoteHost) {
+    const std::size_t at = listedUri.compare(0, 1, "/") == 0 ? 1 : 0;
+    const std::string service = std::string(zt::syncdomain::kWebServiceName) + "/";
+    if (listedUri.compare(at, service.size(), service) != 0) return listedUri;
+    return "/" + remoteHost + "/" + listedUri.substr(at);
+}
+
 LoadedProxies loadProxyResources(const NetworkDeviceParams& params) {
-    const zt::syncdomain::ResourceListing listing =
+    zt::syncdomain::ResourceListing listing =
         zt::syncdomain::CurlResourceManagerProxy(params.remoteHost).fetchResourceListing();
+    for (auto* uris : {&listing.syncableDevices, &listing.timescales})
+        for (std::string& uri : *uris) uri = withHost(uri, params.remoteHost);
     if (listing.syncableDevices.empty()) {
         zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_resourceNotFound), zterr::code::ztapalerr_resourceNotFound,
                      kDebug,

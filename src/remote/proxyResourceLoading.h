@@ -16,6 +16,9 @@
 //  - Every proxy is made before anything is written to the caller: a failure
 //    releases what was made and leaves the outputs untouched. The array is
 //    allocated last, so it is never left behind either.
+//  - A listed "uri" may name its host ("/<host>/ztsdwebs/...", kept as it
+//    is) or leave it out ("/ztsdwebs/...", the chassis' own path): loading
+//    then puts "/" + remoteHost in front, the host the caller reached it by.
 //  - The URI root is remoteHost as given, wrapped in "[...]" when it holds a
 //    ":" and is not bracketed already. Both root buffers must hold the root
 //    and its terminating NUL.
@@ -56,5 +59,9 @@ struct LoadedProxies {
 // Lists the chassis and makes a device proxy and one timescale proxy per
 // listed timescale. Raises -52006 when the chassis lists no syncable device.
 LoadedProxies loadProxyResources(const NetworkDeviceParams& params);
+
+// A listed URI with its host: one that starts with the web service name
+// (with or without a leading "/") gets "/" + remoteHost in front.
+std::string withHost(const std::string& listedUri, const std::string& remoteHost);
 
 }  // namespace ztsdlib

@@ -71,7 +71,7 @@ void SyncableDeviceProxy::splitUri() {
     std::unordered_map<std::string, std::string> parts;
     ztsdtools::parseUriKeys(uri, {"remoteHost", "webService", "resource", "plugin", "type", "name"}, parts);
     remoteHost = parts["remoteHost"];
-    hostUrl = "http://" + remoteHost;
+    hostUrl = "http://" + zt::syncdomain::httpHostOf(remoteHost);
     resourcePath = "/" + parts["webService"] + "/" + parts["resource"] + "/" + parts["plugin"] + "/" +
                    parts["type"] + "/" + parts["name"];
 }

@@ -619,11 +619,14 @@ ChassisSimulator::Answer ChassisSimulator::listingLocked(const std::string& unde
     if (listingVersion_) add(answer.result.get(), "version", integer(*listingVersion_));
     cJSON* const resources = cJSON_CreateArray();
     add(answer.result.get(), "resources", resources);
+    std::size_t listed = 0;
     const auto list = [&](const std::vector<std::string>& names, const char* type) {
         for (const std::string& name : names) {
             if (resourcePath(type, name).compare(0, underPath.size(), underPath) != 0) continue;
             JsonPtr entry = makeObject();
-            const std::string uri = "/" + remoteHostLocked() + resourcePath(type, name);
+            const bool withHost = options_.listingForm == ListingForm::withHosts ||
+                                  (options_.listingForm == ListingForm::mixed && listed++ % 2 == 1);
+            const std::string uri = (withHost ? "/" + remoteHostLocked() : std::string()) + resourcePath(type, name);
             add(entry.get(), "uri", cJSON_CreateString(uri.c_str()));
             add(entry.get(), "resourceType", cJSON_CreateString(type));
             if (!cJSON_AddItemToArray(resources, entry.get())) throw std::bad_alloc();

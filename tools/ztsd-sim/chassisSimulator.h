@@ -101,12 +101,19 @@ struct RequestRecord {
     std::string body;
 };
 
+// How the listing names its resources: with the host ("/<host>/ztsdwebs/...",
+// as callers name them), by the chassis' own paths ("/ztsdwebs/...", as a
+// chassis that does not know the name it was reached by lists them), or
+// both, alternating entry by entry.
+enum class ListingForm { withHosts, pathsOnly, mixed };
+
 struct SimulatorOptions {
     std::string host = "127.0.0.1";  // address to listen on; a loopback address for tests
     std::uint16_t port = 0;          // 0 = an ephemeral port chosen by the system
     std::size_t maxWorkers = 512;    // upper bound of concurrently served connections
     int keepAliveTimeout_s = 5;      // an idle kept-alive connection closes after this
     int listenBacklog = 512;         // pending connections the kernel queues
+    ListingForm listingForm = ListingForm::withHosts;
 };
 
 class ChassisSimulator {

@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,6 +62,16 @@ int main(int argc, char** argv) {
         ->capture_default_str()->check(CLI::Range(0, 600000));
     app.add_flag("--incoherent", incoherent, "Devices start out not coherent");
     app.add_option("--max-workers", maxWorkers, "Connections served at once per chassis")->capture_default_str();
+    ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
+    const std::map<std::string, ztsdsim::ListingForm> listingForms = {
+        {"hosts", ztsdsim::ListingForm::withHosts},
+        {"paths", ztsdsim::ListingForm::pathsOnly},
+        {"mixed", ztsdsim::ListingForm::mixed}};
+    app.add_option("--listing-form", listingForm,
+                   "How the listing names resources: hosts (/<host>/ztsdwebs/...), paths (/ztsdwebs/..., "
+                   "without the host) or mixed")
+        ->transform(CLI::CheckedTransformer(listingForms, CLI::ignore_case))
+        ->default_str("hosts");
     CLI11_PARSE(app, argc, argv);
 
     if (port != 0 && port + chassisCount - 1 > 65535) {
@@ -83,6 +94,7 @@ int main(int argc, char** argv) {
             options.host = host;
             options.port = static_cast<std::uint16_t>(port == 0 ? 0 : port + c);
             options.maxWorkers = maxWorkers;
+            options.listingForm = listingForm;
             auto simulator = std::make_unique<ztsdsim::ChassisSimulator>(plugin, options);
             simulator->start();
             std::cout << "chassis " << c << " http://" << simulator->remoteHost() << "/\n";

@@ -4,7 +4,8 @@
 
 namespace ztsdsim {
 
-SimulatedChassis::SimulatedChassis(std::string plugin) : web(std::move(plugin)) {}
+SimulatedChassis::SimulatedChassis(std::string plugin, SimulatorOptions webOptions)
+    : web(std::move(plugin), std::move(webOptions)) {}
 
 SimulatedChassis::~SimulatedChassis() { stop(); }
 

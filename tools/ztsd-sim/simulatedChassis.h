@@ -21,7 +21,7 @@ namespace ztsdsim {
 
 class SimulatedChassis {
 public:
-    explicit SimulatedChassis(std::string plugin = "ztsd");
+    explicit SimulatedChassis(std::string plugin = "ztsd", SimulatorOptions webOptions = {});
     ~SimulatedChassis();  // stops
     SimulatedChassis(const SimulatedChassis&) = delete;
     SimulatedChassis& operator=(const SimulatedChassis&) = delete;

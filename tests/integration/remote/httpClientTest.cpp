@@ -10,7 +10,18 @@
 #include <string>
 #include <vector>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+
 #include "integration/remote/remoteTestSupport.h"
+#include "integration/remote/strictWebServer.h"
+#include "remote/curlResourceManagerProxy.h"
 #include "remote/curlClient.h"
 #include "remote/httpRequests.h"
 #include "unit/support/raisedError.h"
@@ -164,11 +175,10 @@ TEST_F(HttpClient, UnreadableBodiesAndMalformedEnvelopesAreInvalidResponses) {
         int jsonzError;
         const char* member;
     };
-    const std::size_t tenMiB = 10u << 20;
     const std::vector<Case> cases = {
         {"{\"result\":1} x", 9, ""},
         {std::string("{\"result\":1}\0{}", 15), 9, ""},
-        {std::string(1000000, '[') + std::string(1000000, ']'), 0, ""},  // valid, deeper than the reader goes
+        {std::string(500000, '[') + std::string(500000, ']'), 0, ""},  // valid, deeper than the reader goes
         {"{\"result\":\"\\ud800\"}", 0, ""},                               // valid, a lone surrogate
         {"{\"error\":\"bad\"}", 0, "error"},
         {"{\"error\":{\"success\":true},\"Error\":{\"success\":false,\"errorCode\":5},\"result\":1}", 0, "error"},
@@ -189,9 +199,83 @@ TEST_F(HttpClient, UnreadableBodiesAndMalformedEnvelopesAreInvalidResponses) {
         EXPECT_EQ(r.detail(kDebug, "member"), c.member);
     }
 
-    // A huge valid body goes through.
-    sim.setFault("", rawBody("{\"result\":\"" + std::string(tenMiB, 'b') + "\"}"));
-    EXPECT_EQ(clientGet().size(), tenMiB + 2);
+    // A valid body of exactly the limit goes through; one byte more aborts
+    // the transfer.
+    const std::size_t limit = zt::vela::shared::kMaxResponseBytes;
+    const std::string atLimit = "{\"result\":\"" + std::string(limit - 13, 'b') + "\"}";
+    ASSERT_EQ(atLimit.size(), limit);
+    sim.setFault("", rawBody(atLimit));
+    EXPECT_EQ(clientGet().size(), limit - 11);
+    sim.setFault("", rawBody(atLimit + " "));
+    const Raised tooLong = clientError();
+    EXPECT_EQ(tooLong.code, -411361);
+    EXPECT_EQ(tooLong.number(kDebug, "CURLcode"), CURLE_WRITE_ERROR);
+}
+
+// The body cap bounds what a reply costs once parsed: the densest document
+// that fits, an array of half a million zeros, keeps the process's peak
+// memory growth below 64 MiB (about 46 MiB here). (Each test runs in a process of its own,
+// so the high-water mark before the request is this test's.)
+TEST_F(HttpClient, TheDensestReplyThatFitsCostsLessThan64MiB) {
+    std::string dense = "{\"result\":[0";
+    while (dense.size() + 4 <= zt::vela::shared::kMaxResponseBytes) dense += ",0";
+    dense += "]}";
+    sim.setFault("", rawBody(dense));
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_GT(clientGet().size(), 1000000u);
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    const long growth_KiB = after.ru_maxrss - before.ru_maxrss;
+    EXPECT_GT(growth_KiB, 1024);  // the measurement sees at least the body itself
+    EXPECT_LT(growth_KiB, 64 * 1024);
+    std::cout << "peak memory growth for " << dense.size() << " bytes of zeros: " << growth_KiB << " KiB\n";
+}
+
+// Proxies named in the environment are never used for chassis traffic: with
+// every proxy variable pointing at a closed port, requests still arrive.
+TEST_F(HttpClient, IgnoresProxiesNamedInTheEnvironment) {
+    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    ::close(probe);  // nothing listens there now
+    const std::string closedProxy = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) setenv(name, closedProxy.c_str(), 1);
+    for (const char* name : {"no_proxy", "NO_PROXY"}) unsetenv(name);
+    const auto before = sim.getCountOf("chassis0");
+    std::string error;
+    try {
+        clientGet();
+    } catch (const zterr::Exception& e) {
+        error = e.what();
+    }
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) unsetenv(name);
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(sim.getCountOf("chassis0"), before + 1);
+}
+
+// A PUT goes out with its length: a web server that never answers "Expect:
+// 100-continue" and refuses chunked bodies takes it in one round trip.
+TEST(HttpRequestFraming, APutReachesAServerThatIgnoresExpectAndRefusesChunkedBodies) {
+    remotetest::StrictWebServer server;
+    zt::syncdomain::CurlResourceManagerProxy proxy(server.remoteHost(), 3000);
+    const std::string body = "{\"version\":1,\"coherencyRequirements\":{\"maxOffset_ns\":1000}}";
+    const auto began = std::chrono::steady_clock::now();
+    proxy.putResource("/ztsdwebs/resources/ztsd/syncableDevices/d", body);
+    const auto took = std::chrono::steady_clock::now() - began;
+    EXPECT_LT(took, std::chrono::milliseconds(500));  // libcurl waits 1 s for an unanswered Expect
+    const auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].body, body);
+    EXPECT_NE(requests[0].head.find("PUT /ztsdwebs/resources/ztsd/syncableDevices/d HTTP/1.1\r\n"), std::string::npos);
+    EXPECT_NE(requests[0].head.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos)
+        << requests[0].head;
+    EXPECT_EQ(requests[0].head.find("Expect"), std::string::npos) << requests[0].head;
+    EXPECT_EQ(requests[0].head.find("chunked"), std::string::npos) << requests[0].head;
 }
 
 TEST_F(HttpClient, StalledAndRefusedRequestsFailWithinTheTimeOut) {

@@ -162,3 +162,73 @@ TEST(UriRoots, BracketIpv6HostsAndNeedRoomForTheNul) {
     ztsdlib_getProxyResourceUriRootsToUnload("{}", sizeof a, a, nullptr, &st);
     EXPECT_NE(st.text().find("\"nullptr\":\"timescaleUriRootOut\""), std::string::npos);
 }
+
+// A chassis may list its resources by its own paths, without the host it was
+// reached by: loading names them by the caller's remoteHost, whichever form
+// each entry takes, and the proxies reach the chassis and its daemon.
+TEST(LoadingListingForms, EntriesWithAndWithoutTheirHostLoadUnderTheCallersHost) {
+    for (const auto form : {ztsdsim::ListingForm::withHosts, ztsdsim::ListingForm::pathsOnly,
+                            ztsdsim::ListingForm::mixed}) {
+        ztsdsim::SimulatorOptions options;
+        options.listingForm = form;
+        ztsdsim::SimulatedChassis chassis("ztsd", options);
+        chassis.start();
+        const std::string device = chassis.webService().addDevice("chassis0");
+        const std::string ts1 = chassis.addTimescale("00-80-2F-AA-BB-01");
+        const std::string ts2 = chassis.addTimescale("00-80-2F-AA-BB-02");
+        ztsdtest::OwnedStatus status;
+        Loaded out;
+        const std::string json = params(chassis.webService().remoteHost(), chassis.daemonPort());
+        ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, countingAllocator,
+                                   &status);
+        ASSERT_EQ(status.s.code, 0) << static_cast<int>(form) << status.text();
+        ASSERT_EQ(out.count, 2u);
+        EXPECT_STREQ(ztsdlib_SyncableDevice_getUri(out.device, &status), device.c_str());
+        EXPECT_STREQ(ztsdlib_Timescale_getUri(out.timescales[0], &status), ts1.c_str());
+        EXPECT_STREQ(ztsdlib_Timescale_getUri(out.timescales[1], &status), ts2.c_str());
+        uint32_t losses = 9;
+        EXPECT_TRUE(ztsdlib_SyncableDevice_isCoherent(out.device, &losses, &status));
+        ztsdlib_Timestamp t{};
+        ztsdlib_Timescale_getTime(out.timescales[1], &t, &status);
+        EXPECT_EQ(status.s.code, 0) << status.text();
+        ztsdlib_SyncableDevice_delete(out.device);
+        for (uint32_t i = 0; i < out.count; ++i) ztsdlib_Timescale_delete(out.timescales[i]);
+        std::free(out.timescales);
+    }
+}
+
+// A bare IPv6 literal ("::1", which cannot carry a port) goes into HTTP
+// addresses in brackets: a chassis on [::1] port 80 listing its device by
+// path loads and answers. Port 80 needs root, as CI has; elsewhere skipped.
+TEST(LoadingIpv6, ABareIpv6HostIsBracketedInEveryHttpAddress) {
+    ztsdsim::SimulatorOptions options;
+    options.host = "::1";
+    options.port = 80;
+    options.listingForm = ztsdsim::ListingForm::pathsOnly;
+    ztsdsim::ChassisSimulator chassis("ztsd", options);
+    try {
+        chassis.start();
+    } catch (const std::exception& e) {
+        GTEST_SKIP() << "cannot listen on [::1]:80: " << e.what();
+    }
+    chassis.addDevice("chassis0");
+    ztsdtest::OwnedStatus status;
+    Loaded out;
+    const std::string json = params("::1", 9);
+    ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, countingAllocator, &status);
+    ASSERT_EQ(status.s.code, 0) << status.text();
+    EXPECT_STREQ(ztsdlib_SyncableDevice_getUri(out.device, &status),
+                 "/::1/ztsdwebs/resources/ztsd/syncableDevices/chassis0");
+    uint32_t losses = 9;
+    EXPECT_TRUE(ztsdlib_SyncableDevice_isCoherent(out.device, &losses, &status));
+    EXPECT_EQ(status.s.code, 0) << status.text();
+    EXPECT_EQ(chassis.getCountOf("chassis0"), 1u);
+
+    // A device proxy made directly from such a URI reaches it too.
+    ztsdlib_SyncableDevice* direct =
+        ztsdlib_SyncableDeviceProxy_create("/::1/ztsdwebs/resources/ztsd/syncableDevices/chassis0", &status);
+    EXPECT_TRUE(ztsdlib_SyncableDevice_isCoherent(direct, &losses, &status));
+    EXPECT_EQ(status.s.code, 0) << status.text();
+    ztsdlib_SyncableDevice_delete(direct);
+    ztsdlib_SyncableDevice_delete(out.device);
+}

@@ -38,6 +38,9 @@ struct Fake {
     static inline std::string username, password;
     static inline long timeout = -1, nosignal = -1;
     static inline std::vector<curl_slist*> headerLists;  // one per CURLOPT_HTTPHEADER call
+    static inline std::vector<std::string> headerTexts;  // of the last list attached
+    static inline curl_off_t uploadSize = -2;
+    static inline std::string proxy = "<unset>";
 
     static void reset() {
         options.clear();
@@ -48,6 +51,9 @@ struct Fake {
         chunk = 0;
         inits = cleanups = listNodes = 0;
         headerLists.clear();
+        headerTexts.clear();
+        uploadSize = -2;
+        proxy = "<unset>";
     }
 
     static CURLcode globalInit(long) { return CURLE_OK; }
@@ -70,7 +76,15 @@ struct Fake {
             case CURLOPT_NOSIGNAL: nosignal = va_arg(args, long); break;
             case CURLOPT_USERNAME: username = va_arg(args, const char*); break;
             case CURLOPT_PASSWORD: password = va_arg(args, const char*); break;
-            case CURLOPT_HTTPHEADER: headerLists.push_back(va_arg(args, curl_slist*)); break;
+            case CURLOPT_HTTPHEADER: {
+                curl_slist* list = va_arg(args, curl_slist*);
+                headerLists.push_back(list);
+                if (list) headerTexts.clear();
+                for (; list; list = list->next) headerTexts.push_back(list->data);
+                break;
+            }
+            case CURLOPT_INFILESIZE_LARGE: uploadSize = va_arg(args, curl_off_t); break;
+            case CURLOPT_PROXY: proxy = va_arg(args, const char*); break;
             default: break;
         }
         va_end(args);
@@ -130,6 +144,7 @@ const std::vector<std::pair<CURLoption, const char*>> kOptions = {
     ZTSD_OPTION(CURLOPT_READDATA),     ZTSD_OPTION(CURLOPT_UPLOAD),        ZTSD_OPTION(CURLOPT_TIMEOUT_MS),
     ZTSD_OPTION(CURLOPT_NOSIGNAL),     ZTSD_OPTION(CURLOPT_URL),           ZTSD_OPTION(CURLOPT_USERNAME),
     ZTSD_OPTION(CURLOPT_PASSWORD),     ZTSD_OPTION(CURLOPT_HTTPHEADER),    ZTSD_OPTION(CURLOPT_ERRORBUFFER),
+    ZTSD_OPTION(CURLOPT_INFILESIZE_LARGE), ZTSD_OPTION(CURLOPT_PROXY),
 };
 #undef ZTSD_OPTION
 
@@ -168,6 +183,15 @@ TEST_F(CurlClient, SetsEveryOptionInOrderAndReusesItsHandle) {
         EXPECT_NE(Fake::headerLists[0], nullptr);
         EXPECT_EQ(Fake::headerLists[1], nullptr);
         EXPECT_EQ(Fake::listNodes, 0);
+        // No proxy, whatever the environment says; a GET has no body length.
+        EXPECT_EQ(Fake::proxy, "");
+        EXPECT_EQ(Fake::uploadSize, -1);
+        EXPECT_EQ(Fake::headerTexts, (std::vector<std::string>{"Accept: m", "Content-Type: m"}));
+
+        // A PUT states its body's length and removes libcurl's own Expect.
+        client.request(true, "{\"b\":2}", result);
+        EXPECT_EQ(Fake::uploadSize, 7);
+        EXPECT_EQ(Fake::headerTexts, (std::vector<std::string>{"Accept: m", "Content-Type: m", "Expect:"}));
 
         client.request(false, "", result);
         EXPECT_EQ(Fake::inits, 1);
@@ -218,7 +242,7 @@ TEST_F(CurlClient, InfoAndHandleFailuresHaveTheirCodes) {
     EXPECT_EQ(init.detail(kDebug, "check failed"), "_connection");
 }
 
-// 64 MiB and one byte: cheaper from a fake than from a server.
+// The limit and one byte: cheaper from a fake than from a server.
 TEST_F(CurlClient, ABodyBeyondTheLimitAbortsTheTransfer) {
     tCURL client("m", &Fake::source);
     client.initialize("http://h", "r");
