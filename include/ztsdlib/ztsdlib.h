@@ -140,9 +140,15 @@ ZTSDLIB_API ztsdlib_Timescale* ztsdlib_HostTimescale_create(const char* uri, zte
  * web service lists it, "/<remoteHost>/ztsdwebs/resources/<plugin>/timescales/<gmId>";
  * the daemon knows it as "/localhost/ztsds/timescales/<gmId>". Creation asks
  * the daemon for its API version (-52024 when it cannot be reached). Each
- * getTime makes up to 5 attempts with 5000 ms socket time-outs and keeps the
- * connection open for the next one; -52020 when the daemon no longer serves
- * the timescale, -52024 when it cannot be read. toJson gives
+ * getTime makes up to 5 attempts and keeps the connection open for the next
+ * one; -52020 when the daemon no longer serves the timescale, -52024 when it
+ * cannot be read. Every attempt (connect, request and reply together) ends
+ * within 5000 ms whatever the daemon does, so creation takes at most 5 s and
+ * a getTime at most 25 s; other threads reading the same handle wait for it.
+ * A reply that is malformed, for another call, or that announces more than
+ * the service's messages hold (strings over 16 KiB, lists over 1024 entries,
+ * replies over 256 KiB) fails the reading at once with -52024, without
+ * retrying. toJson gives
  * {"uri":..,"host":..,"port":..,"localUriOfTarget":..,"serverApiVersion":..}.
  * A daemon that reports an API version below 1 stops the process.
  */

@@ -20,6 +20,14 @@ void writeDebugOutput(const char* text) noexcept {
 #endif
 }
 
+void writeDebugTrace(const char* text) noexcept {
+#if defined(_WIN32)
+    if (text) OutputDebugStringA(text);
+#else
+    (void)text;
+#endif
+}
+
 void stopProcess() noexcept { std::abort(); }
 
 }  // namespace platform

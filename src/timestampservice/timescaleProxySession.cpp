@@ -31,7 +31,6 @@ constexpr const char* kVersionFailedMessage =
 constexpr const char* kTimeFailedMessage = "Encountered error getting time from zttimestampd on remote target.";
 constexpr const char* kRemovedMessage =
     "Timestamp received from remote target is on a different timescale than expected.";
-constexpr const char* kDaemonErrorMessage = "zttimestampd on remote target reported an error.";
 
 // The members of `details`, in order, at the end of the report's top-level object.
 void appendMembers(zterr_Status* status, Details details) {
@@ -150,7 +149,7 @@ bool TimescaleProxySession::readOnce(ztsdlib_Timestamp& timestamp) {
     } catch (const zterr::ExceptionBase&) {
         throw;  // a complete answer that says no: the connection is in step
     } catch (const tss::thrift_zterr& e) {
-        raiseDaemonError(e.code, e.json);
+        raiseDaemonError(e);
     } catch (const TTransportException&) {
         throw;
     } catch (const std::exception& e) {
@@ -170,21 +169,26 @@ void TimescaleProxySession::raiseTimescaleRemoved(const std::vector<std::string>
     raiseStatus(status);
 }
 
-void TimescaleProxySession::raiseCommunicationsFault(const char* message, const RpcFailure& failure) const {
+zterr_Status TimescaleProxySession::communicationsFault(const char* message, const RpcFailure& failure) const {
     zterr_Status status = zterr::makeOwnedStatus();
     zterr::setError(&status, zterr::code::ztapalerr_communicationsFault,
                     ZTERR_SITE(kFile, zterr::name::ztapalerr_communicationsFault));
     appendMembers(&status, {{"timescaleUri", thisTimescaleUri}, {"std_exception_what", failure.what}});
     appendDebugObject(&status, {{"type_code", failure.typeCode}, {"type", failure.type}, {"message", message}});
+    return status;
+}
+
+void TimescaleProxySession::raiseCommunicationsFault(const char* message, const RpcFailure& failure) const {
+    zterr_Status status = communicationsFault(message, failure);
     raiseStatus(status);
 }
 
-void TimescaleProxySession::raiseDaemonError(std::int32_t code, const std::string& json) const {
-    zterr_Status status = zterr::makeOwnedStatus();
-    zterr::setError(&status, zterr::code::ztapalerr_communicationsFault,
-                    ZTERR_SITE(kFile, zterr::name::ztapalerr_communicationsFault));
-    appendMembers(&status, {{"timescaleUri", thisTimescaleUri}});
-    appendDebugObject(&status, {{"message", kDaemonErrorMessage}, {"code", code}});
+void TimescaleProxySession::raiseDaemonError(const timestampservice::thrift_zterr& error) const {
+    // The report of a failed time read ("type" "thrift_zterr", "type_code"
+    // the daemon's code), with the daemon's own status nested.
+    zterr_Status status = communicationsFault(kTimeFailedMessage, describeRpcFailure(error));
+    const std::int32_t code = error.code;
+    const std::string& json = error.json;
 
     // The daemon's status as the nested error: its report when that is a
     // JSON object, else an object carrying the text as a string.

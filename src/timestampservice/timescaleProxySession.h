@@ -84,7 +84,10 @@ private:
     bool readOnce(ztsdlib_Timestamp& timestamp);
     [[noreturn]] void raiseTimescaleRemoved(const std::vector<std::string>* currentTimescaleUris) const;
     [[noreturn]] void raiseCommunicationsFault(const char* message, const RpcFailure& failure) const;
-    [[noreturn]] void raiseDaemonError(std::int32_t code, const std::string& json) const;
+    // The -52024 report of a failed RPC: "timescaleUri", "std_exception_what"
+    // and the debug object with "type_code", "type" and message.
+    zterr_Status communicationsFault(const char* message, const RpcFailure& failure) const;
+    [[noreturn]] void raiseDaemonError(const timestampservice::thrift_zterr& error) const;
 
     std::shared_ptr<TimescaleProxyThriftClientInterface> client;
     std::int32_t serverApiVersion = -1;

@@ -1,17 +1,25 @@
 #include "timestampservice/timescaleProxyThriftClient.h"
 
+#include <chrono>
 #include <climits>
+#include <mutex>
 #include <iterator>
 
 #include <thrift/TApplicationException.h>
+#include <thrift/TOutput.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
+#include <thrift/transport/TVirtualTransport.h>
+
+#include "platform/debugOutput.h"
 
 namespace ztsdlib {
 
+using apache::thrift::protocol::TMessageType;
+using apache::thrift::transport::TTransport;
 using apache::thrift::TApplicationException;
 using apache::thrift::TException;
 using apache::thrift::protocol::TBinaryProtocol;
@@ -20,34 +28,127 @@ using apache::thrift::transport::TBufferedTransport;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransportException;
 
+// Between the buffered transport and the socket: bounds one attempt by a
+// deadline and the bytes one reply may take.
+class DeadlineTransport : public apache::thrift::transport::TVirtualTransport<DeadlineTransport> {
+public:
+    explicit DeadlineTransport(std::shared_ptr<TSocket> socket) : socket(std::move(socket)) {}
+
+    // Starts an attempt: budget_ms from now, and a fresh reply budget.
+    void arm(int budget_ms) {
+        deadline = Clock::now() + std::chrono::milliseconds(budget_ms);
+        replyBytes = 0;
+    }
+    // What is left of the attempt, in whole milliseconds (at least 1), or a
+    // TIMED_OUT failure once nothing is left.
+    int remaining_ms() const {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) throw TTransportException(TTransportException::TIMED_OUT, "Deadline of the daemon call passed");
+        return static_cast<int>(left);
+    }
+
+    bool isOpen() const override { return socket->isOpen(); }
+    bool peek() override { return socket->peek(); }
+    void open() override {
+        socket->setConnTimeout(remaining_ms());
+        socket->open();
+    }
+    void close() override { socket->close(); }
+    void flush() override { socket->flush(); }
+
+    std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) {
+        socket->setRecvTimeout(remaining_ms());
+        const std::uint32_t n = socket->read(buffer, length);
+        replyBytes += n;
+        if (replyBytes > kMaxDaemonReplyBytes)
+            throw TProtocolException(TProtocolException::SIZE_LIMIT, "Daemon reply exceeds its size limit");
+        return n;
+    }
+    void write(const std::uint8_t* buffer, std::uint32_t length) {
+        socket->setSendTimeout(remaining_ms());
+        socket->write(buffer, length);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    std::shared_ptr<TSocket> socket;
+    Clock::time_point deadline = Clock::now();
+    std::uint32_t replyBytes = 0;
+};
+
+namespace {
+
+// libthrift's messages, into the library's debug trace.
+void thriftOutput(const char* text) {
+    platform::writeDebugTrace(text);
+    platform::writeDebugTrace("\n");
+}
+
+// Reads the header of the reply to `method` and refuses at once anything but
+// a reply to it with the request's sequence id (0, as the generated sender
+// writes it); a TApplicationException message is thrown as such.
+void readReplyHeader(apache::thrift::protocol::TProtocol& in, const char* method) {
+    std::string name;
+    TMessageType type;
+    std::int32_t sequenceId = 0;
+    in.readMessageBegin(name, type, sequenceId);
+    if (type == apache::thrift::protocol::T_EXCEPTION) {
+        TApplicationException failure;
+        failure.read(&in);
+        throw failure;
+    }
+    if (type != apache::thrift::protocol::T_REPLY)
+        throw TApplicationException(TApplicationException::INVALID_MESSAGE_TYPE,
+                                    std::string(method) + " failed: invalid message type");
+    if (name != method)
+        throw TApplicationException(TApplicationException::WRONG_METHOD_NAME,
+                                    std::string(method) + " failed: wrong method name");
+    if (sequenceId != 0)
+        throw TApplicationException(TApplicationException::BAD_SEQUENCE_ID,
+                                    std::string(method) + " failed: out of sequence response");
+}
+
+template <typename Result>
+void readReplyBody(apache::thrift::protocol::TProtocol& in, Result& result, const char* method) {
+    result.read(&in);
+    in.readMessageEnd();
+    in.getTransport()->readEnd();
+    if (result.__isset.success) return;
+    throw TApplicationException(TApplicationException::MISSING_RESULT, std::string(method) + " failed: unknown result");
+}
+
+}  // namespace
+
 TimescaleProxyThriftClient::TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
                                                        std::uint32_t timeout_ms)
     // A port beyond int's range becomes -1, which the socket refuses at open().
     : socket(std::make_shared<TSocket>(host, port > static_cast<std::uint32_t>(INT_MAX) ? -1 : static_cast<int>(port))),
       socketTimeout_ms(timeout_ms > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeout_ms)) {
+    static std::once_flag routed;
+    std::call_once(routed, [] { apache::thrift::GlobalOutput.setOutputFunction(&thriftOutput); });
+    deadline = std::make_shared<DeadlineTransport>(socket);
     layerOverSocket();
 }
 
 void TimescaleProxyThriftClient::layerOverSocket() {
-    transport = std::make_shared<TBufferedTransport>(socket);
-    protocol = std::make_shared<TBinaryProtocol>(transport);
+    transport = std::make_shared<TBufferedTransport>(deadline);
+    auto binary = std::make_shared<TBinaryProtocol>(transport, kMaxDaemonStringBytes, kMaxDaemonListSize,
+                                                    /*strict_read=*/true, /*strict_write=*/true);
+    protocol = binary;
     client = std::make_unique<timestampservice::timestampServiceClient>(protocol);
 }
 
 TimescaleProxyThriftClient::~TimescaleProxyThriftClient() { close(); }
 
 void TimescaleProxyThriftClient::open() {
+    // Every attempt starts here: connect, request and reply share one deadline.
+    deadline->arm(socketTimeout_ms);
     if (transport->isOpen()) return;
     // A reply the protocol gave up on may have left bytes of the old
     // connection in the buffers; the new connection starts with empty ones.
     if (opened) layerOverSocket();
     opened = true;
-    // Without a connect time-out an unreachable host would hold the caller
-    // for the operating system's own (minutes).
-    socket->setConnTimeout(socketTimeout_ms);
     transport->open();
-    socket->setRecvTimeout(socketTimeout_ms);
-    socket->setSendTimeout(socketTimeout_ms);
 }
 
 void TimescaleProxyThriftClient::close() noexcept {
@@ -64,14 +165,40 @@ void TimescaleProxyThriftClient::close() noexcept {
 
 bool TimescaleProxyThriftClient::isOpen() const { return transport->isOpen(); }
 
-std::int32_t TimescaleProxyThriftClient::getApiVersion() { return client->getApiVersion(); }
-
-void TimescaleProxyThriftClient::getTime(timestampservice::TimestampInfo& result, std::int32_t id) {
-    client->getTime(result, id);
+std::int32_t TimescaleProxyThriftClient::getApiVersion() {
+    client->send_getApiVersion();
+    readReplyHeader(*protocol, "getApiVersion");
+    std::int32_t version = 0;
+    timestampservice::timestampService_getApiVersion_presult result;
+    result.success = &version;
+    readReplyBody(*protocol, result, "getApiVersion");
+    return version;
 }
 
-void TimescaleProxyThriftClient::getTimeAndCurrentTimescales(timestampservice::TimeInfo& result) {
-    client->getTimeAndCurrentTimescales(result);
+void TimescaleProxyThriftClient::getTime(timestampservice::TimestampInfo& info, std::int32_t id) {
+    client->send_getTime(id);
+    readReplyHeader(*protocol, "getTime");
+    timestampservice::timestampService_getTime_presult result;
+    result.success = &info;
+    try {
+        readReplyBody(*protocol, result, "getTime");
+    } catch (const TApplicationException&) {
+        if (result.__isset.err) throw result.err;
+        throw;
+    }
+}
+
+void TimescaleProxyThriftClient::getTimeAndCurrentTimescales(timestampservice::TimeInfo& info) {
+    client->send_getTimeAndCurrentTimescales();
+    readReplyHeader(*protocol, "getTimeAndCurrentTimescales");
+    timestampservice::timestampService_getTimeAndCurrentTimescales_presult result;
+    result.success = &info;
+    try {
+        readReplyBody(*protocol, result, "getTimeAndCurrentTimescales");
+    } catch (const TApplicationException&) {
+        if (result.__isset.err) throw result.err;
+        throw;
+    }
 }
 
 namespace {
@@ -110,6 +237,9 @@ RpcFailure describeRpcFailure(const std::exception& e) {
                                             "INVALID_PROTOCOL",  "UNSUPPORTED_CLIENT_TYPE"};
         failure.typeCode = static_cast<std::int32_t>(a->getType());
         failure.type = kindName("TApplicationException", failure.typeCode, names);
+    } else if (auto* z = dynamic_cast<const timestampservice::thrift_zterr*>(&e)) {
+        failure.typeCode = z->code;
+        failure.type = "thrift_zterr";
     } else if (dynamic_cast<const TException*>(&e)) {
         failure.type = "TException";
     } else {

@@ -9,6 +9,25 @@
 // application exceptions for bad replies, thrift_zterr for the daemon's own
 // failures.
 //
+// Deadlines: every open() starts an attempt whose connect, request and reply
+// together must end within the socket time-out (the receive time-out); each
+// socket wait gets what is left of it, so a daemon that drips its reply a
+// byte at a time cannot hold the caller longer. A late attempt fails with a
+// TTransportException TIMED_OUT.
+//
+// A daemon is untrusted. Replies are read strictly (a versioned message
+// header is required) with limits that fit the service's messages: strings
+// of at most kMaxDaemonStringBytes, lists of at most kMaxDaemonListSize
+// entries and kMaxDaemonReplyBytes read per reply, so no announced length
+// sizes an allocation. A reply of another message type, for another method
+// or with another sequence id than the request fails at once with a
+// TApplicationException (INVALID_MESSAGE_TYPE, WRONG_METHOD_NAME,
+// BAD_SEQUENCE_ID) instead of being skipped while the next one is awaited.
+//
+// libthrift's own messages ("Thrift: ... TSocket::open() error ...") go to
+// the library's debug trace (platform/debugOutput.h), never to the host
+// application's standard error.
+//
 // Threads: none of this is safe for concurrent use; the owner serialises it.
 #pragma once
 
@@ -33,8 +52,15 @@ class TProtocol;
 
 namespace ztsdlib {
 
-// Default connect, receive and send time-out of the daemon's socket.
+// Default connect, receive and send time-out of the daemon's socket, and the
+// deadline of one attempt.
 constexpr std::uint32_t kTimestampDaemonSocketTimeout_ms = 5000;
+// Limits of what one reply of a daemon may hold or announce.
+constexpr std::int32_t kMaxDaemonStringBytes = 16 * 1024;
+constexpr std::int32_t kMaxDaemonListSize = 1024;
+constexpr std::uint32_t kMaxDaemonReplyBytes = 256 * 1024;
+
+class DeadlineTransport;
 
 class TimescaleProxyThriftClientInterface {
 public:
@@ -70,6 +96,7 @@ private:
     void layerOverSocket();
 
     std::shared_ptr<apache::thrift::transport::TSocket> socket;
+    std::shared_ptr<DeadlineTransport> deadline;
     std::shared_ptr<apache::thrift::transport::TTransport> transport;
     std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
     std::unique_ptr<timestampservice::timestampServiceClient> client;

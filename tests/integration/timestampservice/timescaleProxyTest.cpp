@@ -177,9 +177,12 @@ TEST_F(TimescaleProxyDaemonTest, DaemonFailureIsReportedWithItsStatusNested) {
     ztsdlib_Timestamp t{};
     const auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
     EXPECT_EQ(r.code, -52024);
-    EXPECT_EQ(r.memberNames(), withSite({"timescaleUri", kDebug, "nested_error"}));
-    EXPECT_EQ(r.detail(kDebug, "message"), "zttimestampd on remote target reported an error.");
-    EXPECT_EQ(r.number(kDebug, "code"), -52006);
+    // The report of a failed time read, with the daemon's code as its kind.
+    EXPECT_EQ(r.memberNames(), withSite({"timescaleUri", "std_exception_what", kDebug, "nested_error"}));
+    EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"type_code", "type", "message"}));
+    EXPECT_EQ(r.detail(kDebug, "message"), "Encountered error getting time from zttimestampd on remote target.");
+    EXPECT_EQ(r.detail(kDebug, "type"), "thrift_zterr");
+    EXPECT_EQ(r.number(kDebug, "type_code"), -52006);
     const cJSON* nested = cJSON_GetArrayItem(r.member("nested_error"), 0);
     ASSERT_NE(nested, nullptr) << r.json;
     EXPECT_EQ(ztsdtest::Raised::textOf(cJSON_GetObjectItemCaseSensitive(nested, "where")), "daemon");
