@@ -9,7 +9,7 @@ namespace ztsdlib {
 namespace {
 
 constexpr std::uint32_t kLimbBase = 100000000u;  // 10^8: one limb holds 8 decimal digits
-constexpr int kLimbCount = 5;
+constexpr int kLimbCount = kTimestampDecimalLimbs;
 constexpr std::uint64_t kFraction15 = 1000000000000000ULL;  // 10^15
 constexpr std::uint64_t kFraction15PerNano = 1000000ULL;    // 10^15 / 10^9
 
@@ -79,7 +79,7 @@ TimestampDecimal toDecimal(const ztsdlib_Timestamp& timestamp) {
     if (timestamp.seconds == 0 && timestamp.nanos == 0) return result;  // -0 is zero
 
     // The digits sss...sss.nnnnnnnnn laid out in limbs whose weights are
-    // 10^16, 10^8, 10^0, 10^-8 and 10^-16.
+    // 10^16, 10^8, 10^0, 10^-8 and 10^-16 (and 0 in any further limb).
     const std::uint64_t s = timestamp.seconds;
     const std::uint32_t digits[kLimbCount] = {
         static_cast<std::uint32_t>(s / (std::uint64_t(kLimbBase) * kLimbBase)),
@@ -88,6 +88,7 @@ TimestampDecimal toDecimal(const ztsdlib_Timestamp& timestamp) {
         timestamp.nanos / 10u,
         (timestamp.nanos % 10u) * (kLimbBase / 10u),
     };
+    static_assert(kLimbCount >= 5, "the digits need five limbs");
     int first = 0;
     while (digits[first] == 0) ++first;  // some limb is non-zero
 

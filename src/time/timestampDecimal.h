@@ -1,14 +1,21 @@
 // The exact decimal number that all timestamp arithmetic is done in, and the
 // two conversions between it and the boundary record ztsdlib_Timestamp.
 //
-// TimestampDecimal is a decimal floating-point number of 5 limbs of 8 decimal
-// digits each (40 digits, the first and last limb with 1..8 digits of play),
-// so that 20 integer digits and 9 fraction digits are held exactly. The digit
-// request that gives 5 limbs depends on the Boost release (the backend adds
-// three guard limbs to ceil(request / 8) here); the static_assert below pins
-// the limb count rather than the request. Expression templates are off so
-// that every operation is evaluated one step at a time, the same way in
-// every caller.
+// TimestampDecimal is a decimal floating-point number of limbs of 8 decimal
+// digits each, the first and last limb with 1..8 digits of play, so that 20
+// integer digits and 9 fraction digits are held exactly and the regression
+// keeps some 32 correct digits through its products and quotients. How many
+// limbs give that depends on the Boost release, and is chosen from the
+// backend's public constants:
+//  - releases whose backend publishes cpp_dec_float_total_digits10 (1.74 and
+//    its kin) keep every limb of a product: 5 limbs (cpp_dec_float<16>);
+//  - releases that publish cpp_dec_float_max_digits10 instead (1.81, 1.83)
+//    drop the last limb of each product and quotient, so with 5 limbs the
+//    regression would keep only about 28 digits: they get 6 limbs
+//    (cpp_dec_float<24>), which keeps at least as many as 1.74 does.
+// The static_assert below pins the limb count through std::numeric_limits.
+// Expression templates are off so that every operation is evaluated one step
+// at a time, the same way in every caller.
 //
 // Only the time module includes this header: other modules see timestamps
 // as ztsdlib_Timestamp and never the decimal type.
@@ -37,15 +44,34 @@
 
 #include <boost/multiprecision/cpp_dec_float.hpp>
 
+#include <limits>
+#include <type_traits>
+
 #include "ztsdlib/ztsdlib.h"
 
 namespace ztsdlib {
 
-using TimestampDecimalBackend = boost::multiprecision::cpp_dec_float<16>;
+namespace detail {
+// True for backends that publish cpp_dec_float_total_digits10, whose
+// products keep every limb.
+template <typename Backend, typename = void>
+struct keepsWholeProducts : std::false_type {};
+template <typename Backend>
+struct keepsWholeProducts<Backend, std::void_t<decltype(Backend::cpp_dec_float_total_digits10)>> : std::true_type {};
+}  // namespace detail
+
+// Limbs of TimestampDecimal on this Boost release (see above).
+constexpr int kTimestampDecimalLimbs =
+    detail::keepsWholeProducts<boost::multiprecision::cpp_dec_float<16>>::value ? 5 : 6;
+
+// The backend asks for (limbs - 3) * 8 digits: it adds three guard limbs.
+using TimestampDecimalBackend = boost::multiprecision::cpp_dec_float<(kTimestampDecimalLimbs - 3) * 8>;
 using TimestampDecimal = boost::multiprecision::number<TimestampDecimalBackend, boost::multiprecision::et_off>;
 
-static_assert(TimestampDecimalBackend::cpp_dec_float_total_digits10 == 5 * 8,
-              "TimestampDecimal must have exactly 5 limbs of 8 decimal digits");
+// max_digits10 is the backend's whole digit store, its limbs times 8; the
+// conversions below lay digits out in limbs of 10^8.
+static_assert(std::numeric_limits<TimestampDecimal>::max_digits10 == kTimestampDecimalLimbs * 8,
+              "TimestampDecimal must have the chosen number of limbs of 8 decimal digits");
 
 // Source label of the conversions' error reports.
 constexpr const char* kTimestampConversionFile = "source\\ztsdlib\\linearRegressionFilterWrapper";
