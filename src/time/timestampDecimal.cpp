@@ -1,5 +1,7 @@
 #include "time/timestampDecimal.h"
 
+#include <boost/version.hpp>
+
 #include <cstdint>
 #include <stdexcept>
 
@@ -67,14 +69,26 @@ constexpr std::uint64_t pow10(int e) {
 
 }  // namespace
 
+// The direct path reads and writes the number's digit blocks through the
+// backend's serialisation hook; it is used only on the Boost releases whose
+// layout it was checked against (1.74 to 1.81: limbs of 10^8 visited first,
+// then the exponent, the sign, the class and the precision), and the tests
+// compare it with the decimal-text conversion there. Every other release,
+// or a build with ZTSD_DECIMAL_PUBLIC_PATH defined, gets the public path.
+#if !defined(ZTSD_DECIMAL_PUBLIC_PATH) && BOOST_VERSION >= 107400 && BOOST_VERSION <= 108100
+#define ZTSD_DECIMAL_DIRECT_PATH 1
+#else
+#define ZTSD_DECIMAL_DIRECT_PATH 0
+#endif
+
 const TimestampDecimal& timestampUpperLimit() {
     static const TimestampDecimal limit = TimestampDecimal(UINT64_MAX) + 1;
     return limit;
 }
 
-TimestampDecimal toDecimal(const ztsdlib_Timestamp& timestamp) {
-    if (timestamp.nanos >= 1000000000u) raiseInvalid(__LINE__, "Nano seconds field greater than 1e+9");
+namespace {
 
+[[maybe_unused]] TimestampDecimal directToDecimal(const ztsdlib_Timestamp& timestamp) {
     TimestampDecimal result;  // finite zero, full precision
     if (timestamp.seconds == 0 && timestamp.nanos == 0) return result;  // -0 is zero
 
@@ -99,7 +113,7 @@ TimestampDecimal toDecimal(const ztsdlib_Timestamp& timestamp) {
     return result;
 }
 
-ztsdlib_Timestamp toTimestamp(const TimestampDecimal& value) {
+[[maybe_unused]] ztsdlib_Timestamp directToTimestamp(const TimestampDecimal& value) {
     TimestampDecimal copy = value;
     const FieldLocator fields = locateFields(copy);
     if (fields.valueClass == 2) raiseInvalid(__LINE__, "The input timestamp is NaN");
@@ -149,6 +163,70 @@ ztsdlib_Timestamp toTimestamp(const TimestampDecimal& value) {
     result.seconds = static_cast<std::uint64_t>(integer);
     result.nanos = static_cast<std::uint32_t>(fraction15 / kFraction15PerNano);
     return result;
+}
+
+
+// The same two conversions through the number's public arithmetic only:
+// every step is exact for these magnitudes (a 20-digit integer plus 9
+// fraction digits fits the decimal; multiplying by a power of ten shifts
+// digits), so the results equal the direct path's, digit for digit.
+[[maybe_unused]] TimestampDecimal publicToDecimal(const ztsdlib_Timestamp& timestamp) {
+    static const TimestampDecimal nano("1e-9");
+    TimestampDecimal result(timestamp.seconds);
+    if (timestamp.nanos != 0) result += TimestampDecimal(timestamp.nanos) * nano;
+    if (timestamp.isNegative && result != 0) result = -result;  // -0 is zero
+    return result;
+}
+
+[[maybe_unused]] ztsdlib_Timestamp publicToTimestamp(const TimestampDecimal& value) {
+    using boost::multiprecision::isinf;
+    using boost::multiprecision::isnan;
+    if (isnan(value)) raiseInvalid(__LINE__, "The input timestamp is NaN");
+    if (!(value < timestampUpperLimit())) raiseInvalid(__LINE__, "Exceeded the max ztsdlib_Timestamp value");
+    if (isinf(value)) throw std::invalid_argument("invalid stoull argument");  // -infinity
+
+    ztsdlib_Timestamp result{};
+    if (value == 0) return result;  // zero, whatever its sign
+    result.isNegative = value < 0;
+    const TimestampDecimal magnitude = result.isNegative ? TimestampDecimal(-value) : value;
+    if (!(magnitude < timestampUpperLimit())) throw std::out_of_range("stoull argument out of range");
+
+    static const TimestampDecimal fraction15Scale(kFraction15);
+    const TimestampDecimal integer = boost::multiprecision::trunc(magnitude);
+    // The fraction's first 15 digits, rounded on the 16th and later ones
+    // (see the direct path for why half up equals half to even here).
+    const TimestampDecimal scaled = (magnitude - integer) * fraction15Scale;
+    const TimestampDecimal first15 = boost::multiprecision::trunc(scaled);
+    static const TimestampDecimal half("0.5");
+    std::uint64_t fraction15 = first15.convert_to<std::uint64_t>();
+    std::uint64_t seconds = integer.convert_to<std::uint64_t>();
+    if (!(scaled - first15 < half) && ++fraction15 == kFraction15) {
+        fraction15 = 0;
+        if (seconds == UINT64_MAX) throw std::out_of_range("stoull argument out of range");
+        ++seconds;
+    }
+    result.seconds = seconds;
+    result.nanos = static_cast<std::uint32_t>(fraction15 / kFraction15PerNano);
+    return result;
+}
+
+}  // namespace
+
+TimestampDecimal toDecimal(const ztsdlib_Timestamp& timestamp) {
+    if (timestamp.nanos >= 1000000000u) raiseInvalid(__LINE__, "Nano seconds field greater than 1e+9");
+#if ZTSD_DECIMAL_DIRECT_PATH
+    return directToDecimal(timestamp);
+#else
+    return publicToDecimal(timestamp);
+#endif
+}
+
+ztsdlib_Timestamp toTimestamp(const TimestampDecimal& value) {
+#if ZTSD_DECIMAL_DIRECT_PATH
+    return directToTimestamp(value);
+#else
+    return publicToTimestamp(value);
+#endif
 }
 
 }  // namespace ztsdlib

@@ -20,6 +20,12 @@
 // Only the time module includes this header: other modules see timestamps
 // as ztsdlib_Timestamp and never the decimal type.
 //
+// The conversions have two implementations with the same results: a direct
+// one that lays the digits into the backend's limbs (about 20 ns a round
+// trip), used on the Boost releases whose digit layout it was checked
+// against, and one through the number's public arithmetic for every other
+// release (or when ZTSD_DECIMAL_PUBLIC_PATH is defined); see the .cpp.
+//
 // Both conversions behave exactly as going through decimal text would
 // (sign, seconds, ".", nanos padded to 9 digits, parsed; and back: fixed
 // notation with 15 fraction digits, the integer part read as an unsigned
