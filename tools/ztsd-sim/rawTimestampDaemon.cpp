@@ -112,10 +112,16 @@ void RawTimestampDaemon::converse(int connection) {
         const std::string method = bytes;
         if (!readExactly(connection, bytes, 4, stopping_)) return;
         const std::int32_t sequenceId = toI32(bytes);
-        for (;;) {  // the argument struct: i32 fields up to the stop
-            if (!readExactly(connection, bytes, 1, stopping_)) return;
-            if (bytes[0] == kStop) break;
-            if (bytes[0] != kI32 || !readExactly(connection, bytes, 2 + 4, stopping_)) return;
+        // The argument struct as the definition has it: getTime(1: i32 id),
+        // the other methods none.
+        const std::size_t argumentBytes = method == "getTime" ? 1 + 2 + 4 + 1 : 1;
+        if (!readExactly(connection, bytes, argumentBytes, stopping_)) return;
+        const std::string expected = method == "getTime" ? field(kI32, 1) + bytes.substr(3, 4) + kStop
+                                                         : std::string(1, kStop);
+        const bool known = method == "getTime" || method == "getApiVersion" || method == "getTimeAndCurrentTimescales";
+        if (!known || sequenceId != 0 || bytes != expected) {
+            ++malformed_;
+            return;
         }
         ++calls_;
         if (!send(connection, replyTo(method, sequenceId))) return;
@@ -132,6 +138,11 @@ std::string RawTimestampDaemon::replyTo(const std::string& method, std::int32_t 
     const std::string uri = "/localhost/ztsds/timescales/" + options_.gmId;
     const std::string timestampFields = field(kI64, 1) + i64(options_.seconds) + field(kI32, 2) + i32(options_.nanos) +
                                         field(kI32, 3) + i32(0) + field(kBool, 4) + '\0';
+    if (personality == P::daemonError) {
+        // result { 1: thrift_zterr { 1: i32 code, 2: string json } }
+        return header(kReply, method, sequenceId) + field(kStruct, 1) + field(kI32, 1) + i32(options_.errorCode) +
+               field(kString, 2) + string(options_.errorJson) + kStop + kStop;
+    }
     if (method == "getTime") {
         std::string name = method;
         std::int32_t type = kReply, sequence = sequenceId;

@@ -15,6 +15,14 @@
 //   hugeList            (API version 2) getTimeAndCurrentTimescales' list
 //                       announced with 26,000,000 entries
 //   drip                faithful replies sent one byte every dripInterval_ms
+//   daemonError         the time calls answered with the declared exception
+//                       thrift_zterr { 1: code, 2: json } (field 1 of the result)
+//
+// Requests are checked byte for byte against what the service's definition
+// says a client sends: a strict call header with sequence id 0 and, for
+// getTime, exactly the argument field 1 (i32 id); the others no field at
+// all. A request that differs is counted in malformedRequests() and its
+// connection closed without an answer.
 //
 // The version handshake (getApiVersion) is always answered faithfully, so a
 // proxy can be made before the personality shows. One thread on 127.0.0.1
@@ -32,7 +40,8 @@ namespace ztsdsim {
 class RawTimestampDaemon {
 public:
     enum class Personality {
-        faithful, wrongMethodName, invalidMessageType, wrongSequenceId, hugeString, httpServer, hugeList, drip
+        faithful, wrongMethodName, invalidMessageType, wrongSequenceId, hugeString, httpServer, hugeList, drip,
+        daemonError
     };
     struct Options {
         Personality personality = Personality::faithful;
@@ -42,6 +51,9 @@ public:
         // The time every reading gives.
         std::int64_t seconds = 13000000000;
         std::int32_t nanos = 123456789;
+        // What daemonError reports.
+        std::int32_t errorCode = -52006;
+        std::string errorJson = "{\"where\":\"daemon\"}";
     };
 
     explicit RawTimestampDaemon(Options options);
@@ -51,6 +63,7 @@ public:
 
     std::uint16_t port() const { return port_; }
     std::uint64_t callCount() const { return calls_.load(); }
+    std::uint64_t malformedRequests() const { return malformed_.load(); }
 
 private:
     void serve();
@@ -64,6 +77,7 @@ private:
     std::uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<std::uint64_t> calls_{0};
+    std::atomic<std::uint64_t> malformed_{0};
     std::thread server_;
 };
 

@@ -51,7 +51,21 @@ TEST(HandWrittenDaemon, AFaithfulDaemonsRepliesGiveTheTimeTheyCarry) {
         EXPECT_EQ(t.seconds, 13000000000u);
         EXPECT_EQ(t.nanos, 123456789u);
         EXPECT_EQ(daemon.callCount(), 2u);  // the handshake and one reading
+        EXPECT_EQ(daemon.malformedRequests(), 0u);  // the requests were as defined, byte for byte
         ztsdlib_Timescale_delete(proxy);
+
+        // The declared exception, written by hand: a failed time read with the
+        // daemon's code and status.
+        auto options = daemonOptions(Personality::daemonError, apiVersion);
+        ztsdsim::RawTimestampDaemon failing(options);
+        ztsdlib_Timescale* failingProxy = ztsdlib_TimescaleProxy_create(kUri, "127.0.0.1", failing.port(), &status);
+        ztsdtest::OwnedStatus failed;
+        ztsdlib_Timescale_getTime(failingProxy, &t, &failed);
+        EXPECT_EQ(failed.s.code, -52024);
+        EXPECT_NE(failed.text().find("\"type_code\":-52006,\"type\":\"thrift_zterr\""), std::string::npos)
+            << failed.text();
+        EXPECT_NE(failed.text().find("\"where\":\"daemon\""), std::string::npos) << failed.text();
+        ztsdlib_Timescale_delete(failingProxy);
     }
 }
 
