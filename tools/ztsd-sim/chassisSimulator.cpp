@@ -164,8 +164,12 @@ void ChassisSimulator::start() {
     const std::size_t maxWorkers = options_.maxWorkers;
     server->new_task_queue = [this, maxWorkers] { return new WorkerPool(maxWorkers, &acceptedConnections_); };
     auto listeningSocket = std::make_shared<int>(-1);
+    // SO_REUSEADDR only: a restarted simulator binds its port again at once,
+    // while a port another socket listens on is refused (the HTTP server's
+    // default, SO_REUSEPORT, would let two simulators share it).
     server->set_socket_options([listeningSocket](socket_t sock) {
-        httplib::default_socket_options(sock);
+        int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
         *listeningSocket = static_cast<int>(sock);
     });
     // Headers and body go out in separate writes; without this the body

@@ -7,10 +7,13 @@ namespace ztsdsim {
 SimulatedChassis::SimulatedChassis(std::string plugin, SimulatorOptions webOptions)
     : web(std::move(plugin), std::move(webOptions)) {}
 
+SimulatedChassis::SimulatedChassis(std::string plugin, SimulatorOptions webOptions, std::uint16_t daemonPort)
+    : web(std::move(plugin), webOptions), daemonListenHost(webOptions.host), daemonListenPort(daemonPort) {}
+
 SimulatedChassis::~SimulatedChassis() { stop(); }
 
 void SimulatedChassis::start() {
-    daemon.start();
+    daemon.start(daemonListenHost, daemonListenPort);
     try {
         web.start();
     } catch (...) {

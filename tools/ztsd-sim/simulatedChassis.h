@@ -22,6 +22,8 @@ namespace ztsdsim {
 class SimulatedChassis {
 public:
     explicit SimulatedChassis(std::string plugin = "ztsd", SimulatorOptions webOptions = {});
+    // The daemon listens on webOptions.host, port daemonPort (0 = ephemeral).
+    SimulatedChassis(std::string plugin, SimulatorOptions webOptions, std::uint16_t daemonPort);
     ~SimulatedChassis();  // stops
     SimulatedChassis(const SimulatedChassis&) = delete;
     SimulatedChassis& operator=(const SimulatedChassis&) = delete;
@@ -43,6 +45,8 @@ public:
 private:
     ChassisSimulator web;
     TimestampDaemonSimulator daemon;
+    std::string daemonListenHost = "127.0.0.1";
+    std::uint16_t daemonListenPort = 0;
 };
 
 }  // namespace ztsdsim

@@ -75,6 +75,7 @@ public:
     bool stopping = false;
     std::string serveError;
     std::uint16_t port = 0;
+    std::string host = "127.0.0.1";
 
     std::vector<std::string> uris;
     std::int32_t apiVersion = 2;
@@ -196,7 +197,8 @@ private:
 // state says to refuse.
 class RefusingServerSocket : public TServerSocket {
 public:
-    explicit RefusingServerSocket(DaemonState* s) : TServerSocket("127.0.0.1", 0), state(s) {}
+    RefusingServerSocket(DaemonState* s, const std::string& host, std::uint16_t port)
+        : TServerSocket(host, port), state(s) {}
 
 protected:
     std::shared_ptr<TTransport> acceptImpl() override {
@@ -258,12 +260,23 @@ TimestampDaemonSimulator::TimestampDaemonSimulator() : state(std::make_unique<Da
 
 TimestampDaemonSimulator::~TimestampDaemonSimulator() { stop(); }
 
-void TimestampDaemonSimulator::start() {
+void TimestampDaemonSimulator::start() { start("127.0.0.1", 0); }
+
+std::string TimestampDaemonSimulator::host() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->host;
+}
+
+void TimestampDaemonSimulator::start(const std::string& host, std::uint16_t port) {
     std::lock_guard<std::mutex> lifecycle(state->lifecycle);
     if (state->started) throw std::logic_error("ztsd-sim: the timestamp daemon was started already");
     state->started = true;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->host = host;
+    }
 
-    auto socket = std::make_shared<RefusingServerSocket>(state.get());
+    auto socket = std::make_shared<RefusingServerSocket>(state.get(), host, port);
     auto processor = std::make_shared<tss::timestampServiceProcessor>(std::make_shared<Handler>(state.get()));
     state->server = std::make_unique<TThreadedServer>(processor, socket, std::make_shared<TBufferedTransportFactory>(),
                                                       std::make_shared<TBinaryProtocolFactory>());

@@ -64,10 +64,13 @@ public:
     // accepted. Throws std::runtime_error when the server cannot listen,
     // std::logic_error when called a second time.
     void start();
+    // The same on a given address and port (0 = ephemeral); a port another
+    // socket listens on already is refused (std::runtime_error).
+    void start(const std::string& host, std::uint16_t port);
     void stop();  // idempotent
     bool isRunning() const;
     std::uint16_t port() const;  // 0 before start()
-    std::string host() const { return "127.0.0.1"; }
+    std::string host() const;  // "127.0.0.1" unless started on another address
 
     // "/localhost/ztsds/timescales/<gmId>"
     static std::string localTimescaleUri(const std::string& gmId);

@@ -6,11 +6,15 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cmath>
+#include <cstdlib>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "integration/sim/simTestSupport.h"
+#include "platform/clock.h"
+#include "ztsdlib/ztsdlib.h"
 
 using simtest::ChildProcess;
 using simtest::member;
@@ -35,6 +39,51 @@ simtest::Json getResult(int port, const std::string& path) {
     const httplib::Result reply = client.Get(path.c_str());
     simtest::Json document = simtest::parse(reply ? reply->body : "");
     return simtest::Json(document ? cJSON_DetachItemFromObjectCaseSensitive(document.get(), "result") : nullptr);
+}
+
+// The JSON line of each chassis (the lines that start with "{").
+std::vector<simtest::Json> chassisLines(const std::string& out) {
+    std::vector<simtest::Json> found;
+    for (const std::string& line : simtest::lines(out)) {
+        if (line.rfind("{", 0) == 0) found.push_back(simtest::parse(line));
+    }
+    return found;
+}
+
+// POSTs a control; returns the status (0 when nothing answered).
+int control(const std::string& url, const std::string& path) {
+    const std::smatch match = [&] {
+        std::smatch m;
+        std::regex_match(url, m, std::regex(R"(http://([^:/]+):(\d+)/.*)"));
+        return m;
+    }();
+    httplib::Client client(match[1].str(), std::stoi(match[2].str()));
+    client.set_read_timeout(5, 0);
+    const httplib::Result reply = client.Post(("/" + url.substr(url.find('/', 7) + 1) + path).c_str(), "", "text/plain");
+    return reply ? reply->status : 0;
+}
+
+// remote - host of the first timescale the params describe, read through
+// the library (the daemon beside the chassis), in ms; NaN on failure.
+double offsetThroughLibrary_ms(const std::string& paramsJson) {
+    zterr_Status status{};
+    ztsdlib_SyncableDevice* device = nullptr;
+    ztsdlib_Timescale** timescales = nullptr;
+    std::uint32_t count = 0;
+    ztsdlib_loadProxyResources(paramsJson.c_str(), &device, &timescales, &count, std::malloc, &status);
+    double offset = std::nan("");
+    if (status.code >= 0 && count > 0) {
+        ztsdlib_Timestamp remote{};
+        const auto before = ztsdlib::platform::systemTime100nsSince1601();
+        ztsdlib_Timescale_getTime(timescales[0], &remote, &status);
+        const auto after = ztsdlib::platform::systemTime100nsSince1601();
+        const long double host_s = (static_cast<long double>(before) + after) / 2 / 1e7;
+        if (status.code >= 0) offset = static_cast<double>((remote.seconds + remote.nanos / 1e9L - host_s) * 1000);
+    }
+    for (std::uint32_t i = 0; i < count; ++i) ztsdlib_Timescale_delete(timescales[i]);
+    std::free(timescales);
+    ztsdlib_SyncableDevice_delete(device);
+    return offset;
 }
 
 }  // namespace
@@ -93,4 +142,114 @@ TEST(SimulatorProgram, RefusesArgumentsOutOfRange) {
     ChildProcess pastLastPort({program, "--port", "65535", "--chassis", "2"});
     ASSERT_TRUE(pastLastPort.started());
     EXPECT_EQ(pastLastPort.finish(5000), 2);
+}
+
+// Each chassis' JSON line names a daemon whose clock runs at the chassis'
+// offset; the paste-ready address and params agree with it.
+TEST(SimulatorProgram, PrintsOneJsonLinePerChassisWithAWorkingDaemon) {
+    const std::string program = programPath();
+    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
+    ChildProcess child({program, "--chassis", "3", "--clock-offset-ns", "0,2500000000,-4000000000"});
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
+    const std::vector<simtest::Json> chassis = chassisLines(child.out());
+    ASSERT_EQ(chassis.size(), 3u) << child.out();
+    const double expected_ms[] = {0, 2500, -4000};
+    for (std::size_t c = 0; c < chassis.size(); ++c) {
+        const cJSON* line = chassis[c].get();
+        ASSERT_NE(line, nullptr);
+        EXPECT_EQ(cJSON_GetNumberValue(member(line, "chassis")), c);
+        const std::string remoteHost = simtest::text(member(line, "remoteHost"));
+        const int daemonPort = static_cast<int>(cJSON_GetNumberValue(member(line, "daemonPort")));
+        EXPECT_EQ(simtest::text(member(line, "address")), remoteHost + "@" + std::to_string(daemonPort));
+        EXPECT_NE(child.out().find("ztsdctl address: " + remoteHost + "@"), std::string::npos);
+        const std::string params = simtest::text(member(line, "networkDeviceParamsJson"));
+        simtest::Json parsed = simtest::parse(params);
+        EXPECT_EQ(simtest::text(member(member(parsed.get(), "params"), "remoteHost")), remoteHost);
+        EXPECT_NEAR(offsetThroughLibrary_ms(params), expected_ms[c], 100) << params;
+    }
+    child.signal(SIGINT);
+    EXPECT_EQ(child.finish(5000), 0);
+}
+
+// The control server changes what a chassis serves; a chassis taken down
+// refuses connections and comes back on its ports with its state.
+TEST(SimulatorProgram, ControlsChangeWhatTheChassisServes) {
+    const std::string program = programPath();
+    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
+    ChildProcess child({program, "--chassis", "2", "--devices-per-chassis", "2", "--clock-offset-ns", "1000000000"});
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
+    const std::vector<simtest::Json> chassis = chassisLines(child.out());
+    ASSERT_EQ(chassis.size(), 2u);
+    const std::string url = simtest::text(member(chassis[1].get(), "control"));
+    const std::string remoteHost = simtest::text(member(chassis[1].get(), "remoteHost"));
+    const int port = std::stoi(remoteHost.substr(remoteHost.rfind(':') + 1));
+    const std::string params = simtest::text(member(chassis[1].get(), "networkDeviceParamsJson"));
+    const auto device = [&](const std::string& name) {
+        return getResult(port, "/ztsdwebs/resources/ztsd/syncableDevices/" + name);
+    };
+
+    struct Case {
+        const char* path;
+        int status;
+    };
+    const Case refused[] = {
+        {"devices/nobody/loss", 404},      {"devices/chassis1/sideways", 404}, {"explode", 404},
+        {"clock/step", 400},               {"clock/step?ns=1.5", 400},         {"devices/chassis1/loss?count=0", 400},
+        {"clock/slew?ppb=99999999999999999999", 400},
+    };
+    for (const Case& c : refused) EXPECT_EQ(control(url, c.path), c.status) << c.path;
+    EXPECT_EQ(control(url.substr(0, url.size() - 2) + "7/", "down"), 404);  // no chassis 7
+
+    ASSERT_EQ(control(url, "devices/chassis1-1/loss?count=3"), 200);
+    ASSERT_EQ(control(url, "devices/chassis1/incoherent"), 200);
+    EXPECT_EQ(cJSON_GetNumberValue(member(device("chassis1-1").get(), "coherencyLossCount")), 3);
+    EXPECT_TRUE(cJSON_IsFalse(member(device("chassis1").get(), "isCoherent")));
+    EXPECT_TRUE(cJSON_IsTrue(member(device("chassis1-1").get(), "isCoherent")));
+
+    ASSERT_EQ(control(url, "clock/step?ns=-3000000000"), 200);
+    EXPECT_NEAR(offsetThroughLibrary_ms(params), -2000, 100);
+
+    ASSERT_EQ(control(url, "down"), 200);
+    EXPECT_EQ(device("chassis1").get(), nullptr);  // nothing listens
+    EXPECT_TRUE(std::isnan(offsetThroughLibrary_ms(params)));
+    ASSERT_EQ(control(url, "devices/chassis1-1/loss"), 200);  // a loss while down is kept
+    ASSERT_EQ(control(url, "up"), 200);
+    EXPECT_EQ(cJSON_GetNumberValue(member(device("chassis1-1").get(), "coherencyLossCount")), 4);
+    EXPECT_TRUE(cJSON_IsFalse(member(device("chassis1").get(), "isCoherent")));
+    EXPECT_NEAR(offsetThroughLibrary_ms(params), -2000, 100);
+
+    // chassis 0 was left alone
+    const std::string host0 = simtest::text(member(chassis[0].get(), "remoteHost"));
+    const simtest::Json untouched =
+        getResult(std::stoi(host0.substr(host0.rfind(':') + 1)), "/ztsdwebs/resources/ztsd/syncableDevices/chassis0-1");
+    EXPECT_EQ(cJSON_GetNumberValue(member(untouched.get(), "coherencyLossCount")), 0);
+    child.signal(SIGTERM);
+    EXPECT_EQ(child.finish(5000), 0);
+}
+
+// A second simulator on a port the first one serves is refused, for the
+// web service and for the daemon.
+TEST(SimulatorProgram, RefusesAPortAlreadyTaken) {
+    const std::string program = programPath();
+    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
+    ChildProcess first({program});
+    ASSERT_TRUE(first.started());
+    ASSERT_TRUE(first.waitForOutput("\nready\n", 5000)) << first.out();
+    const std::vector<simtest::Json> chassis = chassisLines(first.out());
+    ASSERT_EQ(chassis.size(), 1u);
+    const std::string remoteHost = simtest::text(member(chassis[0].get(), "remoteHost"));
+    const std::string webPort = remoteHost.substr(remoteHost.rfind(':') + 1);
+    const std::string daemonPort = std::to_string(static_cast<int>(cJSON_GetNumberValue(member(chassis[0].get(), "daemonPort"))));
+    const std::vector<std::vector<std::string>> taken{{"--port", webPort}, {"--daemon-port", daemonPort}};
+    for (const auto& flags : taken) {
+        ChildProcess second({program, flags[0], flags[1]});
+        ASSERT_TRUE(second.started());
+        EXPECT_EQ(second.finish(5000), 1) << flags[0];
+        EXPECT_EQ(second.out().find("ready"), std::string::npos);
+        EXPECT_NE(second.err().find(flags[1]), std::string::npos) << second.err();
+    }
+    first.signal(SIGTERM);
+    EXPECT_EQ(first.finish(5000), 0);
 }
