@@ -193,6 +193,25 @@ ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Stat
 ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
     const char* correlatorUri, ztsdlib_Timescale* timescale1, ztsdlib_Timescale* timescale2,
     uint32_t samplingIntervalMs, uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs, zterr_Status* status);
+/*
+ * Linear, symmetric sampling: as ztsdlib_LinearCorrelator_create, but each
+ * sampling round reads timescale1, then timescale2, then timescale1 again,
+ * and pairs the timescale2 reading with the exact midpoint of the two
+ * timescale1 readings. When timescale2 is remote, its reading is thus paired
+ * with the middle of the round trip rather than its start, which removes
+ * the bias of half a round trip from the offset (what remains is half the
+ * difference between the outward and the return delay). A round whose
+ * bracket (the time between its two timescale1 readings) is more than 3
+ * times the median bracket of the last 15 rounds and more than 20 us above
+ * it is dropped as a delayed reply; fewer than 5 earlier rounds drop
+ * nothing. Rounds where either clock did not move, or timescale1 went back,
+ * add nothing either. The ztsdlib_TimestampCorrelator_* exports work on it
+ * unchanged; its toJson carries "sampling" : "symmetric" just before
+ * "isThreadRunning".
+ */
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_createSymmetric(
+    const char* correlatorUri, ztsdlib_Timescale* timescale1, ztsdlib_Timescale* timescale2,
+    uint32_t samplingIntervalMs, uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs, zterr_Status* status);
 ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_CachingCorrelator_create(const char* uri,
                                                                           ztsdlib_TimestampCorrelator* correlator,
                                                                           zterr_Status* status);
@@ -223,6 +242,37 @@ ZTSDLIB_API bool ztsdlib_TimestampCorrelator_isRunning(ztsdlib_TimestampCorrelat
  * correlator writes "type" : "nop" and "isRunning" : true after the URIs, a
  * caching correlator its wrapped correlator's text. free() the result. */
 ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator* handle, zterr_Status* status);
+
+/*
+ * How well the present history of a linear correlator (either sampling)
+ * fits its line, from exact running sums over the kept samples; x is
+ * timescale1, y timescale2 (the paired readings). Doubles are rounded from
+ * the exact figures.
+ *   sampleCount         samples in the history
+ *   span_ns             x of the newest minus x of the oldest sample
+ *   slope               dy/dx of the fitted line (1 for two clocks at one rate)
+ *   rate_ppb            (slope - 1) * 1e9: how much faster timescale2 runs
+ *   offsetAtNewest      fitted y minus x at the newest sample's x, truncated
+ *                       to the nanosecond (isNegative when timescale2 is behind)
+ *   residualStdDev_ns   standard deviation of y about the line, sqrt(RSS/(n-2))
+ *   slopeStdError_ppb   standard error of the slope, sqrt(RSS/(n-2)/Sxx) * 1e9
+ * With two samples the last two are 0. Fails with -52010 (as correlate)
+ * while fewer than two samples exist (also before the first start),
+ * -52008 when all samples share one timescale1 reading, and -52005 for a
+ * correlator that is not linear (ask the linear one a caching correlator
+ * wraps). Does not wait; any thread, any time.
+ */
+typedef struct ztsdlib_CorrelationQuality {
+    uint64_t sampleCount;
+    double span_ns;
+    double slope;
+    double rate_ppb;
+    ztsdlib_Timestamp offsetAtNewest;
+    double residualStdDev_ns;
+    double slopeStdError_ppb;
+} ztsdlib_CorrelationQuality;
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrelator* handle,
+                                                        ztsdlib_CorrelationQuality* quality, zterr_Status* status);
 
 /* ---- syncable devices -------------------------------------------------- */
 

@@ -27,6 +27,20 @@ ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
                        });
 }
 
+ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_createSymmetric(
+    const char* correlatorUri, ztsdlib_Timescale* timescale1, ztsdlib_Timescale* timescale2,
+    uint32_t samplingIntervalMs, uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs, zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr,
+                       ({{"correlatorUri", correlatorUri}, {"timescale1", timescale1}, {"timescale2", timescale2}}),
+                       [&] {
+                           TimestampCorrelatorInterface* object = new ztsdlib::LinearCorrelator(
+                               std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1),
+                               *objectOf<TimescaleInterface>(timescale2), samplingIntervalMs, maxSampleSize,
+                               maxWaitForFirstCorrelateMs, ztsdlib::LinearCorrelator::Sampling::Symmetric);
+                           return handleOf<ztsdlib_TimestampCorrelator>(object);
+                       });
+}
+
 ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_CachingCorrelator_create(const char* uri,
                                                                           ztsdlib_TimestampCorrelator* correlator,
                                                                           zterr_Status* status) {
@@ -100,6 +114,20 @@ ZTSDLIB_API bool ztsdlib_TimestampCorrelator_isRunning(ztsdlib_TimestampCorrelat
 ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator* handle, zterr_Status* status) {
     return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}), [&] {
         return ztsdlib::api::duplicateForCaller(objectOf<TimestampCorrelatorInterface>(handle)->toJson());
+    });
+}
+
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrelator* handle,
+                                                        ztsdlib_CorrelationQuality* quality, zterr_Status* status) {
+    ZTSD_EXPORT_VOID(status, ({{"handle", handle}, {"quality", quality}}), [&] {
+        const auto* linear = dynamic_cast<const ztsdlib::LinearCorrelator*>(
+            objectOf<TimestampCorrelatorInterface>(handle));
+        if (!linear) {
+            zterr::raise(ZTERR_SITE(ztsdlib::api::kExportFile, zterr::name::ztapalerr_invalidParameter),
+                         zterr::code::ztapalerr_invalidParameter, "ztsyncdomain_debug",
+                         {{"message", "Only a linear correlator reports the quality of its fit."}});
+        }
+        *quality = linear->quality();
     });
 }
 

@@ -8,6 +8,7 @@
 #include "errors/status.h"
 #include "time/linearRegression.h"
 #include "time/linearRegressionFilterWrapper.h"
+#include "time/roundTripBracket.h"
 #include "time/timestamp.h"
 
 namespace ztsdlib {
@@ -37,11 +38,12 @@ ztsdlib_Timestamp readTime(TimescaleInterface& timescale) {
 
 LinearCorrelator::LinearCorrelator(std::string correlatorUri, TimescaleInterface& first, TimescaleInterface& second,
                                    std::uint32_t samplingInterval, std::uint32_t maxSamples,
-                                   std::uint32_t maxWaitForFirstCorrelate)
+                                   std::uint32_t maxWaitForFirstCorrelate, Sampling samplingKind)
     : TimescalePairCorrelator(std::move(correlatorUri), first, second),
       samplingIntervalMs(samplingInterval),
       maxSampleSize(maxSamples),
       maxWaitForFirstCorrelateMs(maxWaitForFirstCorrelate),
+      sampling(samplingKind),
       firstCorrelateTimer(maxWaitForFirstCorrelate) {}
 
 LinearCorrelator::~LinearCorrelator() {
@@ -69,9 +71,13 @@ void LinearCorrelator::start() {
         std::lock_guard<std::mutex> lock(timerMutex);
         firstCorrelateTimer.restart(maxWaitForFirstCorrelateMs);
     }
+    droppedRounds.store(0);
     running.exchange(true);
     try {
-        samplingTask = std::async(std::launch::async, &LinearCorrelator::sampleUntilStopped, this, holder);
+        samplingTask = std::async(std::launch::async,
+                                  sampling == Sampling::Symmetric ? &LinearCorrelator::sampleSymmetricUntilStopped
+                                                                  : &LinearCorrelator::sampleUntilStopped,
+                                  this, holder);
     } catch (...) {
         running.exchange(false);
         throw;
@@ -102,13 +108,41 @@ void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilter
         }
         previous1 = reading1;
         previous2 = reading2;
-
-        const auto pause = holder->getHistorySize() < maxSampleSize
-                               ? std::chrono::milliseconds(kFillPause)
-                               : std::chrono::milliseconds(samplingIntervalMs);
-        std::unique_lock<std::mutex> lock(wakeMutex);
-        wake.wait_for(lock, pause, [this] { return !running.load(); });
+        pauseAfterRound(*holder);
     }
+}
+
+void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder) {
+    TimestampDecimal previousMidpoint_s = 0;
+    ztsdlib_Timestamp previous2{};
+    BracketFilter brackets;
+    while (running.load()) {
+        const ztsdlib_Timestamp before = readTime(timescale1);
+        const ztsdlib_Timestamp reading2 = readTime(timescale2);
+        const ztsdlib_Timestamp after = readTime(timescale1);
+        const std::int64_t bracket_ns = differenceNanos(before, after);
+        if (bracket_ns < 0) {
+            // timescale1 went back within the round: no midpoint to trust.
+        } else if (!brackets.accept(bracket_ns)) {
+            droppedRounds.fetch_add(1);
+        } else {
+            const TimestampDecimal midpoint_s = midpoint(before, after);
+            if (midpoint_s != previousMidpoint_s && !sameTimestamp(reading2, previous2)) {
+                holder->addSample(midpoint_s, toDecimal(reading2));
+                holder->prepareCalculations();
+            }
+            previousMidpoint_s = midpoint_s;
+            previous2 = reading2;
+        }
+        pauseAfterRound(*holder);
+    }
+}
+
+void LinearCorrelator::pauseAfterRound(const LinearRegressionFilterWrapper& holder) {
+    const auto pause = holder.getHistorySize() < maxSampleSize ? std::chrono::milliseconds(kFillPause)
+                                                                : std::chrono::milliseconds(samplingIntervalMs);
+    std::unique_lock<std::mutex> lock(wakeMutex);
+    wake.wait_for(lock, pause, [this] { return !running.load(); });
 }
 
 std::shared_ptr<LinearRegressionFilterWrapper> LinearCorrelator::currentFilter() const {
@@ -147,18 +181,43 @@ ztsdlib_Timestamp LinearCorrelator::correlate(std::string_view sourceTimescaleUr
     }
     const auto holder = currentFilter();
     const std::uint64_t size = waitForHistory(*holder);
-    if (size < kMinHistorySize) {
-        zterr::raise(ZTERR_SITE(kLinearCorrelatorFile, zterr::name::ztapalerr_resourceNotInitialized),
-                     zterr::code::ztapalerr_resourceNotInitialized, "ztsyncdomain_debug",
-                     {{"message",
-                       "Correlator does not have enough data points even after waiting for the appropriates "
-                       "sampling intervals."},
-                      {"samplingInterval_ms", samplingIntervalMs},
-                      {"historySizeAfterCheck", size},
-                      {"minHistorySize", kMinHistorySize}});
-    }
+    if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
     return firstToSecond ? holder->calculateSecond(timestampInSourceTimescale)
                          : holder->calculateFirst(timestampInSourceTimescale);
+}
+
+void LinearCorrelator::raiseTooFewSamples(int line, std::uint64_t size) const {
+    zterr::raise(ZTERR_SITE_AT(kLinearCorrelatorFile, line, zterr::name::ztapalerr_resourceNotInitialized),
+                 zterr::code::ztapalerr_resourceNotInitialized, "ztsyncdomain_debug",
+                 {{"message",
+                   "Correlator does not have enough data points even after waiting for the appropriates "
+                   "sampling intervals."},
+                  {"samplingInterval_ms", samplingIntervalMs},
+                  {"historySizeAfterCheck", size},
+                  {"minHistorySize", kMinHistorySize}});
+}
+
+ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
+    const auto holder = currentFilter();
+    if (!holder) raiseTooFewSamples(__LINE__, 0);
+    LinearRegression::Quality figures;
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex());
+        // start() makes every holder over a LinearRegression.
+        const auto& regression = static_cast<const LinearRegression&>(holder->filter());
+        const std::uint64_t size = regression.getHistorySize();
+        if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
+        figures = regression.quality();
+    }
+    ztsdlib_CorrelationQuality result{};
+    result.sampleCount = figures.sampleCount;
+    result.span_ns = static_cast<double>(figures.span_s * 1000000000);
+    result.slope = static_cast<double>(figures.slope);
+    result.rate_ppb = static_cast<double>((figures.slope - 1) * 1000000000);
+    result.offsetAtNewest = toTimestamp(figures.offsetAtNewest_s);
+    result.residualStdDev_ns = static_cast<double>(figures.residualStdDev_s * 1000000000);
+    result.slopeStdError_ppb = static_cast<double>(figures.slopeStdError * 1000000000);
+    return result;
 }
 
 std::string LinearCorrelator::toJson() const {
@@ -172,6 +231,7 @@ std::string LinearCorrelator::toJson() const {
     json += "\"maxWaitForFirstCorrelateMs\" : ";
     json += std::to_string(maxWaitForFirstCorrelateMs);
     json += ", ";
+    if (sampling == Sampling::Symmetric) json += "\"sampling\" : \"symmetric\", ";
     json += "\"isThreadRunning\" : ";
     json += isRunning() ? "true" : "false";
     json += " }";

@@ -44,6 +44,21 @@
 // start never measures against the previous run's timer. Reports carry the
 // file label "source\ztsdlib\linearCorrelator".
 //
+// Symmetric sampling (Sampling::Symmetric): a round reads timescale1, then
+// timescale2, then timescale1 again and pairs the timescale2 reading with
+// the exact midpoint of the two timescale1 readings, so a remote reading is
+// paired with the middle of its round trip. Rounds whose bracket (the time
+// between the two timescale1 readings) BracketFilter refuses are dropped as
+// delayed replies and counted (delayedRoundsDropped); so are rounds where
+// timescale1 went back. The movement rule is the same as above, applied to
+// the midpoint and the timescale2 reading. toJson then carries
+// "sampling" : "symmetric", just before "isThreadRunning"; the default
+// sampling's text is unchanged.
+//
+// quality() reports the fit of the current history (LinearRegression's
+// figures); it does not wait, and fails with -52010 and correlate's message
+// while fewer than two samples exist.
+//
 // The timescales are the caller's objects: the correlator refers to them
 // and the caller keeps them alive as long as the correlator.
 #pragma once
@@ -68,9 +83,14 @@ constexpr const char* kLinearCorrelatorFile = "source\\ztsdlib\\linearCorrelator
 
 class LinearCorrelator : public TimescalePairCorrelator {
 public:
+    enum class Sampling {
+        Sequential,  // timescale1, then timescale2
+        Symmetric,   // timescale1, timescale2, timescale1; paired with the midpoint
+    };
+
     LinearCorrelator(std::string correlatorUri, TimescaleInterface& timescale1, TimescaleInterface& timescale2,
                      std::uint32_t samplingIntervalMs, std::uint32_t maxSampleSize,
-                     std::uint32_t maxWaitForFirstCorrelateMs);
+                     std::uint32_t maxWaitForFirstCorrelateMs, Sampling sampling = Sampling::Sequential);
     ~LinearCorrelator() override;
 
     LinearCorrelator(const LinearCorrelator&) = delete;
@@ -88,9 +108,17 @@ public:
 
     // Samples in the current history (0 before the first start).
     std::uint64_t historySize() const;
+    // The fit of the current history (see above).
+    ztsdlib_CorrelationQuality quality() const;
+    // Symmetric rounds dropped for a delayed reply since the last start.
+    std::uint64_t delayedRoundsDropped() const { return droppedRounds.load(); }
 
 private:
     void sampleUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder);
+    void sampleSymmetricUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder);
+    // The pause after a round: short while the history fills.
+    void pauseAfterRound(const LinearRegressionFilterWrapper& holder);
+    [[noreturn]] void raiseTooFewSamples(int line, std::uint64_t size) const;
     std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
     // The history size to go on with, after the first-correlate wait.
     std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder);
@@ -98,6 +126,8 @@ private:
     const std::uint32_t samplingIntervalMs;
     const std::uint32_t maxSampleSize;
     const std::uint32_t maxWaitForFirstCorrelateMs;
+    const Sampling sampling;
+    std::atomic<std::uint64_t> droppedRounds{0};
 
     mutable std::mutex filterMutex;
     std::shared_ptr<LinearRegressionFilterWrapper> filter;

@@ -35,7 +35,7 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
     }
     const TimestampDecimal dx_s = first_s - start1_s;
     const TimestampDecimal dy_s = second_s - start2_s;
-    Sample sample{dx_s, dy_s, dx_s * dx_s, dx_s * dy_s};
+    Sample sample{dx_s, dy_s, dx_s * dx_s, dx_s * dy_s, dy_s * dy_s};
     if (offsetsFromStart.size() >= maxHistorySize) {
         // Take the oldest sample out of the sums and reuse its node for the
         // new one (moved to the back: no allocation once the history is full).
@@ -44,6 +44,7 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
         sumY -= oldest.dy_s;
         sumXX -= oldest.dxdx;
         sumXY -= oldest.dxdy;
+        sumYY -= oldest.dydy;
         offsetsFromStart.splice(offsetsFromStart.end(), offsetsFromStart, offsetsFromStart.begin());
         offsetsFromStart.back() = sample;
     } else {
@@ -53,6 +54,7 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
     sumY += sample.dy_s;
     sumXX += sample.dxdx;
     sumXY += sample.dxdy;
+    sumYY += sample.dydy;
     fitStale = true;
 }
 
@@ -76,6 +78,29 @@ void LinearRegression::refit() const {
     const TimestampDecimal offsetIntercept = (sumY - slope_ * sumX) / n;
     intercept_ = start2_s + offsetIntercept - slope_ * start1_s;
     fit = Fit::Ready;
+
+    const Sample& newest = offsetsFromStart.back();
+    quality_.sampleCount = n;
+    quality_.span_s = newest.dx_s - offsetsFromStart.front().dx_s;
+    quality_.slope = slope_;
+    quality_.offsetAtNewest_s = start2_s + slope_ * newest.dx_s + offsetIntercept - (start1_s + newest.dx_s);
+    const TimestampDecimal nSxy = sumXY * n - sumX * sumY;
+    const TimestampDecimal nSyy = sumYY * n - sumY * sumY;
+    TimestampDecimal rss = (nSyy - nSxy * nSxy / denominator) / n;
+    if (rss < 0) rss = 0;  // the last digits of the cancellation, nothing more
+    if (n > 2) {
+        const TimestampDecimal variance = rss / (n - 2);
+        quality_.residualStdDev_s = sqrt(variance);
+        quality_.slopeStdError = sqrt(variance * n / denominator);
+    } else {
+        quality_.residualStdDev_s = 0;
+        quality_.slopeStdError = 0;
+    }
+}
+
+const LinearRegression::Quality& LinearRegression::quality() const {
+    requireFit();
+    return quality_;
 }
 
 void LinearRegression::requireFit() const {

@@ -30,6 +30,15 @@
 //   -52010 "Not enough history to calculate slope and intercept"
 //   -52008 "Invalid denominator in correlator calculation"
 //   -52008 "LinearRegression slope is 0." (calculateFirst only)
+// Fit quality: a fifth running sum (sumYY, of dy*dy) gives, with the other
+// four, the spread of the samples about the line without visiting them:
+//   nSxx = n*sumXX - sumX^2, nSxy = n*sumXY - sumX*sumY, nSyy = n*sumYY - sumY^2
+//   residual sum of squares  RSS = (nSyy - nSxy^2 / nSxx) / n   (0 if below)
+//   residual std deviation   s   = sqrt(RSS / (n - 2))          (0 for n = 2)
+//   slope standard error     se  = sqrt(s^2 * n / nSxx)
+// all in the exact decimal type; quality() gives them with the span of the
+// first coordinate (newest - oldest) and the fitted offset second - first at
+// the newest sample. They are made with the fit and kept with it.
 // Construction refuses maxHistorySize < 2 and sizes the list cannot hold
 // (-52005). Reports carry the file label "source\ztsdlib\linearRegression".
 //
@@ -61,6 +70,18 @@ public:
     TimestampDecimal slope() const;
     TimestampDecimal intercept_s() const;
 
+    struct Quality {
+        std::uint64_t sampleCount = 0;
+        TimestampDecimal span_s;            // first coordinate, newest - oldest kept sample
+        TimestampDecimal slope;             // d second / d first
+        TimestampDecimal offsetAtNewest_s;  // fitted second - first at the newest first reading
+        TimestampDecimal residualStdDev_s;  // of the second coordinate about the line
+        TimestampDecimal slopeStdError;     // of the slope, dimensionless
+    };
+    // The quality of the present fit (throws as the calculations do when
+    // there is none).
+    const Quality& quality() const;
+
 private:
     // One kept sample. Its two products are kept with it so that dropping
     // it takes out of the sums exactly what adding it put in, without
@@ -70,6 +91,7 @@ private:
         TimestampDecimal dy_s;  // second reading - start2
         TimestampDecimal dxdx;  // dx_s * dx_s
         TimestampDecimal dxdy;  // dx_s * dy_s
+        TimestampDecimal dydy;  // dy_s * dy_s
     };
     enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
 
@@ -80,12 +102,13 @@ private:
     std::list<Sample> offsetsFromStart;
     TimestampDecimal start1_s, start2_s;
     TimestampDecimal sumX, sumY;
-    TimestampDecimal sumXX, sumXY;
+    TimestampDecimal sumXX, sumXY, sumYY;
 
     // The fit of the present history, made on demand (see above).
     mutable bool fitStale = false;
     mutable Fit fit = Fit::NotEnoughHistory;
     mutable TimestampDecimal slope_, intercept_;
+    mutable Quality quality_;
 };
 
 }  // namespace ztsdlib

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/multiprecision/cpp_int.hpp>
+#include <cmath>
 #include <cstdint>
 #include <algorithm>
 #include <ios>
@@ -334,4 +335,89 @@ TEST(LinearRegression, DegenerateHistoriesReportWhyThereIsNoFit) {
     evicting.addSample(6, 4);
     EXPECT_TRUE(near(evicting.slope(), 2));
     EXPECT_TRUE(near(evicting.calculateSecond(7), 6));
+}
+
+namespace {
+
+// The fit's quality figures computed from their definitions on the kept
+// samples (centred sums of exact rationals, residuals visited one by one),
+// squared where the code takes a root.
+struct ExactQuality {
+    cpp_rational span, slope, offsetAtNewest, residualVariance, slopeVariance;
+};
+
+ExactQuality exactQuality(const std::vector<SampleNs>& kept) {
+    const ExactLine line = exactFit(kept);
+    const auto seconds = [](const cpp_int& ns) { return cpp_rational(ns, kNanosPerSecond); };
+    cpp_rational meanX;
+    for (const auto& s : kept) meanX += seconds(s.x);
+    meanX /= cpp_rational(static_cast<long long>(kept.size()));
+    cpp_rational sxx, rss;
+    for (const auto& s : kept) {
+        const cpp_rational dx = seconds(s.x) - meanX;
+        const cpp_rational r = seconds(s.y) - line.second(seconds(s.x));
+        sxx += dx * dx;
+        rss += r * r;
+    }
+    ExactQuality q;
+    q.span = seconds(kept.back().x - kept.front().x);
+    q.slope = line.slope;
+    q.offsetAtNewest = line.second(seconds(kept.back().x)) - seconds(kept.back().x);
+    const long long n = static_cast<long long>(kept.size());
+    q.residualVariance = n > 2 ? cpp_rational(rss / (n - 2)) : cpp_rational(0);
+    q.slopeVariance = q.residualVariance / sxx;
+    return q;
+}
+
+bool relativelyNear(const cpp_rational& got, const cpp_rational& exact, const cpp_rational& relative) {
+    if (exact == 0) return got == 0;
+    return abs(got - exact) <= abs(exact) * relative;
+}
+
+}  // namespace
+
+TEST(LinearRegression, QualityFiguresMatchAnExactComputationAndRecoverTheNoise) {
+    std::mt19937_64 rng(1717);
+    struct Case {
+        std::uint64_t maxHistory;
+        int samples;
+        long long ppm, noise_ns;
+    };
+    // Two samples (no residual), a history that has dropped samples, clean
+    // and noisy lines, and a long history whose noise is measurable.
+    const Case cases[] = {{2, 2, 20, 500},   {2, 9, -50, 300},    {5, 40, 120, 0},
+                          {64, 200, -7, 50}, {1000, 1000, 120, 3000}, {1000, 1500, -49, 10000}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE("maxHistory " + std::to_string(c.maxHistory) + ", samples " + std::to_string(c.samples) +
+                     ", noise " + std::to_string(c.noise_ns));
+        const auto samples = noisySamples(rng, c.samples, c.ppm, c.noise_ns);
+        LinearRegression regression(c.maxHistory);
+        for (const auto& s : samples) regression.addSample(decimalOfNanos(s.x), decimalOfNanos(s.y));
+        const auto kept = tail(samples, c.maxHistory);
+        const ExactQuality exact = exactQuality(kept);
+        const LinearRegression::Quality& got = regression.quality();
+
+        EXPECT_EQ(got.sampleCount, kept.size());
+        EXPECT_EQ(rationalOf(got.span_s), exact.span);
+        EXPECT_TRUE(relativelyNear(rationalOf(got.slope), exact.slope, cpp_rational(1, cpp_int("1000000000000000000"))));
+        EXPECT_LT(abs(rationalOf(got.offsetAtNewest_s) - exact.offsetAtNewest), cpp_rational(1, cpp_int("1000000000000")));
+        const cpp_rational sd = rationalOf(got.residualStdDev_s), se = rationalOf(got.slopeStdError);
+        EXPECT_TRUE(relativelyNear(sd * sd, exact.residualVariance, cpp_rational(1, 1000000000)))
+            << got.residualStdDev_s.str() << " vs variance " << static_cast<double>(exact.residualVariance);
+        EXPECT_TRUE(relativelyNear(se * se, exact.slopeVariance, cpp_rational(1, 1000000000)))
+            << got.slopeStdError.str() << " vs variance " << static_cast<double>(exact.slopeVariance);
+        // Noise uniform in [-a, a] has a standard deviation of a / sqrt(3)
+        // (the 0..999 ns jitter of the first reading adds to it at most
+        // 120 ppm of 1 us); a long history measures it to within 10 %.
+        if (kept.size() >= 1000) {
+            const double expected_ns = static_cast<double>(c.noise_ns) / std::sqrt(3.0);
+            EXPECT_NEAR(static_cast<double>(got.residualStdDev_s) * 1e9, expected_ns, expected_ns * 0.1);
+        }
+    }
+    // No quality without a fit, for the fit's reasons.
+    LinearRegression one(4);
+    one.addSample(decimalOfNanos(5), decimalOfNanos(7));
+    EXPECT_EQ(catchReport([&] { one.quality(); }).code, -52010);
+    one.addSample(decimalOfNanos(5), decimalOfNanos(9));
+    EXPECT_EQ(catchReport([&] { one.quality(); }).code, -52008);
 }
