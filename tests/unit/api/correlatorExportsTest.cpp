@@ -50,6 +50,19 @@ TEST(CorrelatorExports, CreatesWireTheirArgumentsAndGettersReturnStoredText) {
               "\"samplingIntervalMs\" : 1000, \"maxSampleSize\" : 2, \"maxWaitForFirstCorrelateMs\" : 500, "
               "\"isThreadRunning\" : false }");
     ztsdlib_TimestampCorrelator_delete(linear);
+    ztsdlib_TimestampCorrelator* symmetric =
+        ztsdlib_LinearCorrelator_createSymmetric("/corr/s", clocks.system, clocks.second, 7, 3, 9, &st);
+    EXPECT_EQ(takeText(ztsdlib_TimestampCorrelator_toJson(symmetric, &st)),
+              "{ \"type\" : \"linear\", \"uri\" : \"/corr/s\", \"timescaleUri1\" : "
+              "\"/localhost/ztsds/timescales/system\", \"timescaleUri2\" : \"/localhost/ztsds/timescales/second\", "
+              "\"samplingIntervalMs\" : 7, \"maxSampleSize\" : 3, \"maxWaitForFirstCorrelateMs\" : 9, "
+              "\"sampling\" : \"symmetric\", \"isThreadRunning\" : false }");
+    // No quality before a start (as correlate: too few samples).
+    ztsdlib_CorrelationQuality quality{};
+    OwnedStatus early;
+    ztsdlib_TimestampCorrelator_getQuality(symmetric, &quality, &early);
+    EXPECT_EQ(early.s.code, -52010) << early.text();
+    ztsdlib_TimestampCorrelator_delete(symmetric);
 
     ztsdlib_TimestampCorrelator* nop = ztsdlib_NopCorrelator_create("/corr/n", clocks.system, clocks.second, &st);
     ztsdlib_TimestampCorrelator* caching = ztsdlib_CachingCorrelator_create("/corr/c", nop, &st);
@@ -64,6 +77,9 @@ TEST(CorrelatorExports, CreatesWireTheirArgumentsAndGettersReturnStoredText) {
     ztsdlib_TimestampCorrelator_correlate(caching, &t, kOtherClockUri, &out, &st);
     EXPECT_TRUE(ztsdlib::sameTimestamp(out, t));
     EXPECT_TRUE(ztsdlib_TimestampCorrelator_isRunning(caching, &st));
+    OwnedStatus notLinear;
+    ztsdlib_TimestampCorrelator_getQuality(caching, &quality, &notLinear);
+    EXPECT_EQ(notLinear.s.code, -52005) << notLinear.text();
     char* json = ztsdlib_TimestampCorrelator_toJson(caching, &st);  // the wrapped correlator's
     ztsdlib_TimestampCorrelator_delete(caching);
     ztsdlib_TimestampCorrelator_delete(nop);
@@ -92,6 +108,9 @@ TEST(CorrelatorExports, ReportTheFirstMissingArgumentByName) {
         {"timescale2", [&](zterr_Status* s) { ztsdlib_LinearCorrelator_create("/l", system, nullptr, 1, 2, 3, s); }},
         {"correlatorUri", [&](zterr_Status* s) { ztsdlib_NopCorrelator_create(nullptr, nullptr, nullptr, s); }},
         {"correlator", [&](zterr_Status* s) { ztsdlib_CachingCorrelator_create("/c", nullptr, s); }},
+        {"timescale1",
+         [&](zterr_Status* s) { ztsdlib_LinearCorrelator_createSymmetric("/l", nullptr, system, 1, 2, 3, s); }},
+        {"quality", [&](zterr_Status* s) { ztsdlib_TimestampCorrelator_getQuality(nop, nullptr, s); }},
     };
     const std::string missing = "\"ztsyncdomain_debug\":{\"message\":\"Encountered missing parameter needed for task "
                                 "completion.\",";

@@ -4,13 +4,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "time/linearCorrelator.h"
+#include "time/roundTripBracket.h"
 #include "time/timestamp.h"
 #include "unit/support/errorReport.h"
 #include "unit/support/testTimescales.h"
@@ -353,4 +356,114 @@ TEST(LinearCorrelatorConcurrency, ManyFirstCorrelatesWaitTogetherAndAllGiveUpAtT
     EXPECT_GE(waited, 150);
     EXPECT_LT(waited, 5000);
     correlator.stop();
+}
+
+namespace {
+
+// Two clocks joined by a scripted link: one virtual time T (ns) moves only
+// when the link is used. The host reads T; a remote reading first spends
+// out_ns on the way there, reads remote(T) = offset + T + (T - T0) / 20000
+// (50 ppm fast), then spends back_ns (plus slowBack_ns on every slowEvery-th
+// read, a delayed reply) on the way back.
+struct ScriptedLink {
+    static constexpr std::uint64_t kT0 = 13000000000ULL * 1000000000ULL;
+    static constexpr std::uint64_t kOffset_ns = 2500000;  // 2.5 ms ahead
+    std::uint64_t out_ns, back_ns, slowBack_ns, slowEvery;
+    std::mutex mutex;
+    std::uint64_t t = kT0;
+    std::uint64_t remoteReads = 0;
+
+    static std::uint64_t remoteAt(std::uint64_t host_ns) { return kOffset_ns + host_ns + (host_ns - kT0) / 20000; }
+
+    struct Clock : ztsdlib::TimescaleInterface {
+        Clock(ScriptedLink& l, std::string u, bool r) : link(l), uri(std::move(u)), remote(r) {}
+        const std::string& getUri() const override { return uri; }
+        std::string toJson() const override { return "{}"; }
+        void getTime(ztsdlib_Timestamp& timestamp, zterr_Status*) override {
+            std::lock_guard<std::mutex> lock(link.mutex);
+            if (!remote) {
+                timestamp = timestampOfNanos(link.t);
+                return;
+            }
+            link.t += link.out_ns;
+            timestamp = timestampOfNanos(remoteAt(link.t));
+            ++link.remoteReads;
+            link.t += link.back_ns + (link.slowEvery && link.remoteReads % link.slowEvery == 0 ? link.slowBack_ns : 0);
+        }
+        ScriptedLink& link;
+        std::string uri;
+        bool remote;
+    };
+    Clock host{*this, kSecondUri, false};
+    Clock chassis{*this, kFirstUri, true};
+};
+
+}  // namespace
+
+// The pairing against known answers. Delays are multiples of 20 us so that
+// every remote reading lies exactly on its line. The default sampling pairs
+// a host reading with a remote one taken out_ns later, so its answers run
+// out_ns (of host time) late; the symmetric one pairs the remote reading
+// with the middle of the round trip, out_ns + back_ns long, so its answers
+// are off by (out_ns - back_ns) / 2: nothing on a symmetric link.
+TEST(LinearCorrelator, SymmetricSamplingPairsTheRemoteReadingWithTheMiddleOfTheRoundTrip) {
+    using Sampling = LinearCorrelator::Sampling;
+    struct Case {
+        Sampling sampling;
+        std::uint64_t out_ns, back_ns, slowBack_ns, slowEvery;
+        long long error_ns;  // host time by which the answer is late
+        bool drops;          // delayed replies were dropped
+    };
+    const Case cases[] = {
+        {Sampling::Symmetric, 40000, 40000, 0, 0, 0, false},
+        {Sampling::Symmetric, 80000, 20000, 0, 0, 30000, false},
+        {Sampling::Symmetric, 0, 100000, 0, 0, -50000, false},
+        // Every 6th reply is held 2 ms: dropped, or it would bend the line.
+        {Sampling::Symmetric, 40000, 40000, 2000000, 6, 0, true},
+        {Sampling::Sequential, 40000, 40000, 0, 0, 40000, false},
+        {Sampling::Sequential, 80000, 20000, 0, 0, 80000, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("out " + std::to_string(c.out_ns) + " back " + std::to_string(c.back_ns) + " slow " +
+                     std::to_string(c.slowBack_ns) + (c.sampling == Sampling::Symmetric ? " symmetric" : " sequential"));
+        ScriptedLink link{c.out_ns, c.back_ns, c.slowBack_ns, c.slowEvery};
+        LinearCorrelator correlator("/corr", link.host, link.chassis, 1, 24, 5000, c.sampling);
+        correlator.start();
+        for (std::uint64_t h : std::initializer_list<std::uint64_t>{ScriptedLink::kT0 + 1000000000ULL, ScriptedLink::kT0 + 3600000000000ULL}) {
+            const ztsdlib_Timestamp got = correlator.correlate(kSecondUri, timestampOfNanos(h));
+            const std::uint64_t expected = ScriptedLink::remoteAt(h + c.error_ns);
+            const long long miss_ns = static_cast<long long>(ztsdtest::nanosOf(got) - expected);
+            EXPECT_LE(std::llabs(miss_ns), 1) << h << ": off by " << miss_ns << " ns";
+        }
+        const ztsdlib_CorrelationQuality q = correlator.quality();
+        EXPECT_NEAR(q.rate_ppb, 50000.0, 1e-3);
+        EXPECT_LT(q.residualStdDev_ns, 1.0);
+        correlator.stop();
+        EXPECT_EQ(correlator.delayedRoundsDropped() > 0, c.drops) << correlator.delayedRoundsDropped();
+    }
+}
+
+// The rule for delayed replies: a bracket over 3 times the median of the
+// last 15 and over 20 us above it is refused; nothing is refused before 5
+// brackets were seen; refused brackets still enter the window.
+TEST(LinearCorrelator, BracketFilterDropsOnlyRoundsFarWiderThanTheRecentMedian) {
+    struct Case {
+        const char* name;
+        std::vector<std::int64_t> brackets;
+        std::vector<bool> kept;
+    };
+    const Case cases[] = {
+        {"too early to judge", {50000, 50000, 1000000, 50000}, {true, true, true, true}},
+        {"a delayed reply", {50000, 52000, 49000, 51000, 50000, 150001, 1000000, 150000}, {true, true, true, true, true, false, false, true}},
+        {"wide but within the margin", {2000, 2000, 2000, 2000, 2000, 21999, 22001}, {true, true, true, true, true, true, false}},
+        {"a lasting slow-down is learnt",
+         {10000, 10000, 10000, 10000, 10000, 90000, 90000, 90000, 90000, 90000, 90000, 90000, 90000},
+         {true, true, true, true, true, false, false, false, false, false, false, true, true}},
+    };
+    for (const Case& c : cases) {
+        ztsdlib::BracketFilter filter;
+        std::vector<bool> kept;
+        for (std::int64_t b : c.brackets) kept.push_back(filter.accept(b));
+        EXPECT_EQ(kept, c.kept) << c.name;
+    }
 }
