@@ -2,7 +2,8 @@
 //   addSample on a full history of 1000 samples     <= 500 ns
 //     (the fit is made apart from the add, by the sampling task; the add
 //     with its fit is measured too, for comparison)
-//   LinearCorrelator::correlate on a full history   <= 500 ns
+//   LinearCorrelator::correlate on a full history   <= 500 ns, both samplings
+//   LinearCorrelator::quality on a full history     <= 1 us
 //   CachingCorrelator::correlate answered from cache <= 100 ns
 #include <benchmark/benchmark.h>
 
@@ -81,8 +82,9 @@ BENCHMARK(BM_RegressionAddSampleAndFitOnFullHistory)->Repetitions(9)->ReportAggr
 struct FullCorrelator {
     ztsdlib::HostTimescale first{ztsdlib::kHostTimescaleUri};
     ztsdlib::HostTimescale second{"/localhost/ztsds/timescales/second"};
-    ztsdlib::LinearCorrelator linear{"/bench/linear", first, second, 60000, 1000, 10000};
-    FullCorrelator() {
+    ztsdlib::LinearCorrelator linear;
+    explicit FullCorrelator(ztsdlib::LinearCorrelator::Sampling sampling = ztsdlib::LinearCorrelator::Sampling::Sequential)
+        : linear("/bench/linear", first, second, 60000, 1000, 10000, sampling) {
         linear.start();
         while (linear.historySize() < 1000) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -111,6 +113,27 @@ void BM_LinearCorrelatorCorrelateSecondToFirst(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_LinearCorrelatorCorrelateSecondToFirst)->Repetitions(9)->ReportAggregatesOnly(true);
+
+void BM_SymmetricCorrelatorCorrelateFirstToSecond(benchmark::State& state) {
+    FullCorrelator c(ztsdlib::LinearCorrelator::Sampling::Symmetric);
+    ztsdlib_Timestamp now{};
+    c.first.getTime(now, nullptr);
+    for (auto _ : state) {
+        const ztsdlib_Timestamp t = c.linear.correlate(ztsdlib::kHostTimescaleUri, now);
+        benchmark::DoNotOptimize(t);
+        now.nanos = (now.nanos + 100u) % 1000000000u;
+    }
+}
+BENCHMARK(BM_SymmetricCorrelatorCorrelateFirstToSecond)->Repetitions(9)->ReportAggregatesOnly(true);
+
+void BM_LinearCorrelatorQuality(benchmark::State& state) {
+    FullCorrelator c(ztsdlib::LinearCorrelator::Sampling::Symmetric);
+    for (auto _ : state) {
+        const ztsdlib_CorrelationQuality q = c.linear.quality();
+        benchmark::DoNotOptimize(q);
+    }
+}
+BENCHMARK(BM_LinearCorrelatorQuality)->Repetitions(9)->ReportAggregatesOnly(true);
 
 void BM_CachingCorrelatorHit(benchmark::State& state) {
     FullCorrelator c;

@@ -256,7 +256,9 @@ ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator
  *                       to the nanosecond (isNegative when timescale2 is behind)
  *   residualStdDev_ns   standard deviation of y about the line, sqrt(RSS/(n-2))
  *   slopeStdError_ppb   standard error of the slope, sqrt(RSS/(n-2)/Sxx) * 1e9
- * With two samples the last two are 0. Fails with -52010 (as correlate)
+ *   offsetStdError_ns   standard error of the fitted y at the newest x,
+ *                       sqrt(RSS/(n-2) * (1/n + (xn - mean x)^2 / Sxx))
+ * With two samples the last three are 0. Fails with -52010 (as correlate)
  * while fewer than two samples exist (also before the first start),
  * -52008 when all samples share one timescale1 reading, and -52005 for a
  * correlator that is not linear (ask the linear one a caching correlator
@@ -270,6 +272,7 @@ typedef struct ztsdlib_CorrelationQuality {
     ztsdlib_Timestamp offsetAtNewest;
     double residualStdDev_ns;
     double slopeStdError_ppb;
+    double offsetStdError_ns;
 } ztsdlib_CorrelationQuality;
 ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrelator* handle,
                                                         ztsdlib_CorrelationQuality* quality, zterr_Status* status);

@@ -72,6 +72,10 @@ void LinearCorrelator::start() {
         firstCorrelateTimer.restart(maxWaitForFirstCorrelateMs);
     }
     droppedRounds.store(0);
+    {
+        std::lock_guard<std::mutex> lock(qualityMutex);
+        qualityHolder = nullptr;
+    }
     running.exchange(true);
     try {
         samplingTask = std::async(std::launch::async,
@@ -105,6 +109,7 @@ void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilter
             holder->addSample(first_s, second_s);
             // The fit is made here, in the sampling task, so correlate finds it ready.
             holder->prepareCalculations();
+            publishQuality(holder);
         }
         previous1 = reading1;
         previous2 = reading2;
@@ -130,6 +135,7 @@ void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegress
             if (midpoint_s != previousMidpoint_s && !sameTimestamp(reading2, previous2)) {
                 holder->addSample(midpoint_s, toDecimal(reading2));
                 holder->prepareCalculations();
+                publishQuality(holder);
             }
             previousMidpoint_s = midpoint_s;
             previous2 = reading2;
@@ -197,14 +203,12 @@ void LinearCorrelator::raiseTooFewSamples(int line, std::uint64_t size) const {
                   {"minHistorySize", kMinHistorySize}});
 }
 
-ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
-    const auto holder = currentFilter();
-    if (!holder) raiseTooFewSamples(__LINE__, 0);
+ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionFilterWrapper& holder) const {
     LinearRegression::Quality figures;
     {
-        std::lock_guard<std::mutex> lock(holder->mutex());
+        std::lock_guard<std::mutex> lock(holder.mutex());
         // start() makes every holder over a LinearRegression.
-        const auto& regression = static_cast<const LinearRegression&>(holder->filter());
+        const auto& regression = static_cast<const LinearRegression&>(holder.filter());
         const std::uint64_t size = regression.getHistorySize();
         if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
         figures = regression.quality();
@@ -217,7 +221,33 @@ ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
     result.offsetAtNewest = toTimestamp(figures.offsetAtNewest_s);
     result.residualStdDev_ns = static_cast<double>(figures.residualStdDev_s * 1000000000);
     result.slopeStdError_ppb = static_cast<double>(figures.slopeStdError * 1000000000);
+    result.offsetStdError_ns = static_cast<double>(figures.offsetStdError_s * 1000000000);
     return result;
+}
+
+void LinearCorrelator::publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder) {
+    ztsdlib_CorrelationQuality record;
+    try {
+        record = makeQuality(*holder);
+    } catch (...) {
+        // No fit (yet): callers make the record themselves and get the reason.
+        std::lock_guard<std::mutex> lock(qualityMutex);
+        qualityHolder = nullptr;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(qualityMutex);
+    qualityHolder = holder.get();
+    published = record;
+}
+
+ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
+    const auto holder = currentFilter();
+    if (!holder) raiseTooFewSamples(__LINE__, 0);
+    {
+        std::lock_guard<std::mutex> lock(qualityMutex);
+        if (qualityHolder == holder.get()) return published;
+    }
+    return makeQuality(*holder);
 }
 
 std::string LinearCorrelator::toJson() const {

@@ -57,7 +57,11 @@
 //
 // quality() reports the fit of the current history (LinearRegression's
 // figures); it does not wait, and fails with -52010 and correlate's message
-// while fewer than two samples exist.
+// while fewer than two samples exist. The sampling task turns the figures
+// into the caller's record (doubles, a timestamp) after each add and
+// publishes it, so that a call costs a copy; while nothing is published for
+// the present history (its fit failed, or a call races the first add), the
+// call makes the record itself and reports the fit's failure.
 //
 // The timescales are the caller's objects: the correlator refers to them
 // and the caller keeps them alive as long as the correlator.
@@ -119,6 +123,10 @@ private:
     // The pause after a round: short while the history fills.
     void pauseAfterRound(const LinearRegressionFilterWrapper& holder);
     [[noreturn]] void raiseTooFewSamples(int line, std::uint64_t size) const;
+    // The quality record of the holder's present fit, made afresh.
+    ztsdlib_CorrelationQuality makeQuality(const LinearRegressionFilterWrapper& holder) const;
+    // Called by the sampling task after each add.
+    void publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder);
     std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
     // The history size to go on with, after the first-correlate wait.
     std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder);
@@ -137,6 +145,10 @@ private:
 
     std::mutex timerMutex;
     ztsdtools::MonotonicTimer firstCorrelateTimer;
+
+    mutable std::mutex qualityMutex;
+    const LinearRegressionFilterWrapper* qualityHolder = nullptr;  // whose fit `published` is; compared only
+    ztsdlib_CorrelationQuality published{};
 
     std::mutex wakeMutex;
     std::condition_variable wake;

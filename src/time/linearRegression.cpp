@@ -91,10 +91,14 @@ void LinearRegression::refit() const {
     if (n > 2) {
         const TimestampDecimal variance = rss / (n - 2);
         quality_.residualStdDev_s = sqrt(variance);
-        quality_.slopeStdError = sqrt(variance * n / denominator);
+        const TimestampDecimal slopeVariance = variance * n / denominator;
+        quality_.slopeStdError = sqrt(slopeVariance);
+        const TimestampDecimal fromMean_s = newest.dx_s - sumX / n;
+        quality_.offsetStdError_s = sqrt(variance / n + slopeVariance * fromMean_s * fromMean_s);
     } else {
         quality_.residualStdDev_s = 0;
         quality_.slopeStdError = 0;
+        quality_.offsetStdError_s = 0;
     }
 }
 

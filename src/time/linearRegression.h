@@ -36,6 +36,8 @@
 //   residual sum of squares  RSS = (nSyy - nSxy^2 / nSxx) / n   (0 if below)
 //   residual std deviation   s   = sqrt(RSS / (n - 2))          (0 for n = 2)
 //   slope standard error     se  = sqrt(s^2 * n / nSxx)
+//   offset standard error    at the newest sample's first reading xn:
+//                            sqrt(s^2 / n + se^2 * (xn - sumX / n)^2)
 // all in the exact decimal type; quality() gives them with the span of the
 // first coordinate (newest - oldest) and the fitted offset second - first at
 // the newest sample. They are made with the fit and kept with it.
@@ -77,6 +79,7 @@ public:
         TimestampDecimal offsetAtNewest_s;  // fitted second - first at the newest first reading
         TimestampDecimal residualStdDev_s;  // of the second coordinate about the line
         TimestampDecimal slopeStdError;     // of the slope, dimensionless
+        TimestampDecimal offsetStdError_s;  // of the fitted line at the newest sample
     };
     // The quality of the present fit (throws as the calculations do when
     // there is none).

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <random>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -91,6 +92,9 @@ public:
     std::int32_t failureCode = 0;
     std::string failureJson;
     std::uint64_t releases = 0;  // bumped by every release of held calls
+    std::int64_t replyDelay_ns = 0;   // added to every time reply after the clock is read
+    std::int64_t replyJitter_ns = 0;  // plus uniform in [0, jitter]
+    std::mt19937_64 jitterSource{20261123};
 
     std::uint64_t connections = 0;
     std::uint64_t refused = 0;
@@ -147,12 +151,38 @@ public:
 
 namespace {
 
+// Holds a time reply back by the configured delay and jitter once the clock
+// has been read: declared before the handler takes the state's lock, it
+// waits after that lock is released (or until stop()).
+class ReplyDelay {
+public:
+    explicit ReplyDelay(DaemonState* s) : state(s) {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        delay_ns = state->replyDelay_ns;
+        if (state->replyJitter_ns > 0) {
+            delay_ns += std::uniform_int_distribution<std::int64_t>(0, state->replyJitter_ns)(state->jitterSource);
+        }
+    }
+    ~ReplyDelay() {
+        if (delay_ns <= 0) return;
+        std::unique_lock<std::mutex> lock(state->mutex);
+        state->changed.wait_for(lock, std::chrono::nanoseconds(delay_ns), [this] { return state->stopping; });
+    }
+    ReplyDelay(const ReplyDelay&) = delete;
+    ReplyDelay& operator=(const ReplyDelay&) = delete;
+
+private:
+    DaemonState* state;
+    std::int64_t delay_ns = 0;
+};
+
 class Handler : public tss::timestampServiceIf {
 public:
     explicit Handler(DaemonState* s) : state(s) {}
 
     void getTime(tss::TimestampInfo& answer, const std::int32_t id) override {
         state->beforeCall(true);
+        const ReplyDelay delay(state);
         std::lock_guard<std::mutex> lock(state->mutex);
         if (id < 0 || static_cast<std::size_t>(id) >= state->uris.size()) {
             tss::thrift_zterr error;
@@ -178,6 +208,7 @@ public:
 
     void getTimeAndCurrentTimescales(tss::TimeInfo& answer) override {
         state->beforeCall(true);
+        const ReplyDelay delay(state);
         std::lock_guard<std::mutex> lock(state->mutex);
         // A version 1 daemon does not know this method.
         if (state->apiVersion < 2) throw std::runtime_error("Invalid method name: 'getTimeAndCurrentTimescales'");
@@ -379,6 +410,12 @@ ztsdlib_Timestamp TimestampDaemonSimulator::timeAt(const ztsdlib_Timestamp& host
 ztsdlib_Timestamp TimestampDaemonSimulator::now() const {
     std::lock_guard<std::mutex> lock(state->mutex);
     return fromNanos(state->timeAtLocked(hostNow()));
+}
+
+void TimestampDaemonSimulator::setReplyDelay(std::uint32_t delay_us, std::uint32_t jitter_us) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->replyDelay_ns = static_cast<std::int64_t>(delay_us) * 1000;
+    state->replyJitter_ns = static_cast<std::int64_t>(jitter_us) * 1000;
 }
 
 void TimestampDaemonSimulator::setReportedUri(std::optional<std::string> uri) {

@@ -34,6 +34,12 @@
 //                       the given code and JSON text
 //   dropConnections     shuts down every open connection now
 // A call meets the faults in the order stall, drop, fail.
+// setReplyDelay holds every time reply (getTime, getTimeAndCurrentTimescales)
+// back by a fixed delay plus a random jitter (uniform, fixed seed) after the
+// clock is read: the return path is slower than the outward one, as on a
+// congested link, which a reader that pairs its own clock with the start of
+// the round trip mistakes for offset. It is a setting, not a fault:
+// clearFaults() leaves it.
 //
 // Threads: every control and counter may be used from any thread; the state
 // sits under one mutex and held calls wait on a condition variable that
@@ -92,6 +98,8 @@ public:
     // The target's time now.
     ztsdlib_Timestamp now() const;
 
+    // Both in microseconds; 0, 0 (the default) answers at once.
+    void setReplyDelay(std::uint32_t delay_us, std::uint32_t jitter_us);
     void setReportedUri(std::optional<std::string> uri);  // nullopt: the list's URI
     void refuseConnections(std::uint32_t count);
     void dropCalls(std::uint32_t count);

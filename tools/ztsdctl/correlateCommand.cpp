@@ -1,5 +1,6 @@
 // correlate: fit the host clock against a remote timescale and read the line.
 #include <iostream>
+#include <sstream>
 
 #include "commands.h"
 #include "interrupt.h"
@@ -7,15 +8,41 @@
 
 namespace ztsdctl {
 
+namespace {
+
+// A non-negative figure in nanoseconds, rounded to the nanosecond, as a duration.
+std::string uncertaintyText(double ns) { return durationText(static_cast<Nanos>(ns + 0.5)); }
+
+// ppb to a text in ppm with three decimals.
+std::string ppmText(double ppb) {
+    std::ostringstream text;
+    text.setf(std::ios::fixed);
+    text.precision(3);
+    text << ppb / 1000;
+    return text.str();
+}
+
+}  // namespace
+
 void printCorrelation(std::ostream& out, const CorrelationResult& result) {
     const std::string& atUri = result.atIsRemote ? result.remoteUri : result.hostUri;
     const std::string& otherUri = result.atIsRemote ? result.hostUri : result.remoteUri;
+    const ztsdlib_CorrelationQuality& q = result.quality;
     out << "correlator   " << result.correlatorJson << "\n"
-              << "offset       remote - host = " << durationText(result.offset_ns) << " at host time "
-              << utcText(result.reference) << "\n"
+              << "offset       remote - host = " << durationText(result.offset_ns) << " +/- "
+              << uncertaintyText(q.offsetStdError_ns) << " at host time " << utcText(result.reference) << "\n"
               << "rate         remote runs " << fixedPoint(result.rate_ppt, 6, true) << " ppm ("
-              << fixedPoint(result.rate_ppt, 3, true) << " ppb) against the host\n"
-              << "time         " << decimalSeconds(result.at) << "  " << utcText(result.at) << "  on " << atUri << "\n"
+              << fixedPoint(result.rate_ppt, 3, true) << " ppb) +/- " << ppmText(q.slopeStdError_ppb)
+              << " ppm against the host\n"
+              << "fit          " << q.sampleCount << " samples over " << fixedPoint(static_cast<Nanos>(q.span_ns), 9, false)
+              << " s, residual " << uncertaintyText(q.residualStdDev_ns) << " ("
+              << (result.symmetric ? "symmetric" : "sequential") << " sampling; +/- is one standard error)\n";
+    if (!result.rateIsMeaningful()) {
+        out << "warning      the rate means nothing yet: its uncertainty (3 x " << ppmText(q.slopeStdError_ppb)
+            << " ppm) exceeds 1 ppm; the baseline of " << fixedPoint(static_cast<Nanos>(q.span_ns / 1e6), 3, false)
+            << " s is still too short (sample longer: --settle-ms, --samples, --interval-ms)\n";
+    }
+    out << "time         " << decimalSeconds(result.at) << "  " << utcText(result.at) << "  on " << atUri << "\n"
               << "correlated   " << decimalSeconds(result.correlated) << "  " << utcText(result.correlated) << "  on "
               << otherUri << "\n";
 }
@@ -28,6 +55,15 @@ std::string correlationJson(const CorrelationResult& result) {
         .addRaw("reference", timestampJson(result.reference))
         .addInteger("offset_ns", result.offset_ns)
         .addRaw("rate_ppb", fixedPoint(result.rate_ppt, 3, false))
+        .addRaw("quality", JsonObject()
+                               .addString("sampling", result.symmetric ? "symmetric" : "sequential")
+                               .addInteger("sampleCount", static_cast<Nanos>(result.quality.sampleCount))
+                               .addInteger("span_ns", static_cast<Nanos>(result.quality.span_ns))
+                               .addInteger("offsetStdError_ns", static_cast<Nanos>(result.quality.offsetStdError_ns + 0.5))
+                               .addInteger("residualStdDev_ns", static_cast<Nanos>(result.quality.residualStdDev_ns + 0.5))
+                               .addInteger("rateStdError_ppt", static_cast<Nanos>(result.quality.slopeStdError_ppb * 1000 + 0.5))
+                               .addBool("rateIsMeaningful", result.rateIsMeaningful())
+                               .text())
         .addRaw("at", timestampJson(result.at))
         .addString("atTimescaleUri", result.atIsRemote ? result.remoteUri : result.hostUri)
         .addRaw("correlated", timestampJson(result.correlated))

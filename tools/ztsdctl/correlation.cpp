@@ -60,14 +60,17 @@ std::optional<CorrelationResult> correlateHostWith(ztsdlib_Timescale* host, ztsd
     CorrelationResult result;
     result.hostUri = uriOf(host);
     result.remoteUri = uriOf(remote);
+    result.symmetric = settings.symmetric;
+    const char* createName =
+        settings.symmetric ? "ztsdlib_LinearCorrelator_createSymmetric" : "ztsdlib_LinearCorrelator_create";
+    const auto create = settings.symmetric ? ztsdlib_LinearCorrelator_createSymmetric : ztsdlib_LinearCorrelator_create;
     const CorrelatorHandle correlator = owned<CorrelatorHandle>(
-        call("ztsdlib_LinearCorrelator_create",
+        call(createName,
              [&](zterr_Status* status) {
-                 return ztsdlib_LinearCorrelator_create(kCorrelatorUri, host, remote, settings.samplingIntervalMs,
-                                                        settings.maxSampleSize,
-                                                        settings.maxWaitForFirstCorrelateMs, status);
+                 return create(kCorrelatorUri, host, remote, settings.samplingIntervalMs, settings.maxSampleSize,
+                               settings.maxWaitForFirstCorrelateMs, status);
              }),
-        "ztsdlib_LinearCorrelator_create");
+        createName);
 
     RunningCorrelator running(correlator.get());
     if (!sleepUnlessInterrupted(settings.settleMs)) return std::nullopt;
@@ -83,6 +86,9 @@ std::optional<CorrelationResult> correlateHostWith(ztsdlib_Timescale* host, ztsd
     result.atIsRemote = at.has_value() && atIsRemote;
     result.at = at.value_or(result.reference);
     result.correlated = correlate(correlator.get(), result.at, result.atIsRemote ? result.remoteUri : result.hostUri);
+    call("ztsdlib_TimestampCorrelator_getQuality", [&](zterr_Status* status) {
+        ztsdlib_TimestampCorrelator_getQuality(correlator.get(), &result.quality, status);
+    });
     result.correlatorJson = takeText(call("ztsdlib_TimestampCorrelator_toJson", [&](zterr_Status* status) {
         return ztsdlib_TimestampCorrelator_toJson(correlator.get(), status);
     }));

@@ -9,6 +9,16 @@
 // deviation in parts per billion, exact to the correlator's whole-nanosecond
 // results. Positive offset: the remote clock is ahead; positive rate: it runs
 // fast.
+//
+// The correlator samples symmetrically by default (host, remote, host; the
+// remote reading paired with the middle of the round trip), which removes
+// the bias of half a round trip from the offset. Its fit quality comes with
+// the result: the standard errors of offset and rate, the residual scatter,
+// the sample count and the span. The rate is called meaningful when three
+// standard errors stay within kMeaningfulRate_ppb (1 ppm); otherwise the
+// baseline is still too short and the tool says so. The defaults (200
+// samples, one every 10 ms, 2.5 s of sampling) give a span of about 2 s,
+// enough for a rate within 1 ppm on loopback and a quiet LAN.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +30,14 @@
 
 namespace ztsdctl {
 
+constexpr double kMeaningfulRate_ppb = 1000;
+
 struct CorrelationSettings {
     std::uint32_t samplingIntervalMs = 10;      // between samples once the history is full
-    std::uint32_t maxSampleSize = 100;          // samples in the fitted history
+    std::uint32_t maxSampleSize = 200;          // samples in the fitted history
     std::uint32_t maxWaitForFirstCorrelateMs = 5000;
-    std::uint32_t settleMs = 0;                 // extra time to sample before the line is read
+    std::uint32_t settleMs = 2500;              // extra time to sample before the line is read
+    bool symmetric = true;                      // host, remote, host rounds (else host, remote)
 };
 
 struct CorrelationResult {
@@ -37,6 +50,11 @@ struct CorrelationResult {
     ztsdlib_Timestamp at{};                     // the time asked about
     bool atIsRemote = false;                    // `at` was read on the remote timescale
     ztsdlib_Timestamp correlated{};             // `at` on the other timescale
+    ztsdlib_CorrelationQuality quality{};       // the fit's figures when the line was read
+    bool symmetric = true;
+
+    // Three standard errors of the rate within kMeaningfulRate_ppb.
+    bool rateIsMeaningful() const { return 3 * quality.slopeStdError_ppb <= kMeaningfulRate_ppb; }
 };
 
 // host is timescale1 and remote timescale2 of a fresh linear correlator.

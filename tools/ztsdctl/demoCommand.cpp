@@ -198,14 +198,12 @@ void Demo::correlate() {
     const TimescaleHandle host = makeHostTimescale();
     const std::string remoteUri = target.webService().timescaleUri(gmIdOf(0));
     const TimescaleHandle remote = makeTimescaleProxy(remoteUri, target.daemonHost(), target.daemonPort());
-    CorrelationSettings settings;
-    settings.maxSampleSize = 200;
-    settings.samplingIntervalMs = 10;
-    settings.settleMs = 2500;
+    const CorrelationSettings settings;  // the correlate command's defaults
     say() << "[5/5] correlating the host clock with " << remoteUri << "\n"
           << "  sampling for " << fixedPoint(settings.settleMs, 3, false) << " s: the fit keeps the last "
           << settings.maxSampleSize << " samples, one every " << settings.samplingIntervalMs
-          << " ms once the history is full\n";
+          << " ms once the history is full, "
+          << (settings.symmetric ? "each remote reading paired with the middle of its round trip\n" : "\n");
     correlation_ = correlateHostWith(host.get(), remote.get(), settings, std::nullopt, false);
     if (!correlation_) return;
 

@@ -117,6 +117,10 @@ int main(int argc, char** argv) {
         ->add_option("--settle-ms", correlate.settings.settleMs,
                      "Keep sampling this long before reading the line (a longer baseline for the rate)")
         ->capture_default_str();
+    bool sequential = false;
+    correlateCommand->add_flag("--sequential", sequential,
+                               "Pair each host reading with the remote reading after it (default: pair the remote "
+                               "reading with the middle of host, remote, host)");
 
     DomainOptions domain;
     std::vector<std::string> domainAddresses;
@@ -164,6 +168,7 @@ int main(int argc, char** argv) {
         if (correlateCommand->parsed()) {
             if (!atText.empty()) correlate.at = parseTime(atText);
             correlate.atIsRemote = from == "remote";
+            correlate.settings.symmetric = !sequential;
             return runCorrelate(correlate, json);
         }
         if (domainCommand->parsed()) {

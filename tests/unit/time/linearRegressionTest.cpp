@@ -343,7 +343,7 @@ namespace {
 // samples (centred sums of exact rationals, residuals visited one by one),
 // squared where the code takes a root.
 struct ExactQuality {
-    cpp_rational span, slope, offsetAtNewest, residualVariance, slopeVariance;
+    cpp_rational span, slope, offsetAtNewest, residualVariance, slopeVariance, offsetVariance;
 };
 
 ExactQuality exactQuality(const std::vector<SampleNs>& kept) {
@@ -366,6 +366,8 @@ ExactQuality exactQuality(const std::vector<SampleNs>& kept) {
     const long long n = static_cast<long long>(kept.size());
     q.residualVariance = n > 2 ? cpp_rational(rss / (n - 2)) : cpp_rational(0);
     q.slopeVariance = q.residualVariance / sxx;
+    const cpp_rational fromMean = seconds(kept.back().x) - meanX;
+    q.offsetVariance = q.residualVariance / n + q.slopeVariance * fromMean * fromMean;
     return q;
 }
 
@@ -401,7 +403,10 @@ TEST(LinearRegression, QualityFiguresMatchAnExactComputationAndRecoverTheNoise) 
         EXPECT_EQ(rationalOf(got.span_s), exact.span);
         EXPECT_TRUE(relativelyNear(rationalOf(got.slope), exact.slope, cpp_rational(1, cpp_int("1000000000000000000"))));
         EXPECT_LT(abs(rationalOf(got.offsetAtNewest_s) - exact.offsetAtNewest), cpp_rational(1, cpp_int("1000000000000")));
-        const cpp_rational sd = rationalOf(got.residualStdDev_s), se = rationalOf(got.slopeStdError);
+        const cpp_rational sd = rationalOf(got.residualStdDev_s), se = rationalOf(got.slopeStdError),
+                           oe = rationalOf(got.offsetStdError_s);
+        EXPECT_TRUE(relativelyNear(oe * oe, exact.offsetVariance, cpp_rational(1, 1000000000)))
+            << got.offsetStdError_s.str() << " vs variance " << static_cast<double>(exact.offsetVariance);
         EXPECT_TRUE(relativelyNear(sd * sd, exact.residualVariance, cpp_rational(1, 1000000000)))
             << got.residualStdDev_s.str() << " vs variance " << static_cast<double>(exact.residualVariance);
         EXPECT_TRUE(relativelyNear(se * se, exact.slopeVariance, cpp_rational(1, 1000000000)))
