@@ -36,7 +36,7 @@ void printCorrelation(std::ostream& out, const CorrelationResult& result) {
               << " ppm against the host\n"
               << "fit          " << q.sampleCount << " samples over " << fixedPoint(static_cast<Nanos>(q.span_ns), 9, false)
               << " s, residual " << uncertaintyText(q.residualStdDev_ns) << " ("
-              << (result.symmetric ? "symmetric" : "sequential") << " sampling; +/- is one standard error)\n";
+              << (result.symmetric ? "symmetric" : "sequential") << " sampling; +/- is one standard uncertainty)\n";
     if (!result.rateIsMeaningful()) {
         out << "warning      the rate means nothing yet: its uncertainty (3 x " << ppmText(q.slopeStdError_ppb)
             << " ppm) exceeds 1 ppm; the baseline of " << fixedPoint(static_cast<Nanos>(q.span_ns / 1e6), 3, false)
@@ -59,9 +59,9 @@ std::string correlationJson(const CorrelationResult& result) {
                                .addString("sampling", result.symmetric ? "symmetric" : "sequential")
                                .addInteger("sampleCount", static_cast<Nanos>(result.quality.sampleCount))
                                .addInteger("span_ns", static_cast<Nanos>(result.quality.span_ns))
-                               .addInteger("offsetStdError_ns", static_cast<Nanos>(result.quality.offsetStdError_ns + 0.5))
+                               .addInteger("offsetUncertainty_ns", static_cast<Nanos>(result.quality.offsetStdError_ns + 0.5))
                                .addInteger("residualStdDev_ns", static_cast<Nanos>(result.quality.residualStdDev_ns + 0.5))
-                               .addInteger("rateStdError_ppt", static_cast<Nanos>(result.quality.slopeStdError_ppb * 1000 + 0.5))
+                               .addInteger("rateUncertainty_ppt", static_cast<Nanos>(result.quality.slopeStdError_ppb * 1000 + 0.5))
                                .addBool("rateIsMeaningful", result.rateIsMeaningful())
                                .text())
         .addRaw("at", timestampJson(result.at))

@@ -16,9 +16,10 @@
 // the result: the standard errors of offset and rate, the residual scatter,
 // the sample count and the span. The rate is called meaningful when three
 // standard errors stay within kMeaningfulRate_ppb (1 ppm); otherwise the
-// baseline is still too short and the tool says so. The defaults (200
-// samples, one every 10 ms, 2.5 s of sampling) give a span of about 2 s,
-// enough for a rate within 1 ppm on loopback and a quiet LAN.
+// baseline is still too short and the tool says so. The defaults (300
+// samples, one every 20 ms, 6 s of sampling) give a span of almost 6 s,
+// enough for a rate within 1 ppm on loopback and a quiet LAN (2 s were not
+// on a loaded machine: residuals of 7 us left a standard error of 0.8 ppm).
 #pragma once
 
 #include <cstdint>
@@ -33,10 +34,10 @@ namespace ztsdctl {
 constexpr double kMeaningfulRate_ppb = 1000;
 
 struct CorrelationSettings {
-    std::uint32_t samplingIntervalMs = 10;      // between samples once the history is full
-    std::uint32_t maxSampleSize = 200;          // samples in the fitted history
+    std::uint32_t samplingIntervalMs = 20;      // between samples once the history is full
+    std::uint32_t maxSampleSize = 300;          // samples in the fitted history
     std::uint32_t maxWaitForFirstCorrelateMs = 5000;
-    std::uint32_t settleMs = 2500;              // extra time to sample before the line is read
+    std::uint32_t settleMs = 6000;              // extra time to sample before the line is read
     bool symmetric = true;                      // host, remote, host rounds (else host, remote)
 };
 
