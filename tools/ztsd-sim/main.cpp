@@ -88,6 +88,7 @@ struct Settings {
     int latency_ms = 0;
     bool incoherent = false;
     std::size_t maxWorkers = 512;
+    ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
 };
 
 // One chassis of the program. It can be taken down (both servers stop,
@@ -115,6 +116,7 @@ public:
         options.host = settings_.host;
         options.port = webPort_;
         options.maxWorkers = settings_.maxWorkers;
+        options.listingForm = settings_.listingForm;
         auto chassis = std::make_unique<ztsdsim::SimulatedChassis>(settings_.plugin, options, daemonPort_);
         chassis->start();
         webPort_ = chassis->webService().port();
@@ -435,6 +437,15 @@ int main(int argc, char** argv) {
     app.add_flag("--incoherent", settings.incoherent, "Devices start out not coherent");
     app.add_option("--max-workers", settings.maxWorkers, "Connections served at once per chassis")
         ->capture_default_str();
+    const std::map<std::string, ztsdsim::ListingForm> listingForms = {
+        {"hosts", ztsdsim::ListingForm::withHosts},
+        {"paths", ztsdsim::ListingForm::pathsOnly},
+        {"mixed", ztsdsim::ListingForm::mixed}};
+    app.add_option("--listing-form", settings.listingForm,
+                   "How the listing names resources: hosts (/<host>/ztsdwebs/...), paths (/ztsdwebs/..., "
+                   "without the host, as chassis that do not know the name they were reached by) or mixed")
+        ->transform(CLI::CheckedTransformer(listingForms, CLI::ignore_case))
+        ->default_str("hosts");
     CLI11_PARSE(app, argc, argv);
 
     for (const auto& [name, first] : {std::pair<const char*, unsigned>{"ports", port}, {"daemon ports", daemonPort}}) {
