@@ -20,6 +20,25 @@ ChassisAddress parseChassisAddress(const std::string& text) {
     if (address.remoteHost.empty()) throw std::invalid_argument("'" + text + "' names no host");
     if (address.remoteHost.find_first_of("\"\\ /") != std::string::npos)
         throw std::invalid_argument("'" + address.remoteHost + "' is not a host name or address");
+    const std::size_t colon = address.remoteHost.find(':');
+    if (colon != std::string::npos && address.remoteHost[0] != '[' &&
+        address.remoteHost.find(':', colon + 1) != std::string::npos)
+        throw std::invalid_argument("'" + address.remoteHost + "': write an IPv6 address in brackets, [v6]:PORT");
+    const std::size_t close = address.remoteHost.find(']');
+    if (address.remoteHost[0] == '[' && close == std::string::npos)
+        throw std::invalid_argument("'" + address.remoteHost + "' has no closing ']'");
+    const std::size_t portColon =
+        address.remoteHost[0] == '[' ? address.remoteHost.find(':', close) : colon;
+    if (address.remoteHost[0] == '[' && close + 1 < address.remoteHost.size() && portColon != close + 1)
+        throw std::invalid_argument("'" + address.remoteHost + "': only ':PORT' may follow ']'");
+    if (portColon != std::string::npos) {
+        const std::string port = address.remoteHost.substr(portColon + 1);
+        if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoul(port) == 0 || std::stoul(port) > 65535)
+            throw std::invalid_argument("'" + port + "' after ':' is not a TCP port (1 to 65535)");
+        if (portColon == 0 || (address.remoteHost[0] == '[' && close == 1))
+            throw std::invalid_argument("'" + text + "' names no host");
+    }
     if (at != std::string::npos) {
         const std::string port = text.substr(at + 1);
         if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
@@ -28,6 +47,10 @@ ChassisAddress parseChassisAddress(const std::string& text) {
         address.daemonPort = static_cast<std::uint32_t>(std::stoul(port));
     }
     return address;
+}
+
+std::string addressText(const ChassisAddress& address) {
+    return address.remoteHost + (address.daemonPort ? "@" + std::to_string(*address.daemonPort) : "");
 }
 
 std::string networkDeviceParamsJson(const ChassisAddress& address) {
@@ -46,9 +69,14 @@ LoadedChassis loadChassis(const ChassisAddress& address) {
     ztsdlib_SyncableDevice* device = nullptr;
     ztsdlib_Timescale** timescales = nullptr;
     uint32_t count = 0;
-    call("ztsdlib_loadProxyResources", [&](zterr_Status* status) {
-        ztsdlib_loadProxyResources(params.c_str(), &device, &timescales, &count, allocateArray, status);
-    });
+    try {
+        call("ztsdlib_loadProxyResources", [&](zterr_Status* status) {
+            ztsdlib_loadProxyResources(params.c_str(), &device, &timescales, &count, allocateArray, status);
+        });
+    } catch (LibraryError& error) {
+        error.setContext("chassis " + addressText(address));
+        throw;
+    }
     // Take ownership of every handle before anything else can throw.
     LoadedChassis loaded;
     loaded.remoteHost = address.remoteHost;

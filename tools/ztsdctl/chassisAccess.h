@@ -2,9 +2,10 @@
 // networkDeviceParamsJson it becomes, and the proxies ztsdlib_loadProxyResources
 // makes of the chassis' listing.
 //
-// Address syntax: REMOTEHOST[@DAEMONPORT], where REMOTEHOST is the chassis
-// web service as the library takes it ("host", "host:port", "[v6]:port") and
-// DAEMONPORT the TCP port of its timestamp daemon. Without a daemon port the
+// Address syntax: HOST[:PORT][@DAEMONPORT], where HOST[:PORT] is the chassis
+// web service as the library takes it ("host", "host:port", "[v6]:port"; an
+// IPv6 address only in brackets) and DAEMONPORT the TCP port of its
+// timestamp daemon; ports are 1 to 65535. Without a daemon port the
 // library's default applies (the key is left out of the description).
 #pragma once
 
@@ -25,6 +26,9 @@ struct ChassisAddress {
 // Throws std::invalid_argument with a readable reason when the text is not
 // an address.
 ChassisAddress parseChassisAddress(const std::string& text);
+
+// The address as the user writes it.
+std::string addressText(const ChassisAddress& address);
 
 // {"version":1,"type":"networkDeviceParams","params":{"remoteHost":..[,"timestampDaemonPort":..]}}
 std::string networkDeviceParamsJson(const ChassisAddress& address);

@@ -57,6 +57,7 @@ struct DomainOptions {
     std::uint32_t timeout_s = 10;
     std::optional<double> watch_s;   // check every watch_s seconds
     unsigned checks = 0;             // with watch: stop after this many checks; 0 = until Ctrl-C
+    bool verbose = false;            // with a start that timed out: the library's whole report too
 };
 int runDomain(const DomainOptions& options, bool json);
 

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "errorSummary.h"
 #include "interrupt.h"
 #include "jsonText.h"
 #include "progressLine.h"
@@ -20,6 +21,7 @@ namespace {
 std::string stoppedJson(bool held, unsigned checks, bool wasInterrupted) {
     return JsonObject()
         .addString("event", "stopped")
+        .addString("time", utcNow())
         .addBool("coherencyHeld", held)
         .addInteger("checks", checks)
         .addBool("interrupted", wasInterrupted)
@@ -48,18 +50,36 @@ int runDomain(const DomainOptions& options, bool json) {
     }
     if (!started.coherent) {
         const LibraryError& reason = *started.notReached;
+        // Which members kept the start waiting: each one's own answer now (an
+        // unreachable member counts as not coherent).
+        std::vector<std::string> notCoherent;
+        try {
+            for (const MemberRow& row : session.askMembers()) {
+                if (!row.coherent) notCoherent.push_back(row.uri);
+            }
+        } catch (const LibraryError& error) {
+            notCoherent.push_back("(a member did not answer: " + summarize(error).message + ")");
+        }
+        std::string list;
+        for (const std::string& uri : notCoherent) list += (list.empty() ? "" : ", ") + uri;
         if (json) {
+            std::string array = "[";
+            for (const std::string& uri : notCoherent) array += (array.size() > 1 ? "," : "") + jsonString(uri);
             std::cout << JsonObject()
                              .addString("event", "notCoherent")
+                             .addString("time", utcNow())
                              .addInteger("elapsed_ms", started.elapsed_ms)
                              .addInteger("code", reason.code())
+                             .addRaw("notCoherentMembers", array + "]")
                              .addRaw("report", reason.report())
                              .text()
                       << "\n";
         } else {
             std::cout << "coherency NOT reached within " << options.timeout_s << " s\n";
-            std::cerr << "ztsdctl: the start ended with " << reason.code() << " (" << reason.constantName()
-                      << "): " << reason.report() << "\n";
+            std::cerr << "ztsdctl: coherency not reached within " << options.timeout_s
+                      << " s; not coherent: " << (list.empty() ? "(none now)" : list) << " [" << reason.constantName()
+                      << " " << reason.code() << "]\n";
+            if (options.verbose) std::cerr << reason.report() << "\n";
         }
         return kExitNotCoherent;
     }
@@ -67,6 +87,7 @@ int runDomain(const DomainOptions& options, bool json) {
     if (json) {
         std::cout << JsonObject()
                          .addString("event", "started")
+                         .addString("time", utcNow())
                          .addInteger("elapsed_ms", started.elapsed_ms)
                          .addRaw("domain", session.toJson())
                          .text()

@@ -179,6 +179,7 @@ std::string checkJson(const CheckResult& check) {
     }
     return JsonObject()
         .addString("event", "check")
+        .addString("time", utcNow())
         .addInteger("check", check.number)
         .addInteger("elapsed_ms", check.elapsed_ms)
         .addBool("coherentSinceLastCheck", check.coherentSinceLastCheck)

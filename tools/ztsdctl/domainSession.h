@@ -70,8 +70,10 @@ public:
     const std::vector<LoadedChassis>& chassis() const { return chassis_; }
     std::int64_t elapsedSinceStart_ms() const;
 
-private:
+    // Every member's own answer now (in member order); throws LibraryError.
     std::vector<MemberRow> askMembers();
+
+private:
 
     // Declared in the order they are needed; destroyed the other way round,
     // so the domain goes before the pool, the timescale and the devices.

@@ -24,6 +24,7 @@ void catchInterrupt() {
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESETHAND;  // the second Ctrl-C gets the default action
     sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);  // a service manager's stop ends the command as Ctrl-C does
 }
 
 bool interrupted() { return interruptFlag.load(); }

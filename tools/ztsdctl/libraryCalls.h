@@ -31,10 +31,18 @@ public:
     const std::string& report() const { return report_; }
     // The report's "error_constant", or "" when it has none.
     std::string constantName() const;
+    // What the command was working on when the library failed (a chassis
+    // address, a device URI); "" when not set.
+    const std::string& context() const { return context_; }
+    LibraryError& setContext(std::string context) {
+        context_ = std::move(context);
+        return *this;
+    }
 
 private:
     std::int32_t code_;
     std::string report_;
+    std::string context_;
 };
 
 // A status record with the library's own allocation callback; releases the

@@ -5,11 +5,13 @@
 
 #include <cstdint>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "errorSummary.h"
 #include "jsonText.h"
 
 using namespace ztsdctl;
@@ -33,21 +35,51 @@ const CLI::Validator kTimeText(
     },
     "TIME", "time");
 
-void printLibraryError(const LibraryError& error, bool json) {
-    if (json) {
-        std::cerr << JsonObject()
-                         .addRaw("error", JsonObject()
-                                              .addInteger("code", error.code())
-                                              .addString("constant", error.constantName())
-                                              .addRaw("report", error.report())
-                                              .text())
-                         .text()
-                  << "\n";
-    } else {
-        std::cerr << "ztsdctl: library error " << error.code();
-        if (!error.constantName().empty()) std::cerr << " (" << error.constantName() << ")";
-        std::cerr << "\n" << (error.report().empty() ? "(no report)" : error.report()) << "\n";
+const CLI::Validator kTimescaleUri(
+    [](std::string& text) -> std::string {
+        const std::size_t at = text.find("/timescales/");
+        if (text.empty() || text[0] != '/' || at == std::string::npos || at + 12 >= text.size() ||
+            text.find_first_of(" \t\"\\") != std::string::npos)
+            return "'" + text + "' is not a timescale URI (/<host>/.../timescales/<id>)";
+        return "";
+    },
+    "URI", "timescale URI");
+
+const char* const kCommands[] = {"list", "device", "time", "correlate", "domain", "demo"};
+
+// The first word that is not an option must be a command.
+std::optional<std::string> unknownCommand(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word.empty() || word[0] == '-') continue;
+        for (const char* command : kCommands) {
+            if (word == command) return std::nullopt;
+        }
+        return word;
     }
+    return std::nullopt;
+}
+
+// A command line that parses but asks for something that cannot be done.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+void printUsageError(const std::string& message, bool json) {
+    if (json) {
+        std::cerr << JsonObject().addRaw("error", JsonObject().addString("usage", message).text()).text() << "\n";
+    } else {
+        std::cerr << "ztsdctl: " << message << "\n";
+    }
+}
+
+void printLibraryError(const LibraryError& error, bool json, bool verbose) {
+    if (json) {
+        std::cerr << summaryJson(error) << "\n";
+        return;
+    }
+    std::cerr << summaryLine(error) << "\n";
+    if (verbose) std::cerr << (error.report().empty() ? "(no report)" : error.report()) << "\n";
 }
 
 }  // namespace
@@ -58,7 +90,13 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     bool json = false;
-    app.add_flag("--json", json, "Print one JSON object per line (errors as JSON on stderr)");
+    app.add_flag("--json", json, "Print one JSON object per line (errors as one JSON object on stderr)");
+    bool verbose = false;
+    app.add_flag("-v,--verbose", verbose, "With an error, print the library's whole report after its line");
+    app.set_version_flag("--version", [] {
+        return std::string("ztsdctl ") + ZTSDCTL_VERSION + " (ztsdlib API " + std::to_string(ztsdlib_getApiVersion()) +
+               ")";
+    });
 
     ListOptions list;
     std::string listAddress;
@@ -73,9 +111,17 @@ int main(int argc, char** argv) {
 
     DeviceOptions device;
     CLI::App* deviceCommand = app.add_subcommand("device", "A syncable device's coherency, loss count and JSON");
+    std::string deviceName, plugin = "ztsd";
     deviceCommand
-        ->add_option("URI", device.uri, "/<remoteHost>/ztsdwebs/resources/<plugin>/syncableDevices/<name>")
+        ->add_option("DEVICE", device.uri,
+                     "/<remoteHost>/ztsdwebs/resources/<plugin>/syncableDevices/<name>, or HOST[:PORT] with NAME")
         ->required();
+    CLI::Option* deviceNameOption =
+        deviceCommand->add_option("NAME", deviceName, "The device's name on the chassis HOST[:PORT]");
+    CLI::Option* pluginOption =
+        deviceCommand->add_option("--plugin", plugin, "With NAME: the plugin segment of the device's path")
+            ->capture_default_str()
+            ->needs(deviceNameOption);
 
     TimeOptions time;
     CLI::App* timeCommand = app.add_subcommand("time", "A remote timescale's time next to the host's");
@@ -134,7 +180,8 @@ int main(int argc, char** argv) {
     domainCommand->add_option("--min-sync-ms", domain.settings.minSyncDuration_ms, "Minimum time in sync")
         ->required();
     domainCommand->add_option("--timescale", domain.settings.timescaleUri, "URI of the required timescale")
-        ->required();
+        ->required()
+        ->check(kTimescaleUri);
     domainCommand->add_option("--timeout-s", domain.timeout_s, "How long the start waits for coherency")
         ->check(CLI::Range(1u, 4294967u))
         ->capture_default_str();
@@ -142,7 +189,8 @@ int main(int argc, char** argv) {
         domainCommand->add_option("--watch", watch_s, "Check the domain every SECONDS after it started")
             ->check(CLI::Range(0.01, 86400.0));
     domainCommand->add_option("--checks", domain.checks, "With --watch: stop after N checks (0: until Ctrl-C)")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->needs(watchOption);
     domainCommand->add_option("--uri", domain.settings.uri, "The domain's URI")->capture_default_str();
     CLI::Option* domainDaemonPort =
         domainCommand->add_option("--daemon-port", daemonPort, "Timestamp daemon port for hosts without @DAEMONPORT")
@@ -150,6 +198,11 @@ int main(int argc, char** argv) {
 
     app.add_subcommand("demo", "Three simulated chassis in this process, from start to coherent, a loss, a correlation");
 
+    if (const std::optional<std::string> word = unknownCommand(argc, argv)) {
+        std::cerr << "ztsdctl: unknown command '" << *word << "'; the commands are list, device, time, correlate, "
+                     "domain, demo (ztsdctl --help)\n";
+        return kExitUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -160,10 +213,26 @@ int main(int argc, char** argv) {
     try {
         if (listCommand->parsed()) {
             list.chassis = parseChassisAddress(listAddress);
-            if (listDaemonPort->count() > 0 && !list.chassis.daemonPort) list.chassis.daemonPort = daemonPort;
+            if (listDaemonPort->count() > 0 && list.chassis.daemonPort)
+                throw UsageError("--daemon-port changes nothing: the address has its @DAEMONPORT");
+            if (listDaemonPort->count() > 0) list.chassis.daemonPort = daemonPort;
             return runList(list, json);
         }
-        if (deviceCommand->parsed()) return runDevice(device, json);
+        if (deviceCommand->parsed()) {
+            if (deviceNameOption->count() > 0) {
+                const ChassisAddress chassis = parseChassisAddress(device.uri);
+                if (chassis.daemonPort) throw UsageError("a device needs no @DAEMONPORT: '" + device.uri + "'");
+                if (deviceName.empty() || deviceName.find_first_of("/ \"\\") != std::string::npos)
+                    throw UsageError("'" + deviceName + "' is not a device name");
+                device.uri = "/" + chassis.remoteHost + "/ztsdwebs/resources/" + plugin + "/syncableDevices/" + deviceName;
+            } else if (device.uri.empty() || device.uri[0] != '/' ||
+                       device.uri.find("/syncableDevices/") == std::string::npos) {
+                throw UsageError("'" + device.uri +
+                                 "' is neither a device URI (/<host>/.../syncableDevices/<name>) nor HOST NAME");
+            }
+            (void)pluginOption;
+            return runDevice(device, json);
+        }
         if (timeCommand->parsed()) return runTime(time, json);
         if (correlateCommand->parsed()) {
             if (!atText.empty()) correlate.at = parseTime(atText);
@@ -172,18 +241,29 @@ int main(int argc, char** argv) {
             return runCorrelate(correlate, json);
         }
         if (domainCommand->parsed()) {
+            bool anyWithoutPort = false;
+            for (const std::string& text : domainAddresses) anyWithoutPort |= text.find('@') == std::string::npos;
+            if (domainDaemonPort->count() > 0 && !anyWithoutPort)
+                throw UsageError("--daemon-port changes nothing: every address has its @DAEMONPORT");
             for (const std::string& text : domainAddresses) {
                 domain.chassis.push_back(parseChassisAddress(text));
                 if (domainDaemonPort->count() > 0 && !domain.chassis.back().daemonPort)
                     domain.chassis.back().daemonPort = daemonPort;
             }
             if (watchOption->count() > 0) domain.watch_s = watch_s;
+            domain.verbose = verbose;
             return runDomain(domain, json);
         }
         return runDemo(json);
+    } catch (const UsageError& error) {
+        printUsageError(error.what(), json);
+        return kExitUsage;
     } catch (const LibraryError& error) {
-        printLibraryError(error, json);
+        printLibraryError(error, json, verbose);
         return kExitFailure;
+    } catch (const std::invalid_argument& error) {  // an address the validators let through
+        printUsageError(error.what(), json);
+        return kExitUsage;
     } catch (const std::exception& error) {
         std::cerr << "ztsdctl: " << error.what() << "\n";
         return kExitFailure;

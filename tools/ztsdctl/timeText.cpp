@@ -1,3 +1,6 @@
+#include <chrono>
+#include <cstdio>
+#include <ctime>
 #include "timeText.h"
 
 #include <cctype>
@@ -189,6 +192,19 @@ std::string durationText(Nanos ns) {
 std::optional<ztsdlib_Timestamp> parseTime(const std::string& text) {
     if (text.size() >= 10 && text[4] == '-') return parseUtc(text);
     return parseDecimalSeconds(text);
+}
+
+std::string utcNow() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const long long millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[40];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03lldZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis < 0 ? 0 : millis);
+    return text;
 }
 
 }  // namespace ztsdctl

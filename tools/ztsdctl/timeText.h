@@ -31,6 +31,8 @@ ztsdlib_Timestamp fromNanos(Nanos ns);
 std::string integerText(Nanos value);               // "-123", "45"
 std::string decimalSeconds(const ztsdlib_Timestamp& t);
 std::string utcText(const ztsdlib_Timestamp& t);    // "" before 1601
+// The present UTC time in RFC 3339 with milliseconds: "2026-11-23T02:59:07.123Z".
+std::string utcNow();
 // value / 10^decimals written exactly with `decimals` digits after the point,
 // with a leading sign when signed_ is set ("+2.500", "-0.001").
 std::string fixedPoint(Nanos value, int decimals, bool signed_);

@@ -177,12 +177,12 @@ TEST_F(ZtsdctlCommand, DeviceReportsCoherencyLossesOrTheLibrarysError) {
     // An unknown device: the chassis answers 404, which the library reports
     // as the fault matrix's H10 row says; its report follows as JSON.
     const std::string unknown = deviceUri.substr(0, deviceUri.size() - 1) + "9";  // .../chassis9
-    const ctltest::Run failed = run({"device", unknown});
+    const ctltest::Run failed = run({"device", unknown, "-v"});
     EXPECT_EQ(failed.exitStatus, 2);
-    const std::string heading = std::string("library error -52024 (") + kCommunicationsFault + ")\n";
-    const std::size_t found = failed.err.find(heading);
-    ASSERT_NE(found, std::string::npos) << failed.err;
-    const std::string report = failed.err.substr(found + heading.size());
+    const std::string heading = "ztsdctl: " + remoteHost() + ": Server answered 404 Not Found. (HTTP 404) [" +
+                                kCommunicationsFault + " -52024]\n";
+    ASSERT_EQ(failed.err.substr(0, heading.size()), heading) << failed.err;
+    const std::string report = failed.err.substr(heading.size());  // -v: the whole report follows
     EXPECT_TRUE(parse(report.substr(0, report.find('\n')))) << "the report is JSON: " << report;
 }
 

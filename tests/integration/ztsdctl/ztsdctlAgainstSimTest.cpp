@@ -1,0 +1,201 @@
+// ztsdctl end to end against the ztsd-sim program: the command line checks
+// that refuse before any library call, the one-line errors (and the same as
+// one JSON object on stderr with --json), a start that times out naming its
+// members, and SIGTERM ending a watch cleanly.
+#include <httplib.h>
+#include <signal.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "integration/ztsdctl/ztsdctlTestSupport.h"
+
+using ctltest::at;
+using ctltest::num;
+using ctltest::str;
+
+namespace {
+
+#ifdef ZTSD_SIM_PATH
+const char* const kSimPath = ZTSD_SIM_PATH;
+#else
+const char* const kSimPath = "";
+#endif
+
+const std::regex kRfc3339(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+
+class ZtsdctlAgainstSim : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ZTSDCTL_REQUIRED();
+        if (std::string(kSimPath).empty()) GTEST_SKIP() << "ztsd-sim is not built";
+        sim = std::make_unique<simtest::ChildProcess>(
+            std::vector<std::string>{kSimPath, "--chassis", "2", "--devices-per-chassis", "2"});
+        ASSERT_TRUE(sim->waitForOutput("\nready\n", 5000)) << sim->out();
+        for (const std::string& line : simtest::lines(sim->out())) {
+            if (line.rfind("{", 0) == 0) chassis.push_back(simtest::parse(line));
+        }
+        ASSERT_EQ(chassis.size(), 2u);
+    }
+    void TearDown() override {
+        if (sim) sim->signal(SIGTERM);
+    }
+
+    std::string address(int c) { return str(at(chassis[c].get(), "address")); }
+    std::string host(int c) { return str(at(chassis[c].get(), "remoteHost")); }
+    std::string deviceUri(int c, int d) {
+        return str(at(cJSON_GetArrayItem(at(chassis[c].get(), "devices"), d), "uri"));
+    }
+    int control(int c, const std::string& path) {
+        const std::string url = str(at(chassis[c].get(), "control"));  // http://127.0.0.1:P/chassis/c/
+        const std::size_t colon = url.rfind(':');
+        httplib::Client client("127.0.0.1", std::stoi(url.substr(colon + 1)));
+        const httplib::Result reply = client.Post((url.substr(url.find('/', colon)) + path).c_str(), "", "text/plain");
+        return reply ? reply->status : 0;
+    }
+    std::vector<std::string> domain(int c, std::vector<std::string> more) {
+        std::vector<std::string> args{"domain", address(c), "--max-offset-ns", "1000", "--min-sync-ms", "10",
+                                      "--timescale", "/localhost/ztsds/timescales/system"};
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+
+    std::unique_ptr<simtest::ChildProcess> sim;
+    std::vector<simtest::Json> chassis;
+};
+
+}  // namespace
+
+// Wrong command lines end with 64 and one line naming the problem, before
+// the library is asked anything.
+TEST_F(ZtsdctlAgainstSim, RefusesWrongCommandLinesWithOneLine) {
+    struct Case {
+        std::vector<std::string> args;
+        const char* err;  // a regular expression stderr's first line matches
+    };
+    const std::vector<Case> cases{
+        {{"lst"}, "ztsdctl: unknown command 'lst'; the commands are list, device, time, correlate, domain, demo .*"},
+        {{"list", "127.0.0.1:99999"}, ".*'99999' after ':' is not a TCP port.*"},
+        {{"list", "127.0.0.1:0@9090"}, ".*'0' after ':' is not a TCP port.*"},
+        {{"list", "::1"}, ".*write an IPv6 address in brackets.*"},
+        {{"list", "[::1"}, ".*has no closing.*"},
+        {{"list", "host@70000"}, ".*'70000' after '@' is not a TCP port.*"},
+        {{"list", address(0), "--daemon-port", "5"}, "ztsdctl: --daemon-port changes nothing.*"},
+        {domain(0, {"--checks", "3"}), ".*--checks requires --watch.*"},
+        {{"domain", address(0), "--max-offset-ns", "1", "--min-sync-ms", "1", "--timescale", "x"},
+         ".*'x' is not a timescale URI.*"},
+        {{"device", "/bad"}, "ztsdctl: '/bad' is neither a device URI .*"},
+        {{"device", address(0), "chassis0"}, "ztsdctl: a device needs no @DAEMONPORT.*"},
+        {{"device", "/x/syncableDevices/y", "--plugin", "p"}, ".*--plugin requires NAME.*"},
+    };
+    for (const Case& c : cases) {
+        const ctltest::Run result = ctltest::run(c.args);
+        EXPECT_EQ(result.exitStatus, 64) << c.args[0] << " " << c.args[1];
+        const std::vector<std::string> lines = ctltest::lines(result.err);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_TRUE(std::regex_match(lines[0], std::regex(c.err))) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+    const ctltest::Run version = ctltest::run({"--version"});
+    EXPECT_EQ(version.exitStatus, 0);
+    EXPECT_TRUE(std::regex_match(version.out, std::regex(R"(ztsdctl \d+\.\d+\.\d+ \(ztsdlib API \d+\)\n)")))
+        << version.out;
+}
+
+// Library errors: one line with the innermost message and where; with
+// --json the same as the only thing on stderr, one JSON object.
+TEST_F(ZtsdctlAgainstSim, LibraryErrorsAreOneLineOrOneJsonObject) {
+    ASSERT_EQ(control(1, "down"), 200);
+    struct Case {
+        std::vector<std::string> args;
+        std::string line;  // the line, a regular expression
+        int httpStatus;
+    };
+    const std::vector<Case> cases{
+        {{"device", host(0), "nobody"},
+         "ztsdctl: " + host(0) + ": Server answered 404 Not Found\\. \\(HTTP 404\\) \\[ztapalerr_communicationsFault -52024\\]",
+         404},
+        {{"device", deviceUri(1, 0)},
+         "ztsdctl: " + host(1) + ": Failed to connect to 127\\.0\\.0\\.1 port \\d+.* \\[ztapalerr_communicationsFault -52024\\]",
+         0},
+        {{"list", address(1)},
+         "ztsdctl: chassis " + address(1) + ": .*\\[ztapalerr_communicationsFault -52024\\]", 0},
+        {{"list", host(0) + "@" + host(1).substr(host(1).rfind(':') + 1)},  // the daemon port is closed
+         "ztsdctl: chassis " + host(0) + "@\\d+: .*Connection refused \\[ztapalerr_communicationsFault -52024\\]", 0},
+    };
+    for (const Case& c : cases) {
+        const ctltest::Run text = ctltest::run(c.args);
+        EXPECT_EQ(text.exitStatus, 2);
+        EXPECT_TRUE(std::regex_match(text.err, std::regex(c.line + "\n"))) << text.err;
+
+        std::vector<std::string> args = c.args;
+        args.push_back("--json");
+        const ctltest::Run json = ctltest::run(args);
+        EXPECT_EQ(json.exitStatus, 2);
+        ASSERT_EQ(ctltest::lines(json.err).size(), 1u) << json.err;
+        const simtest::Json error = simtest::parse(json.err);
+        ASSERT_TRUE(error) << json.err;
+        const cJSON* body = at(error.get(), "error");
+        EXPECT_EQ(num(at(body, "code")), -52024);
+        EXPECT_EQ(num(at(body, "httpStatus")), c.httpStatus);
+        EXPECT_NE(text.err.find(str(at(body, "message"))), std::string::npos) << json.err;
+        EXPECT_TRUE(cJSON_IsObject(at(body, "report")));
+
+        args.back() = "-v";
+        const ctltest::Run verbose = ctltest::run(args);
+        const std::vector<std::string> lines = ctltest::lines(verbose.err);
+        ASSERT_EQ(lines.size(), 2u) << verbose.err;
+        EXPECT_EQ(lines[0] + "\n", text.err);
+        EXPECT_TRUE(simtest::parse(lines[1]));
+    }
+}
+
+// Every device of a chassis, by host and name.
+TEST_F(ZtsdctlAgainstSim, DeviceByHostAndName) {
+    for (int d = 0; d < 2; ++d) {
+        const std::string name = d == 0 ? "chassis0" : "chassis0-1";
+        const ctltest::Run result = ctltest::run({"device", host(0), name, "--json"});
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        const simtest::Json json = simtest::parse(result.out);
+        EXPECT_EQ(str(at(json.get(), "uri")), deviceUri(0, d));
+    }
+}
+
+// A start that times out names the member that was not coherent.
+TEST_F(ZtsdctlAgainstSim, ATimedOutStartNamesTheMembersNotCoherent) {
+    ASSERT_EQ(control(0, "devices/chassis0/incoherent"), 200);
+    const ctltest::Run text = ctltest::run(domain(0, {"--timeout-s", "1"}));
+    EXPECT_EQ(text.exitStatus, 1);
+    EXPECT_NE(text.err.find("ztsdctl: coherency not reached within 1 s; not coherent: " + deviceUri(0, 0) +
+                            " [ztapalerr_operationTimedOut -52007]\n"),
+              std::string::npos)
+        << text.err;
+
+    const ctltest::Run json = ctltest::run(domain(0, {"--timeout-s", "1", "--json"}));
+    EXPECT_EQ(json.exitStatus, 1);
+    const simtest::Json event = simtest::parse(json.out);
+    ASSERT_TRUE(event) << json.out;
+    EXPECT_EQ(str(at(event.get(), "event")), "notCoherent");
+    EXPECT_TRUE(std::regex_match(str(at(event.get(), "time")), kRfc3339));
+    const cJSON* members = at(event.get(), "notCoherentMembers");
+    ASSERT_EQ(cJSON_GetArraySize(members), 1);
+    EXPECT_EQ(str(cJSON_GetArrayItem(members, 0)), deviceUri(0, 0));
+}
+
+// SIGTERM ends a watch as Ctrl-C does: a stopped event, exit 0 (held).
+TEST_F(ZtsdctlAgainstSim, SigtermEndsAWatchWithAStoppedEvent) {
+    ctltest::Ztsdctl child(domain(0, {"--watch", "0.05", "--json"}));
+    ASSERT_TRUE(child.waitForOutput("\"event\":\"check\"", 6000)) << child.out() << child.err();
+    child.signal(SIGTERM);
+    EXPECT_EQ(child.finish(5000), 0) << child.err();
+    const std::vector<std::string> lines = ctltest::lines(child.out());
+    ASSERT_FALSE(lines.empty());
+    const simtest::Json stopped = simtest::parse(lines.back());
+    EXPECT_EQ(str(at(stopped.get(), "event")), "stopped");
+    EXPECT_TRUE(cJSON_IsTrue(at(stopped.get(), "interrupted")));
+    for (const std::string& line : lines) {
+        const simtest::Json event = simtest::parse(line);
+        EXPECT_TRUE(std::regex_match(str(at(event.get(), "time")), kRfc3339)) << line;
+    }
+}
