@@ -25,6 +25,22 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 cc -std=c99 -Wall -Werror -o "$work/pc-consumer" "$source/tests/package/consumer.c" $(pkg-config --cflags --libs ztsdlib)
 LD_LIBRARY_PATH=$libdir "$work/pc-consumer"
 
+# The installed tools find the library through their relative run path
+# (no LD_LIBRARY_PATH), and their man pages are there.
+"$prefix/bin/ztsdctl" --version | grep -q '^ztsdctl [0-9]' || { echo "installed ztsdctl does not run"; exit 1; }
+for page in ztsdctl ztsd-sim; do
+  test -f "$prefix/share/man/man1/$page.1" || { echo "man page $page(1) not installed"; exit 1; }
+done
+readelf -d "$prefix/bin/ztsdctl" | grep -q 'R.*PATH.*\$ORIGIN/\.\./' || { echo "ztsdctl has no relative run path"; exit 1; }
+"$prefix/bin/ztsd-sim" >"$work/sim.out" 2>&1 &
+sim=$!
+trap 'kill $sim 2>/dev/null || true; rm -rf "$work"' EXIT
+for _ in $(seq 100); do grep -q '^ready$' "$work/sim.out" && break; sleep 0.05; done
+address=$(sed -n 's/^  ztsdctl address: //p' "$work/sim.out" | head -1)
+test -n "$address" || { echo "ztsd-sim printed no address"; cat "$work/sim.out"; exit 1; }
+"$prefix/bin/ztsdctl" list "$address" | grep -q 'coherent, 0 coherency losses' || { echo "installed list failed"; exit 1; }
+kill $sim; wait $sim || true
+
 # The installed library needs nothing that a consumer must link itself.
 if pkg-config --print-requires ztsdlib | grep -q .; then echo "pkg-config exposes dependencies"; exit 1; fi
 echo "package test passed"
