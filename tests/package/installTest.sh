@@ -39,6 +39,16 @@ for _ in $(seq 100); do grep -q '^ready$' "$work/sim.out" && break; sleep 0.05; 
 address=$(sed -n 's/^  ztsdctl address: //p' "$work/sim.out" | head -1)
 test -n "$address" || { echo "ztsd-sim printed no address"; cat "$work/sim.out"; exit 1; }
 "$prefix/bin/ztsdctl" list "$address" | grep -q 'coherent, 0 coherency losses' || { echo "installed list failed"; exit 1; }
+
+# The README's C example, exactly as it stands there, built against the
+# installed tree and run against the simulated chassis.
+awk '/^## A short C example/{inside=1} inside && /^```c$/{code=1; next} code && /^```$/{exit} code{print}' \
+  "$source/README.md" >"$work/readmeExample.c"
+grep -q 'int main' "$work/readmeExample.c" || { echo "no C example found in README.md"; exit 1; }
+cc -std=c99 -Wall -Werror -o "$work/readmeExample" "$work/readmeExample.c" $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs ztsdlib)
+LD_LIBRARY_PATH=$libdir "$work/readmeExample" "${address%@*}" "${address##*@}" >"$work/example.out" 2>&1 \
+  || { cat "$work/example.out"; echo "the README's C example failed"; exit 1; }
+grep -qx 'coherent: 1' "$work/example.out" || { cat "$work/example.out"; echo "the README's C example did not report coherency"; exit 1; }
 kill $sim; wait $sim || true
 
 # The installed library needs nothing that a consumer must link itself.
