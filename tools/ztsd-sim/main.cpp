@@ -89,6 +89,8 @@ struct Settings {
     bool incoherent = false;
     std::size_t maxWorkers = 512;
     ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
+    unsigned replyDelay_us = 0;   // every daemon time reply held back this long after the clock is read
+    unsigned replyJitter_us = 0;  // plus uniform random up to this
 };
 
 // One chassis of the program. It can be taken down (both servers stop,
@@ -122,6 +124,7 @@ public:
         webPort_ = chassis->webService().port();
         daemonPort_ = chassis->daemonPort();
         chassis->timestampDaemon().setClock(offset_ns_, rate_ppb_);
+        chassis->timestampDaemon().setReplyDelay(settings_.replyDelay_us, settings_.replyJitter_us);
         deviceUris_.clear();
         timescaleUris_.clear();
         for (const Device& device : devices_) {
@@ -435,6 +438,12 @@ int main(int argc, char** argv) {
     app.add_option("--latency-ms", settings.latency_ms, "Delay before every answer, in milliseconds")
         ->capture_default_str()->check(CLI::Range(0, 600000));
     app.add_flag("--incoherent", settings.incoherent, "Devices start out not coherent");
+    app.add_option("--daemon-reply-delay-us", settings.replyDelay_us,
+                   "Hold every daemon time reply back this long after reading the clock (a slow return path)")
+        ->capture_default_str()->check(CLI::Range(0u, 1000000u));
+    app.add_option("--daemon-reply-jitter-us", settings.replyJitter_us,
+                   "Plus a uniform random delay up to this, per reply")
+        ->capture_default_str()->check(CLI::Range(0u, 1000000u));
     app.add_option("--max-workers", settings.maxWorkers, "Connections served at once per chassis")
         ->capture_default_str();
     const std::map<std::string, ztsdsim::ListingForm> listingForms = {

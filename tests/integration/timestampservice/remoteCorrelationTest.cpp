@@ -63,4 +63,41 @@ TEST_F(RemoteCorrelationTest, HostToRemoteAndBackWithin100us) {
     correlator.stop();
 }
 
+// The two samplings against a daemon that holds every reply back after
+// reading its clock (a slow return path). The default sampling pairs a host
+// reading with the remote reading taken one outward leg later, so it stays
+// close whatever the return path does; the symmetric one pairs the remote
+// reading with the middle of the round trip, so it is early by half the
+// extra return time. Without the hold, both are close.
+TEST_F(RemoteCorrelationTest, EachSamplingSeesASlowReturnPathAsItsPairingPredicts) {
+    using Sampling = ztsdlib::LinearCorrelator::Sampling;
+    struct Case {
+        Sampling sampling;
+        std::uint32_t replyDelay_us;
+        std::int64_t expected_ns;
+    };
+    const Case cases[] = {{Sampling::Symmetric, 0, 0},
+                          {Sampling::Symmetric, 5000, -2500000},
+                          {Sampling::Sequential, 5000, 0}};
+    // Half a millisecond of scheduling delay on a loaded machine, from
+    // either side, still tells -2.5 ms from 0.
+    constexpr std::int64_t kSamplingTolerance_ns = 1000000;
+    ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.sampling == Sampling::Symmetric ? "symmetric" : "sequential") + ", reply delay " +
+                     std::to_string(c.replyDelay_us) + " us");
+        daemon.setReplyDelay(c.replyDelay_us, 0);
+        auto remote = makeProxy();
+        ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/delay", host, *remote, 1, 30, 5000,
+                                             c.sampling);
+        correlator.start();
+        const ztsdlib_Timestamp h = hostNow();
+        const std::int64_t error_ns = nanosBetween(daemon.timeAt(h), correlator.correlate(ztsdlib::kHostTimescaleUri, h));
+        EXPECT_LE(std::llabs(error_ns - c.expected_ns), kSamplingTolerance_ns) << error_ns << " ns";
+        EXPECT_EQ(correlator.quality().sampleCount, 30u);
+        correlator.stop();
+    }
+    daemon.setReplyDelay(0, 0);
+}
+
 }  // namespace
