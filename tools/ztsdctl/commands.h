@@ -58,6 +58,7 @@ struct DomainOptions {
     std::optional<double> watch_s;   // check every watch_s seconds
     unsigned checks = 0;             // with watch: stop after this many checks; 0 = until Ctrl-C
     bool verbose = false;            // with a start that timed out: the library's whole report too
+    bool csv = false;                // checks as CSV rows (a header first) instead of tables
 };
 int runDomain(const DomainOptions& options, bool json);
 

@@ -32,11 +32,13 @@ std::string stoppedJson(bool held, unsigned checks, bool wasInterrupted) {
 
 int runDomain(const DomainOptions& options, bool json) {
     catchInterrupt();
+    // With CSV, stdout holds the CSV only; the human lines go to stderr.
+    std::ostream& info = options.csv ? std::cerr : std::cout;
     std::vector<LoadedChassis> chassis;
     for (const ChassisAddress& address : options.chassis) {
         chassis.push_back(loadChassis(address));
         if (!json)
-            std::cout << "loaded " << address.remoteHost << ": " << uriOf(chassis.back().device.get()) << "\n";
+            info << "loaded " << address.remoteHost << ": " << uriOf(chassis.back().device.get()) << "\n";
         if (interrupted()) return kExitNotCoherent;
     }
     DomainSession session(std::move(chassis), options.settings);
@@ -75,7 +77,7 @@ int runDomain(const DomainOptions& options, bool json) {
                              .text()
                       << "\n";
         } else {
-            std::cout << "coherency NOT reached within " << options.timeout_s << " s\n";
+            info << "coherency NOT reached within " << options.timeout_s << " s\n";
             std::cerr << "ztsdctl: coherency not reached within " << options.timeout_s
                       << " s; not coherent: " << (list.empty() ? "(none now)" : list) << " [" << reason.constantName()
                       << " " << reason.code() << "]\n";
@@ -93,7 +95,7 @@ int runDomain(const DomainOptions& options, bool json) {
                          .text()
                   << std::endl;
     } else {
-        std::cout << "domain " << options.settings.uri << " coherent after "
+        info << "domain " << options.settings.uri << " coherent after "
                   << fixedPoint(started.elapsed_ms, 3, false) << " s (" << session.chassis().size() << " members)"
                   << std::endl;
     }
@@ -105,9 +107,14 @@ int runDomain(const DomainOptions& options, bool json) {
             if (!sleepUnlessInterrupted(*options.watch_s * 1000.0)) break;
             const CheckResult result = session.check();
             ++checks;
-            held = result.coherentSinceStart;
+            // Held only while every check found the domain coherent (a check
+            // whose verdicts failed on an unreachable member did not).
+            held = held && result.coherentSinceStart && result.domainError.empty();
             if (json) {
                 std::cout << checkJson(result) << std::endl;
+            } else if (options.csv) {
+                if (checks == 1) std::cout << kCheckCsvHeader << "\n";
+                std::cout << checkCsv(result) << std::flush;
             } else {
                 std::cout << checkTable(result) << std::flush;
             }
@@ -117,8 +124,8 @@ int runDomain(const DomainOptions& options, bool json) {
     if (json) {
         std::cout << stoppedJson(held, checks, interrupted()) << "\n";
     } else {
-        if (interrupted()) std::cout << "interrupted; domain stopped\n";
-        std::cout << (held ? "coherency held" : "coherency LOST") << " (" << checks
+        if (interrupted()) info << "interrupted; domain stopped\n";
+        info << (held ? "coherency held" : "coherency LOST") << " (" << checks
                   << (checks == 1 ? " check" : " checks") << ")\n";
     }
     return held ? kExitOk : kExitNotCoherent;

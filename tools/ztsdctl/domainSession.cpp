@@ -1,5 +1,7 @@
 #include "domainSession.h"
 
+#include "errorSummary.h"
+
 #include <algorithm>
 #include <chrono>
 #include <future>
@@ -102,9 +104,17 @@ std::vector<MemberRow> DomainSession::askMembers() {
         answers.push_back(std::async(std::launch::async, [device] {
             MemberRow row;
             row.uri = uriOf(device);
-            row.coherent = call("ztsdlib_SyncableDevice_isCoherent", [&](zterr_Status* status) {
-                return ztsdlib_SyncableDevice_isCoherent(device, &row.lossCount, status);
-            });
+            try {
+                row.coherent = call("ztsdlib_SyncableDevice_isCoherent", [&](zterr_Status* status) {
+                    return ztsdlib_SyncableDevice_isCoherent(device, &row.lossCount, status);
+                });
+            } catch (const LibraryError& error) {
+                row.reachable = false;
+                row.coherent = false;
+                row.lossCount = 0;
+                const ErrorSummary summary = summarize(error);
+                row.error = (summary.hostPort.empty() ? "" : summary.hostPort + ": ") + summary.message;
+            }
             return row;
         }));
     }
@@ -119,13 +129,22 @@ std::vector<MemberRow> DomainSession::askMembers() {
 CheckResult DomainSession::check() {
     CheckResult result;
     result.number = ++checks_;
-    result.coherentSinceLastCheck = domainQuery("ztsdlib_SyncDomain_isCoherentSinceLastChecked",
-                                                ztsdlib_SyncDomain_isCoherentSinceLastChecked, domain_.get());
-    result.coherentSinceStart = domainQuery("ztsdlib_SyncDomain_isCoherent", ztsdlib_SyncDomain_isCoherent,
-                                            domain_.get());
+    // A member that does not answer makes the domain's verdicts fail; the
+    // watch goes on, with both verdicts false and the member's row saying why.
+    try {
+        result.coherentSinceLastCheck = domainQuery("ztsdlib_SyncDomain_isCoherentSinceLastChecked",
+                                                    ztsdlib_SyncDomain_isCoherentSinceLastChecked, domain_.get());
+        result.coherentSinceStart = domainQuery("ztsdlib_SyncDomain_isCoherent", ztsdlib_SyncDomain_isCoherent,
+                                                domain_.get());
+    } catch (const LibraryError& error) {
+        result.coherentSinceLastCheck = false;
+        result.coherentSinceStart = false;
+        result.domainError = summarize(error).message;
+    }
     result.members = askMembers();
     for (std::size_t i = 0; i < result.members.size(); ++i) {
         MemberRow& row = result.members[i];
+        if (!row.reachable) continue;  // its count is unknown; the change shows once it answers again
         const std::uint32_t previous = i < lossCounts_.size() ? lossCounts_[i] : row.lossCount;
         row.lossChange = static_cast<std::int64_t>(row.lossCount) - static_cast<std::int64_t>(previous);
         if (i < lossCounts_.size()) lossCounts_[i] = row.lossCount;
@@ -160,6 +179,10 @@ std::string checkTable(const CheckResult& check) {
     };
     out << "  " << pad("member", width) << "  coherent  " << right("losses", 8) << "  " << right("change", 8) << "\n";
     for (const MemberRow& row : check.members) {
+        if (!row.reachable) {
+            out << "  " << pad(row.uri, width) << "  unreachable: " << row.error << "\n";
+            continue;
+        }
         out << "  " << pad(row.uri, width) << "  " << pad(row.coherent ? "yes" : "NO", 8) << "  "
             << right(std::to_string(row.lossCount), 8) << "  " << right(fixedPoint(row.lossChange, 0, true), 8)
             << "\n";
@@ -170,22 +193,47 @@ std::string checkTable(const CheckResult& check) {
 std::string checkJson(const CheckResult& check) {
     std::vector<std::string> members;
     for (const MemberRow& row : check.members) {
-        members.push_back(JsonObject()
-                              .addString("uri", row.uri)
-                              .addBool("isCoherent", row.coherent)
-                              .addInteger("coherencyLossCount", row.lossCount)
-                              .addInteger("lossesSinceLastCheck", row.lossChange)
-                              .text());
+        JsonObject member;
+        member.addString("uri", row.uri).addBool("reachable", row.reachable).addBool("isCoherent", row.coherent);
+        member.addInteger("coherencyLossCount", row.lossCount).addInteger("lossesSinceLastCheck", row.lossChange);
+        if (!row.reachable) member.addString("error", row.error);
+        members.push_back(member.text());
     }
-    return JsonObject()
-        .addString("event", "check")
-        .addString("time", utcNow())
-        .addInteger("check", check.number)
-        .addInteger("elapsed_ms", check.elapsed_ms)
-        .addBool("coherentSinceLastCheck", check.coherentSinceLastCheck)
-        .addBool("coherentSinceStart", check.coherentSinceStart)
-        .addRaw("members", jsonArray(members))
-        .text();
+    JsonObject object;
+    object.addString("event", "check").addString("time", utcNow()).addInteger("check", check.number);
+    object.addInteger("elapsed_ms", check.elapsed_ms).addBool("coherentSinceLastCheck", check.coherentSinceLastCheck);
+    object.addBool("coherentSinceStart", check.coherentSinceStart).addRaw("members", jsonArray(members));
+    if (!check.domainError.empty()) object.addString("domainError", check.domainError);
+    return object.text();
+}
+
+const char* const kCheckCsvHeader =
+    "time,check,elapsed_ms,coherentSinceLastCheck,coherentSinceStart,member,reachable,isCoherent,"
+    "coherencyLossCount,lossesSinceLastCheck,error";
+
+namespace {
+
+// A CSV field: quoted when it holds a comma, a quote or a line break.
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+}  // namespace
+
+std::string checkCsv(const CheckResult& check) {
+    const std::string time = utcNow();
+    const auto flag = [](bool value) { return value ? "true" : "false"; };
+    std::ostringstream out;
+    for (const MemberRow& row : check.members) {
+        out << time << "," << check.number << "," << check.elapsed_ms << "," << flag(check.coherentSinceLastCheck)
+            << "," << flag(check.coherentSinceStart) << "," << csvField(row.uri) << "," << flag(row.reachable) << ","
+            << flag(row.coherent) << "," << row.lossCount << "," << row.lossChange << ","
+            << csvField(row.reachable ? "" : row.error) << "\n";
+    }
+    return out.str();
 }
 
 }  // namespace ztsdctl

@@ -34,6 +34,8 @@ struct MemberRow {
     bool coherent = false;
     std::uint32_t lossCount = 0;
     std::int64_t lossChange = 0;     // since the previous check (the first: since the start)
+    bool reachable = true;           // false: the device did not answer; error says why
+    std::string error;               // the library's innermost message when unreachable
 };
 
 struct CheckResult {
@@ -41,6 +43,7 @@ struct CheckResult {
     std::int64_t elapsed_ms = 0;     // since the start began
     bool coherentSinceLastCheck = false;  // the domain's isCoherentSinceLastChecked
     bool coherentSinceStart = false;      // the domain's isCoherent
+    std::string domainError;              // when the domain's verdicts failed (both are false then)
     std::vector<MemberRow> members;
 };
 
@@ -70,7 +73,8 @@ public:
     const std::vector<LoadedChassis>& chassis() const { return chassis_; }
     std::int64_t elapsedSinceStart_ms() const;
 
-    // Every member's own answer now (in member order); throws LibraryError.
+    // Every member's own answer now (in member order); a member that does
+    // not answer is a row with reachable false and its error.
     std::vector<MemberRow> askMembers();
 
 private:
@@ -91,5 +95,9 @@ private:
 std::string checkTable(const CheckResult& check);
 // The check as a JSON object ("event":"check").
 std::string checkJson(const CheckResult& check);
+
+// The check as CSV rows, one per member (no header), and the header.
+std::string checkCsv(const CheckResult& check);
+extern const char* const kCheckCsvHeader;
 
 }  // namespace ztsdctl

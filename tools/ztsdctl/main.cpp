@@ -192,6 +192,11 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->needs(watchOption);
     domainCommand->add_option("--uri", domain.settings.uri, "The domain's URI")->capture_default_str();
+    std::string format = "text";
+    CLI::Option* formatOption =
+        domainCommand->add_option("--format", format, "How checks are printed: text (tables), json, csv")
+            ->check(CLI::IsMember({"text", "json", "csv"}))
+            ->capture_default_str();
     CLI::Option* domainDaemonPort =
         domainCommand->add_option("--daemon-port", daemonPort, "Timestamp daemon port for hosts without @DAEMONPORT")
             ->check(CLI::Range(1u, 65535u));
@@ -251,6 +256,12 @@ int main(int argc, char** argv) {
                     domain.chassis.back().daemonPort = daemonPort;
             }
             if (watchOption->count() > 0) domain.watch_s = watch_s;
+            if (formatOption->count() > 0 && format != "text" && watchOption->count() == 0 && format == "csv")
+                throw UsageError("--format csv prints checks: it needs --watch");
+            if (json && formatOption->count() > 0 && format != "json")
+                throw UsageError("--json and --format " + format + " ask for two formats");
+            if (format == "json") json = true;
+            domain.csv = format == "csv";
             domain.verbose = verbose;
             return runDomain(domain, json);
         }

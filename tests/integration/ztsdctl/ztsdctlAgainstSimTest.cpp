@@ -205,3 +205,56 @@ TEST_F(ZtsdctlAgainstSim, SigtermEndsAWatchWithAStoppedEvent) {
         EXPECT_TRUE(std::regex_match(str(at(event.get(), "time")), kRfc3339)) << line;
     }
 }
+
+// A member that goes down during a watch becomes a row saying so, and the
+// watch goes on; coherency did not hold (exit 1).
+TEST_F(ZtsdctlAgainstSim, AnUnreachableMemberIsARowAndTheWatchGoesOn) {
+    std::vector<std::string> args = domain(0, {"--watch", "0.2", "--checks", "8", "--json"});
+    args.insert(args.begin() + 2, address(1));
+    ctltest::Ztsdctl child(args);
+    ASSERT_TRUE(child.waitForOutput("\"event\":\"check\"", 6000)) << child.out() << child.err();
+    ASSERT_EQ(control(1, "down"), 200);
+    ASSERT_TRUE(child.waitForOutput("\"reachable\":false", 6000)) << child.out();
+    ASSERT_EQ(control(1, "up"), 200);
+    EXPECT_EQ(child.finish(8000), 1) << child.err();
+
+    bool sawDown = false, sawBack = false;
+    for (const std::string& line : ctltest::lines(child.out())) {
+        const simtest::Json event = simtest::parse(line);
+        ASSERT_TRUE(event) << line;
+        if (str(at(event.get(), "event")) != "check") continue;
+        const cJSON* member = cJSON_GetArrayItem(at(event.get(), "members"), 1);
+        EXPECT_EQ(str(at(member, "uri")), deviceUri(1, 0));
+        if (cJSON_IsFalse(at(member, "reachable"))) {
+            sawDown = true;
+            EXPECT_TRUE(cJSON_IsFalse(at(event.get(), "coherentSinceLastCheck")));
+            EXPECT_NE(str(at(member, "error")).find(host(1) + ": "), std::string::npos) << line;
+        } else if (sawDown) {
+            sawBack = true;
+        }
+    }
+    EXPECT_TRUE(sawDown && sawBack) << child.out();
+    EXPECT_EQ(str(at(simtest::parse(ctltest::lines(child.out()).back()).get(), "event")), "stopped");
+}
+
+// --format csv: a header, then one row of eleven fields per member and check;
+// stdout holds nothing else.
+TEST_F(ZtsdctlAgainstSim, WatchAsCsv) {
+    std::vector<std::string> args = domain(0, {"--watch", "0.05", "--checks", "2", "--format", "csv"});
+    args.insert(args.begin() + 2, address(1));
+    const ctltest::Run result = ctltest::run(args);
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    const std::vector<std::string> rows = ctltest::lines(result.out);
+    ASSERT_EQ(rows.size(), 5u) << result.out;
+    EXPECT_EQ(rows[0],
+              "time,check,elapsed_ms,coherentSinceLastCheck,coherentSinceStart,member,reachable,isCoherent,"
+              "coherencyLossCount,lossesSinceLastCheck,error");
+    const std::regex row(R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z),([12]),\d+,true,true,([^,]+),true,true,0,0,)");
+    for (std::size_t i = 1; i < rows.size(); ++i) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(rows[i], match, row)) << rows[i];
+        EXPECT_EQ(match[2].str(), i <= 2 ? "1" : "2");
+        EXPECT_EQ(match[3].str(), deviceUri((i - 1) % 2, 0));
+    }
+    EXPECT_EQ(ctltest::run(domain(0, {"--format", "csv"})).exitStatus, 64);  // no checks to print
+}
