@@ -91,6 +91,8 @@ struct Settings {
     ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
     unsigned replyDelay_us = 0;   // every daemon time reply held back this long after the clock is read
     unsigned replyJitter_us = 0;  // plus uniform random up to this
+    ztsdsim::DaemonPersonality daemonPersonality = ztsdsim::DaemonPersonality::faithful;
+    unsigned dripInterval_ms = 1000;
 };
 
 // One chassis of the program. It can be taken down (both servers stop,
@@ -125,6 +127,7 @@ public:
         daemonPort_ = chassis->daemonPort();
         chassis->timestampDaemon().setClock(offset_ns_, rate_ppb_);
         chassis->timestampDaemon().setReplyDelay(settings_.replyDelay_us, settings_.replyJitter_us);
+        chassis->timestampDaemon().setPersonality(settings_.daemonPersonality, settings_.dripInterval_ms);
         deviceUris_.clear();
         timescaleUris_.clear();
         for (const Device& device : devices_) {
@@ -455,6 +458,16 @@ int main(int argc, char** argv) {
                    "without the host, as chassis that do not know the name they were reached by) or mixed")
         ->transform(CLI::CheckedTransformer(listingForms, CLI::ignore_case))
         ->default_str("hosts");
+    std::map<std::string, ztsdsim::DaemonPersonality> personalities;
+    for (const auto& [name, personality] : ztsdsim::daemonPersonalityNames()) personalities.emplace(name, personality);
+    app.add_option("--daemon-personality", settings.daemonPersonality,
+                   "How the daemons answer time calls: faithful, or a broken daemon (wrong-method-name, "
+                   "invalid-message-type, wrong-sequence-id, huge-lengths, http-server, byte-at-a-time)")
+        ->transform(CLI::CheckedTransformer(personalities, CLI::ignore_case))
+        ->default_str("faithful");
+    app.add_option("--daemon-drip-ms", settings.dripInterval_ms,
+                   "Milliseconds between the bytes of a byte-at-a-time reply")
+        ->capture_default_str()->check(CLI::Range(1, 60000));
     CLI11_PARSE(app, argc, argv);
 
     for (const auto& [name, first] : {std::pair<const char*, unsigned>{"ports", port}, {"daemon ports", daemonPort}}) {

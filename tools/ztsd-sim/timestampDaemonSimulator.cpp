@@ -14,6 +14,7 @@
 
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/server/TThreadedServer.h>
+#include <thrift/protocol/TProtocolTypes.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TServerSocket.h>
 #include <thrift/transport/TSocket.h>
@@ -26,11 +27,13 @@ namespace ztsdsim {
 
 namespace tss = ztsdlib::timestampservice;
 using apache::thrift::protocol::TBinaryProtocolFactory;
+using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TProtocol;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::server::TThreadedServer;
 using apache::thrift::transport::TBufferedTransport;
 using apache::thrift::transport::TBufferedTransportFactory;
+using apache::thrift::transport::TMemoryBuffer;
 using apache::thrift::transport::TServerSocket;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransport;
@@ -95,6 +98,8 @@ public:
     std::int64_t replyDelay_ns = 0;   // added to every time reply after the clock is read
     std::int64_t replyJitter_ns = 0;  // plus uniform in [0, jitter]
     std::mt19937_64 jitterSource{20261123};
+    DaemonPersonality personality = DaemonPersonality::faithful;
+    std::uint32_t dripInterval_ms = 1000;
 
     std::uint64_t connections = 0;
     std::uint64_t refused = 0;
@@ -224,6 +229,89 @@ private:
     DaemonState* state;
 };
 
+// The reply to a time call as the personality writes it, from the faithful
+// reply's bytes (strict header: version word and type, name length, name,
+// sequence id).
+std::string reshape(DaemonPersonality personality, std::string reply, const std::string& method,
+                    std::int32_t sequenceId) {
+    const std::size_t nameAt = 8;
+    switch (personality) {
+        case DaemonPersonality::wrongMethodName:
+            if (reply.size() > nameAt) reply[nameAt] = static_cast<char>(reply[nameAt] ^ 0x20);
+            return reply;
+        case DaemonPersonality::invalidMessageType:
+            if (reply.size() > 3) reply[3] = static_cast<char>(apache::thrift::protocol::T_CALL);
+            return reply;
+        case DaemonPersonality::wrongSequenceId:
+            if (reply.size() >= nameAt + method.size() + 4) reply.replace(nameAt + method.size(), 4, "\0\0\0\7", 4);
+            return reply;
+        case DaemonPersonality::hugeLengths: {
+            auto buffer = std::make_shared<TMemoryBuffer>();
+            TBinaryProtocol out(buffer);
+            out.writeMessageBegin(method, apache::thrift::protocol::T_REPLY, sequenceId);
+            out.writeFieldBegin("", apache::thrift::protocol::T_STRUCT, 0);
+            if (method == "getTime") {
+                out.writeFieldBegin("", apache::thrift::protocol::T_STRING, 5);
+                out.writeI32(0x7fffffff);
+            } else {
+                out.writeFieldBegin("", apache::thrift::protocol::T_LIST, 2);
+                out.writeListBegin(apache::thrift::protocol::T_STRING, 26000000);
+            }
+            return buffer->getBufferAsString();
+        }
+        case DaemonPersonality::httpServer:
+            return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+        case DaemonPersonality::faithful:
+        case DaemonPersonality::byteAtATime:
+            break;
+    }
+    return reply;
+}
+
+// The generated processor, with the time calls' replies written by the
+// personality: the faithful reply is made into memory, reshaped, then sent
+// (a byte at a time for byteAtATime).
+class PersonalityProcessor : public tss::timestampServiceProcessor {
+public:
+    PersonalityProcessor(std::shared_ptr<tss::timestampServiceIf> handler, DaemonState* s)
+        : tss::timestampServiceProcessor(std::move(handler)), state(s) {}
+
+protected:
+    bool dispatchCall(TProtocol* in, TProtocol* out, const std::string& method, std::int32_t sequenceId,
+                      void* context) override {
+        DaemonPersonality personality;
+        std::uint32_t drip_ms;
+        {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            personality = state->personality;
+            drip_ms = state->dripInterval_ms;
+        }
+        if (personality == DaemonPersonality::faithful || method == "getApiVersion")
+            return tss::timestampServiceProcessor::dispatchCall(in, out, method, sequenceId, context);
+        auto buffer = std::make_shared<TMemoryBuffer>();
+        TBinaryProtocol memory(buffer);
+        const bool served = tss::timestampServiceProcessor::dispatchCall(in, &memory, method, sequenceId, context);
+        const std::string reply = reshape(personality, buffer->getBufferAsString(), method, sequenceId);
+        auto& wire = *out->getTransport();
+        if (personality != DaemonPersonality::byteAtATime) {
+            wire.write(reinterpret_cast<const std::uint8_t*>(reply.data()), static_cast<std::uint32_t>(reply.size()));
+            wire.flush();
+            return served;
+        }
+        for (const char byte : reply) {
+            wire.write(reinterpret_cast<const std::uint8_t*>(&byte), 1);
+            wire.flush();
+            std::unique_lock<std::mutex> lock(state->mutex);
+            if (state->changed.wait_for(lock, std::chrono::milliseconds(drip_ms), [&] { return state->stopping; }))
+                throw TTransportException(TTransportException::INTERRUPTED, "ztsd-sim: stopping");
+        }
+        return served;
+    }
+
+private:
+    DaemonState* state;
+};
+
 // Accepts as the plain server socket does, but resets the connections the
 // state says to refuse.
 class RefusingServerSocket : public TServerSocket {
@@ -308,7 +396,7 @@ void TimestampDaemonSimulator::start(const std::string& host, std::uint16_t port
     }
 
     auto socket = std::make_shared<RefusingServerSocket>(state.get(), host, port);
-    auto processor = std::make_shared<tss::timestampServiceProcessor>(std::make_shared<Handler>(state.get()));
+    auto processor = std::make_shared<PersonalityProcessor>(std::make_shared<Handler>(state.get()), state.get());
     state->server = std::make_unique<TThreadedServer>(processor, socket, std::make_shared<TBufferedTransportFactory>(),
                                                       std::make_shared<TBinaryProtocolFactory>());
     state->server->setServerEventHandler(std::make_shared<ConnectionTracker>(state.get(), socket));
@@ -458,9 +546,28 @@ void TimestampDaemonSimulator::dropConnections() {
     for (const int fd : state->open) ::shutdown(fd, SHUT_RDWR);
 }
 
+void TimestampDaemonSimulator::setPersonality(DaemonPersonality personality, std::uint32_t dripInterval_ms) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->personality = personality;
+    state->dripInterval_ms = dripInterval_ms;
+}
+
+const std::vector<std::pair<std::string, DaemonPersonality>>& daemonPersonalityNames() {
+    static const std::vector<std::pair<std::string, DaemonPersonality>> names{
+        {"faithful", DaemonPersonality::faithful},
+        {"wrong-method-name", DaemonPersonality::wrongMethodName},
+        {"invalid-message-type", DaemonPersonality::invalidMessageType},
+        {"wrong-sequence-id", DaemonPersonality::wrongSequenceId},
+        {"huge-lengths", DaemonPersonality::hugeLengths},
+        {"http-server", DaemonPersonality::httpServer},
+        {"byte-at-a-time", DaemonPersonality::byteAtATime}};
+    return names;
+}
+
 void TimestampDaemonSimulator::clearFaults() {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->refusals = state->drops = state->stalls = state->failures = 0;
+    state->personality = DaemonPersonality::faithful;
     state->reportedUri.reset();
     ++state->releases;
     state->changed.notify_all();

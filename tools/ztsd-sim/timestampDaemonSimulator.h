@@ -41,6 +41,21 @@
 // the round trip mistakes for offset. It is a setting, not a fault:
 // clearFaults() leaves it.
 //
+// Personality (setPersonality): how the time calls are answered, to play
+// daemons, and things that are not daemons, met in the field. The version
+// handshake is always answered faithfully, so a proxy can be made first.
+//   faithful            the replies above
+//   wrongMethodName     the reply names another method (first letter's case
+//                       flipped: "GetTime")
+//   invalidMessageType  the reply is sent as a message of type call (1)
+//   wrongSequenceId     the reply carries sequence id 7, not the request's
+//   hugeLengths         the reply announces a URI of 0x7fffffff bytes (in
+//                       getTimeAndCurrentTimescales a list of 26,000,000
+//                       URIs) and sends nothing more
+//   httpServer          "HTTP/1.1 400 Bad Request" (a web server on the port)
+//   byteAtATime         the faithful reply, one byte every dripInterval_ms
+// A dripping call ends promptly at stop().
+//
 // Threads: every control and counter may be used from any thread; the state
 // sits under one mutex and held calls wait on a condition variable that
 // releaseStalls() and stop() signal. stop() returns promptly even with
@@ -51,6 +66,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ztsdlib/ztsdlib.h"
@@ -58,6 +74,14 @@
 namespace ztsdsim {
 
 class DaemonState;  // everything the server threads share
+
+enum class DaemonPersonality {
+    faithful, wrongMethodName, invalidMessageType, wrongSequenceId, hugeLengths, httpServer, byteAtATime
+};
+
+// The personalities by their names on ztsd-sim's command line
+// ("faithful", "wrong-method-name", ..., "byte-at-a-time").
+const std::vector<std::pair<std::string, DaemonPersonality>>& daemonPersonalityNames();
 
 class TimestampDaemonSimulator {
 public:
@@ -107,8 +131,9 @@ public:
     void releaseStalls();
     void failCalls(std::uint32_t count, std::int32_t code, std::string json);
     void dropConnections();
-    // Clears every pending refusal, drop, stall and failure and the reported
-    // URI, and releases held calls.
+    void setPersonality(DaemonPersonality personality, std::uint32_t dripInterval_ms = 1000);
+    // Clears every pending refusal, drop, stall and failure, the reported
+    // URI and the personality, and releases held calls.
     void clearFaults();
 
     std::uint64_t connectionCount() const;  // connections accepted, refused ones included

@@ -15,7 +15,10 @@
 #include <thrift/transport/TTransportException.h>
 
 #include "integration/timestampservice/daemonTestSupport.h"
+#include "timestampservice/timescaleProxySession.h"
+#include "timestampservice/timescaleProxyThriftClient.h"
 #include "timestampservice/timestampService.h"
+#include "unit/support/raisedError.h"
 #include "unit/support/statusFixture.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 
@@ -111,6 +114,50 @@ TEST(TimestampDaemonSimulator, StopIsPromptWithStalledCallsAndIdleClients) {
     EXPECT_FALSE(daemon.isRunning());
     EXPECT_THROW(idle->getApiVersion(), TTransportException);
     daemon.stop();  // again: nothing to do
+}
+
+// Each personality of the simulated daemon shows on the time calls of both
+// API versions as the failure the proxy names, at once and without retries;
+// the handshake stays faithful, a dripping reply is cut by the attempt's
+// deadline, and clearFaults makes the daemon faithful again.
+TEST(TimestampDaemonSimulator, PersonalitiesShowAsTheProxysNamedFailures) {
+    using P = ztsdsim::DaemonPersonality;
+    struct Case {
+        P personality;
+        const char* type;
+    };
+    const Case cases[] = {
+        {P::wrongMethodName, "TApplicationException::WRONG_METHOD_NAME"},
+        {P::invalidMessageType, "TApplicationException::INVALID_MESSAGE_TYPE"},
+        {P::wrongSequenceId, "TApplicationException::BAD_SEQUENCE_ID"},
+        {P::hugeLengths, "TProtocolException::SIZE_LIMIT"},
+        {P::httpServer, "TProtocolException::BAD_VERSION"},
+        {P::byteAtATime, "TTransportException::TIMED_OUT"},
+    };
+    for (const std::int32_t version : {1, 2}) {
+        TimestampDaemonSimulator daemon;
+        daemon.addTimescale(daemontest::kGmId);
+        daemon.setApiVersion(version);
+        daemon.start();
+        // A 200 ms deadline per attempt and one attempt: the drip (a byte
+        // every 20 ms) is cut within about a quarter of a second.
+        auto client = std::make_shared<ztsdlib::TimescaleProxyThriftClient>(daemon.host(), daemon.port(), 200);
+        ztsdlib::TimescaleProxySession session(client, daemontest::callerUri(), 1);
+        ztsdlib_Timestamp t{};
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.type);
+            daemon.setPersonality(c.personality, 20);
+            const auto calls = daemon.callCount();
+            ztsdtest::Raised r;
+            EXPECT_LT(elapsed_ms([&] { r = ztsdtest::captureRaise([&] { session.getTime(t); }); }), 600);
+            EXPECT_EQ(r.code, -52024);
+            EXPECT_EQ(r.detail("ztsyncdomain_debug", "type"), c.type) << version << r.json;
+            EXPECT_EQ(daemon.callCount(), calls + 1);
+        }
+        daemon.clearFaults();
+        session.getTime(t);
+        EXPECT_GT(t.seconds, 13000000000u);
+    }
 }
 
 }  // namespace
