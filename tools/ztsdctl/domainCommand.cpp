@@ -1,9 +1,12 @@
 // domain: load chassis, build a sync domain over their devices, start it
 // waiting for coherency, then optionally watch it.
+#include <chrono>
 #include <iostream>
+#include <memory>
 
 #include "commands.h"
 #include "errorSummary.h"
+#include "metrics.h"
 #include "interrupt.h"
 #include "jsonText.h"
 #include "progressLine.h"
@@ -102,10 +105,32 @@ int runDomain(const DomainOptions& options, bool json) {
 
     bool held = true;
     unsigned checks = 0;
+    std::unique_ptr<MetricsServer> metrics;
+    if (options.watch_s && !options.metricsListen.empty()) {
+        metrics = std::make_unique<MetricsServer>(options.settings.uri);
+        std::string url;
+        try {
+            url = metrics->start(options.metricsListen);
+        } catch (const std::invalid_argument& error) {
+            session.stop();
+            std::cerr << "ztsdctl: --metrics-listen: " << error.what() << "\n";
+            return kExitUsage;
+        } catch (const std::exception& error) {
+            session.stop();
+            std::cerr << "ztsdctl: " << error.what() << "\n";
+            return kExitFailure;
+        }
+        std::cerr << "metrics at " << url << std::endl;
+    }
     if (options.watch_s) {
         while (!interrupted() && (options.checks == 0 || checks < options.checks)) {
             if (!sleepUnlessInterrupted(*options.watch_s * 1000.0)) break;
+            const auto checkStarted = std::chrono::steady_clock::now();
             const CheckResult result = session.check();
+            if (metrics) {
+                metrics->update(result, std::chrono::duration<double>(std::chrono::steady_clock::now() - checkStarted)
+                                            .count());
+            }
             ++checks;
             // Held only while every check found the domain coherent (a check
             // whose verdicts failed on an unreachable member did not).

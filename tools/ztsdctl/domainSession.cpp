@@ -110,6 +110,7 @@ std::vector<MemberRow> DomainSession::askMembers() {
                 });
             } catch (const LibraryError& error) {
                 row.reachable = false;
+                row.errorCode = error.code();
                 row.coherent = false;
                 row.lossCount = 0;
                 const ErrorSummary summary = summarize(error);

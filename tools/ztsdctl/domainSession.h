@@ -36,6 +36,7 @@ struct MemberRow {
     std::int64_t lossChange = 0;     // since the previous check (the first: since the start)
     bool reachable = true;           // false: the device did not answer; error says why
     std::string error;               // the library's innermost message when unreachable
+    std::int32_t errorCode = 0;      // the library's code when unreachable
 };
 
 struct CheckResult {

@@ -192,6 +192,12 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->needs(watchOption);
     domainCommand->add_option("--uri", domain.settings.uri, "The domain's URI")->capture_default_str();
+    CLI::Option* metricsOption =
+        domainCommand
+            ->add_option("--metrics-listen", domain.metricsListen,
+                         "With --watch: serve Prometheus metrics at http://ADDR:PORT/metrics (PORT 0: any)")
+            ->needs(watchOption);
+    (void)metricsOption;
     std::string format = "text";
     CLI::Option* formatOption =
         domainCommand->add_option("--format", format, "How checks are printed: text (tables), json, csv")

@@ -5,6 +5,7 @@
 #include <httplib.h>
 #include <signal.h>
 
+#include <map>
 #include <regex>
 #include <string>
 #include <vector>
@@ -88,6 +89,8 @@ TEST_F(ZtsdctlAgainstSim, RefusesWrongCommandLinesWithOneLine) {
         {{"list", "host@70000"}, ".*'70000' after '@' is not a TCP port.*"},
         {{"list", address(0), "--daemon-port", "5"}, "ztsdctl: --daemon-port changes nothing.*"},
         {domain(0, {"--checks", "3"}), ".*--checks requires --watch.*"},
+        {domain(0, {"--metrics-listen", "127.0.0.1:0"}), ".*--metrics-listen requires --watch.*"},
+        {domain(0, {"--format", "csv"}), "ztsdctl: --format csv prints checks: it needs --watch"},
         {{"domain", address(0), "--max-offset-ns", "1", "--min-sync-ms", "1", "--timescale", "x"},
          ".*'x' is not a timescale URI.*"},
         {{"device", "/bad"}, "ztsdctl: '/bad' is neither a device URI .*"},
@@ -257,4 +260,71 @@ TEST_F(ZtsdctlAgainstSim, WatchAsCsv) {
         EXPECT_EQ(match[3].str(), deviceUri((i - 1) % 2, 0));
     }
     EXPECT_EQ(ctltest::run(domain(0, {"--format", "csv"})).exitStatus, 64);  // no checks to print
+}
+
+// --metrics-listen: scraped over HTTP while a member is down, every line is
+// a comment (# HELP / # TYPE) or a sample of the text exposition format, and
+// the figures are the watch's.
+TEST_F(ZtsdctlAgainstSim, MetricsAreScrapedInTheExpositionFormat) {
+    std::vector<std::string> args =
+        domain(0, {"--watch", "0.1", "--checks", "30", "--metrics-listen", "127.0.0.1:0", "--json"});
+    args.insert(args.begin() + 2, address(1));
+    ctltest::Ztsdctl child(args);
+    ASSERT_TRUE(child.waitForOutput("\"event\":\"check\"", 6000)) << child.err();
+    const std::smatch url = [&] {
+        std::smatch m;
+        std::regex_search(child.err(), m, std::regex(R"(metrics at http://127\.0\.0\.1:(\d+)/metrics)"));
+        return m;
+    }();
+    ASSERT_FALSE(url.empty()) << child.err();
+    ASSERT_EQ(control(1, "down"), 200);
+    ASSERT_TRUE(child.waitForOutput("\"reachable\":false", 6000));
+    httplib::Client client("127.0.0.1", std::stoi(url[1].str()));
+    client.set_read_timeout(5, 0);
+    const httplib::Result reply = client.Get("/metrics");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, 200);
+    EXPECT_EQ(reply->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+    child.signal(SIGTERM);
+    EXPECT_EQ(child.finish(5000), 1);  // coherency did not hold while a member was down
+
+    const std::regex help(R"(# HELP [a-zA-Z_:][a-zA-Z0-9_:]* .+)");
+    const std::regex type(R"(# TYPE ([a-zA-Z_:][a-zA-Z0-9_:]*) (counter|gauge|histogram))");
+    const std::regex sample(
+        R"(([a-zA-Z_:][a-zA-Z0-9_:]*)\{([a-zA-Z_][a-zA-Z0-9_]*="(?:[^"\\\n]|\\["\\n])*")(,[a-zA-Z_][a-zA-Z0-9_]*="(?:[^"\\\n]|\\["\\n])*")*\} ([-+]?(?:[0-9.]+(?:e[-+]?[0-9]+)?|Inf|NaN)))");
+    std::map<std::string, std::string> typed;
+    std::map<std::string, double> values;  // "name{labels}" -> value
+    std::string family;
+    for (const std::string& line : ctltest::lines(reply->body)) {
+        std::smatch match;
+        if (std::regex_match(line, match, type)) {
+            family = match[1];
+            EXPECT_EQ(typed.count(family), 0u) << "two TYPE lines for " << family;
+            typed[family] = match[2];
+        } else if (std::regex_match(line, match, sample)) {
+            const std::string name = match[1];
+            EXPECT_EQ(name.rfind(family, 0), 0u) << "sample outside its family: " << line;
+            values[line.substr(0, line.rfind(' '))] = std::stod(match[4]);
+        } else {
+            EXPECT_TRUE(std::regex_match(line, help)) << "not exposition format: " << line;
+        }
+    }
+    const std::map<std::string, std::string> families{
+        {"ztsd_domain_coherent", "gauge"},       {"ztsd_member_coherent", "gauge"},
+        {"ztsd_member_reachable", "gauge"},      {"ztsd_member_coherency_losses_total", "counter"},
+        {"ztsd_check_duration_seconds", "histogram"}, {"ztsd_check_errors_total", "counter"}};
+    EXPECT_EQ(typed, families);
+    const std::string domainLabel = "domain=\"/localhost/ztsdctl/syncDomains/default\"";
+    const auto member = [&](const char* name, int c) {
+        return std::string(name) + "{" + domainLabel + ",member=\"" + deviceUri(c, 0) + "\"}";
+    };
+    EXPECT_EQ(values[member("ztsd_member_reachable", 0)], 1);
+    EXPECT_EQ(values[member("ztsd_member_reachable", 1)], 0);
+    EXPECT_EQ(values[member("ztsd_member_coherent", 1)], 0);
+    EXPECT_EQ(values["ztsd_domain_coherent{" + domainLabel + "}"], 0);
+    EXPECT_GE(values["ztsd_check_errors_total{" + domainLabel + ",code=\"-52024\"}"], 1);
+    const double count = values["ztsd_check_duration_seconds_count{" + domainLabel + "}"];
+    EXPECT_GE(count, 2);
+    EXPECT_EQ(values["ztsd_check_duration_seconds_bucket{" + domainLabel + ",le=\"+Inf\"}"], count);
+    EXPECT_LE(values["ztsd_check_duration_seconds_bucket{" + domainLabel + ",le=\"0.005\"}"], count);
 }
