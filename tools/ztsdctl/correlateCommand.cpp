@@ -11,7 +11,11 @@ namespace ztsdctl {
 namespace {
 
 // A non-negative figure in nanoseconds, rounded to the nanosecond, as a duration.
-std::string uncertaintyText(double ns) { return durationText(static_cast<Nanos>(ns + 0.5)); }
+std::string uncertaintyText(double ns) {
+    std::string text = durationText(static_cast<Nanos>(ns + 0.5));
+    if (!text.empty() && text[0] == '+') text.erase(0, 1);
+    return text;
+}
 
 // ppb to a text in ppm with three decimals.
 std::string ppmText(double ppb) {
