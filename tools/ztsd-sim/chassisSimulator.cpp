@@ -1,4 +1,5 @@
 #include "ztsd-sim/chassisSimulator.h"
+#include "ztsd-sim/strictHttpFront.h"
 
 #include <cjson/cJSON.h>
 #include <httplib.h>
@@ -182,8 +183,10 @@ void ChassisSimulator::start() {
         handle(request, response);
     });
 
+    // Behind a strict front the server takes an ephemeral port of its own and
+    // the front the one asked for.
     int port = -1;
-    if (options_.port == 0) {
+    if (options_.port == 0 || options_.strictHttp) {
         port = server->bind_to_any_port(options_.host);
     } else if (server->bind_to_port(options_.host, options_.port)) {
         port = options_.port;
@@ -211,6 +214,21 @@ void ChassisSimulator::start() {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    serverPort_ = static_cast<std::uint16_t>(port);
+    if (options_.strictHttp) {
+        try {
+            front_ = std::make_unique<StrictHttpFront>(options_.host, options_.port, serverPort_);
+        } catch (...) {
+            server_->stop();
+            listener_.join();
+            server_.reset();
+            std::lock_guard<std::mutex> lock(mutex_);
+            started_ = false;
+            throw;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        port_ = front_->port();
+    }
 }
 
 void ChassisSimulator::stop() {
@@ -223,10 +241,14 @@ void ChassisSimulator::stop() {
         port = port_;
     }
     released_.notify_all();
+    if (front_) {
+        front_->stop();
+        front_.reset();
+    }
     server_->stop();
     // Kept-alive connections would hold their workers until they time out;
     // cut them so that the server's workers end now.
-    net::shutdownConnectionsOnPort(port);
+    net::shutdownConnectionsOnPort(serverPort_ ? serverPort_ : port);
     if (listener_.joinable()) listener_.join();
     server_.reset();
 }

@@ -70,6 +70,8 @@ struct Response;
 
 namespace ztsdsim {
 
+class StrictHttpFront;
+
 // The media type of every reply.
 extern const char* const kMediaType;   // "vnd.zt.syncDomain.v0/json; charset=utf-8"
 // The service name, first segment of every resource path.
@@ -114,6 +116,9 @@ struct SimulatorOptions {
     int keepAliveTimeout_s = 5;      // an idle kept-alive connection closes after this
     int listenBacklog = 512;         // pending connections the kernel queues
     ListingForm listingForm = ListingForm::withHosts;
+    // The habits of minimal web servers (strictHttpFront.h): "Expect:
+    // 100-continue" never answered, chunked request bodies refused with 411.
+    bool strictHttp = false;
 };
 
 class ChassisSimulator {
@@ -203,6 +208,8 @@ private:
     const SimulatorOptions options_;
 
     std::atomic<std::uint64_t> acceptedConnections_{0};
+    std::unique_ptr<StrictHttpFront> front_;  // with options_.strictHttp, in front of the server
+    std::uint16_t serverPort_ = 0;            // the HTTP server's own port
     mutable std::mutex mutex_;                   // guards everything below
     std::condition_variable released_;           // held requests wait on it
     bool started_ = false;

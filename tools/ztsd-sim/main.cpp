@@ -91,6 +91,7 @@ struct Settings {
     ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
     unsigned replyDelay_us = 0;   // every daemon time reply held back this long after the clock is read
     unsigned replyJitter_us = 0;  // plus uniform random up to this
+    bool strictHttp = false;
     ztsdsim::DaemonPersonality daemonPersonality = ztsdsim::DaemonPersonality::faithful;
     unsigned dripInterval_ms = 1000;
 };
@@ -121,6 +122,7 @@ public:
         options.port = webPort_;
         options.maxWorkers = settings_.maxWorkers;
         options.listingForm = settings_.listingForm;
+        options.strictHttp = settings_.strictHttp;
         auto chassis = std::make_unique<ztsdsim::SimulatedChassis>(settings_.plugin, options, daemonPort_);
         chassis->start();
         webPort_ = chassis->webService().port();
@@ -458,6 +460,9 @@ int main(int argc, char** argv) {
                    "without the host, as chassis that do not know the name they were reached by) or mixed")
         ->transform(CLI::CheckedTransformer(listingForms, CLI::ignore_case))
         ->default_str("hosts");
+    app.add_flag("--strict-http", settings.strictHttp,
+                 "Web services with the habits of minimal web servers: Expect: 100-continue never answered, "
+                 "chunked request bodies refused (411)");
     std::map<std::string, ztsdsim::DaemonPersonality> personalities;
     for (const auto& [name, personality] : ztsdsim::daemonPersonalityNames()) personalities.emplace(name, personality);
     app.add_option("--daemon-personality", settings.daemonPersonality,

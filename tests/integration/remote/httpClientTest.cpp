@@ -22,6 +22,7 @@
 #include "integration/remote/remoteTestSupport.h"
 #include "integration/remote/strictWebServer.h"
 #include "remote/curlResourceManagerProxy.h"
+#include "syncdomain/syncableDeviceProxy.h"
 #include "remote/curlClient.h"
 #include "remote/httpRequests.h"
 #include "unit/support/raisedError.h"
@@ -279,6 +280,24 @@ TEST(HttpRequestFraming, APutReachesAServerThatIgnoresExpectAndRefusesChunkedBod
         << requests[0].head;
     EXPECT_EQ(requests[0].head.find("Expect"), std::string::npos) << requests[0].head;
     EXPECT_EQ(requests[0].head.find("chunked"), std::string::npos) << requests[0].head;
+
+    // The simulator plays the same habits in front of a whole chassis
+    // (ztsd-sim --strict-http): a domain's requirements arrive at once.
+    ztsdsim::SimulatorOptions options;
+    options.strictHttp = true;
+    ztsdsim::ChassisSimulator chassis("ztsd", options);
+    chassis.start();
+    ztsdlib::SyncableDeviceProxy device(chassis.addDevice("d0"), 3000);
+    const std::string requirements =
+        "{\"version\":1,\"syncDomainUri\":\"/d\",\"coherencyRequirements\":{\"requiredTimescaleUri\":\"/t\","
+        "\"maxOffset_ns\":1000,\"minSyncDuration_ms\":100},\"data\":{}}";
+    const auto placing = std::chrono::steady_clock::now();
+    device.setCoherencyRequirements(requirements, "/d");
+    EXPECT_LT(std::chrono::steady_clock::now() - placing, std::chrono::milliseconds(500));
+    EXPECT_EQ(chassis.requirementsOf("d0"), requirements);
+    std::uint32_t losses = 7;
+    EXPECT_TRUE(device.isCoherent(&losses));
+    EXPECT_EQ(losses, 0u);
 }
 
 TEST_F(HttpClient, StalledAndRefusedRequestsFailWithinTheTimeOut) {

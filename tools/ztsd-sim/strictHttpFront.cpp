@@ -1,0 +1,191 @@
+#include "ztsd-sim/strictHttpFront.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace ztsdsim {
+namespace {
+
+constexpr std::size_t kMaxHead = 64 * 1024;
+constexpr std::size_t kMaxBody = 16 * 1024 * 1024;
+
+std::string lowered(std::string text) {
+    for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    return text;
+}
+
+// The value of a header in a head whose names were lowered, or "" .
+std::string headerValue(const std::string& lowerHead, const std::string& name) {
+    const std::size_t at = lowerHead.find("\r\n" + name + ":");
+    if (at == std::string::npos) return "";
+    std::size_t from = at + 2 + name.size() + 1;
+    while (from < lowerHead.size() && lowerHead[from] == ' ') ++from;
+    return lowerHead.substr(from, lowerHead.find("\r\n", from) - from);
+}
+
+// Reads more bytes into buffer; false when the peer closed, the stop flag
+// is set or nothing came for a second.
+bool readMore(int fd, std::string& buffer, const std::atomic<bool>& stopping) {
+    for (int quiet_ms = 0; !stopping && quiet_ms < 1000; quiet_ms += 100) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 100) != 1) continue;
+        char chunk[16384];
+        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+        if (n <= 0) return false;
+        buffer.append(chunk, static_cast<std::size_t>(n));
+        return true;
+    }
+    return false;
+}
+
+// One HTTP message (head and Content-Length body) from buffer/fd; the head's
+// end is returned in headEnd. A peer that closes between messages ends it.
+bool readMessage(int fd, std::string& buffer, std::size_t& headEnd, std::size_t& bodyLength,
+                 const std::atomic<bool>& stopping, bool& chunked) {
+    while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
+        if (buffer.size() > kMaxHead || !readMore(fd, buffer, stopping)) return false;
+    }
+    headEnd += 4;
+    const std::string lowerHead = lowered(buffer.substr(0, headEnd));
+    chunked = headerValue(lowerHead, "transfer-encoding").find("chunked") != std::string::npos;
+    if (chunked) return true;
+    const std::string length = headerValue(lowerHead, "content-length");
+    bodyLength = length.empty() ? 0 : std::stoul(length);
+    if (bodyLength > kMaxBody) return false;
+    while (buffer.size() < headEnd + bodyLength) {
+        if (!readMore(fd, buffer, stopping)) return false;
+    }
+    return true;
+}
+
+bool sendAll(int fd, const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+        const ssize_t n = ::send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        at += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+StrictHttpFront::StrictHttpFront(const std::string& host, std::uint16_t port, std::uint16_t backendPort)
+    : host_(host), backendPort_(backendPort) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0 || !found)
+        throw std::runtime_error("ztsd-sim: the strict HTTP front cannot use host " + host);
+    listener_ = ::socket(found->ai_family, SOCK_STREAM, 0);
+    const bool listening = listener_ >= 0 && ::bind(listener_, found->ai_addr, found->ai_addrlen) == 0 &&
+                           ::listen(listener_, 128) == 0;
+    ::freeaddrinfo(found);
+    sockaddr_storage bound{};
+    socklen_t length = sizeof bound;
+    if (!listening || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+        if (listener_ >= 0) ::close(listener_);
+        throw std::runtime_error("ztsd-sim: the strict HTTP front cannot listen on port " + std::to_string(port));
+    }
+    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
+                                              : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+    acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+StrictHttpFront::~StrictHttpFront() { stop(); }
+
+void StrictHttpFront::stop() {
+    if (stopping_.exchange(true)) return;
+    if (acceptor_.joinable()) acceptor_.join();
+    std::vector<std::thread> workers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
+        workers.swap(workers_);
+    }
+    for (auto& w : workers) w.join();
+    ::close(listener_);
+}
+
+void StrictHttpFront::track(int fd, bool add) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (add)
+        open_.insert(fd);
+    else
+        open_.erase(fd);
+}
+
+void StrictHttpFront::acceptLoop() {
+    while (!stopping_) {
+        pollfd p{listener_, POLLIN, 0};
+        if (::poll(&p, 1, 100) != 1) continue;
+        const int client = ::accept(listener_, nullptr, nullptr);
+        if (client < 0) continue;
+        track(client, true);
+        std::lock_guard<std::mutex> lock(mutex_);
+        workers_.emplace_back([this, client] { serve(client); });
+    }
+}
+
+int StrictHttpFront::connectBackend() const {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host_.c_str(), std::to_string(backendPort_).c_str(), &hints, &found) != 0 || !found) return -1;
+    int fd = ::socket(found->ai_family, SOCK_STREAM, 0);
+    if (fd >= 0 && ::connect(fd, found->ai_addr, found->ai_addrlen) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
+    ::freeaddrinfo(found);
+    return fd;
+}
+
+void StrictHttpFront::serve(int client) {
+    int backend = -1;
+    std::string fromClient, fromBackend;
+    while (!stopping_) {
+        std::size_t headEnd = 0, bodyLength = 0;
+        bool chunked = false;
+        if (!readMessage(client, fromClient, headEnd, bodyLength, stopping_, chunked)) break;
+        if (chunked) {  // refused, as servers without chunked uploads do
+            sendAll(client, "HTTP/1.1 411 Length Required\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            break;
+        }
+        // Forwarded without its Expect line, which this server never answers.
+        std::string head = fromClient.substr(0, headEnd);
+        const std::string lowerHead = lowered(head);
+        const std::size_t expect = lowerHead.find("\r\nexpect:");
+        if (expect != std::string::npos) head.erase(expect, lowerHead.find("\r\n", expect + 2) - expect);
+        const std::string request = head + fromClient.substr(headEnd, bodyLength);
+        fromClient.erase(0, headEnd + bodyLength);
+        if (backend < 0) {
+            backend = connectBackend();
+            if (backend < 0) break;
+            track(backend, true);
+        }
+        std::size_t answerHead = 0, answerBody = 0;
+        bool answerChunked = false;
+        if (!sendAll(backend, request) ||
+            !readMessage(backend, fromBackend, answerHead, answerBody, stopping_, answerChunked) || answerChunked)
+            break;
+        const bool sent = sendAll(client, fromBackend.substr(0, answerHead + answerBody));
+        fromBackend.erase(0, answerHead + answerBody);
+        if (!sent) break;
+    }
+    if (backend >= 0) {
+        track(backend, false);
+        ::close(backend);
+    }
+    track(client, false);
+    ::close(client);
+}
+
+}  // namespace ztsdsim
