@@ -44,6 +44,22 @@ int runDomain(const DomainOptions& options, bool json) {
             info << "loaded " << address.remoteHost << ": " << uriOf(chassis.back().device.get()) << "\n";
         if (interrupted()) return kExitNotCoherent;
     }
+    // A chassis' other devices join by URI; proxies only, no timescales.
+    for (const std::string& uri : options.extraDevices) {
+        LoadedChassis member;
+        member.remoteHost = uri.substr(1, uri.find('/', 1) - 1);
+        try {
+            member.device = owned<DeviceHandle>(
+                call("ztsdlib_SyncableDeviceProxy_create",
+                     [&](zterr_Status* status) { return ztsdlib_SyncableDeviceProxy_create(uri.c_str(), status); }),
+                "ztsdlib_SyncableDeviceProxy_create");
+        } catch (LibraryError& error) {
+            error.setContext(uri);
+            throw;
+        }
+        if (!json) info << "added " << uri << "\n";
+        chassis.push_back(std::move(member));
+    }
     DomainSession session(std::move(chassis), options.settings);
 
     StartResult started;

@@ -198,6 +198,18 @@ int main(int argc, char** argv) {
                          "With --watch: serve Prometheus metrics at http://ADDR:PORT/metrics (PORT 0: any)")
             ->needs(watchOption);
     (void)metricsOption;
+    domainCommand
+        ->add_option("--device", domain.extraDevices,
+                     "Also a member: a device by URI (/<host>/.../syncableDevices/<name>), e.g. a chassis' "
+                     "second device; repeatable")
+        ->check(CLI::Validator(
+            [](std::string& uri) -> std::string {
+                return uri.size() > 1 && uri[0] == '/' && uri.find("/syncableDevices/") != std::string::npos &&
+                               uri.find_first_of(" \"\\") == std::string::npos
+                           ? ""
+                           : "'" + uri + "' is not a device URI (/<host>/.../syncableDevices/<name>)";
+            },
+            "URI", "device URI"));
     std::string format = "text";
     CLI::Option* formatOption =
         domainCommand->add_option("--format", format, "How checks are printed: text (tables), json, csv")

@@ -90,6 +90,7 @@ TEST_F(ZtsdctlAgainstSim, RefusesWrongCommandLinesWithOneLine) {
         {{"list", address(0), "--daemon-port", "5"}, "ztsdctl: --daemon-port changes nothing.*"},
         {domain(0, {"--checks", "3"}), ".*--checks requires --watch.*"},
         {domain(0, {"--metrics-listen", "127.0.0.1:0"}), ".*--metrics-listen requires --watch.*"},
+        {domain(0, {"--device", "chassis0-1"}), ".*'chassis0-1' is not a device URI.*"},
         {domain(0, {"--format", "csv"}), "ztsdctl: --format csv prints checks: it needs --watch"},
         {{"domain", address(0), "--max-offset-ns", "1", "--min-sync-ms", "1", "--timescale", "x"},
          ".*'x' is not a timescale URI.*"},
@@ -169,6 +170,22 @@ TEST_F(ZtsdctlAgainstSim, DeviceByHostAndName) {
         const simtest::Json json = simtest::parse(result.out);
         EXPECT_EQ(str(at(json.get(), "uri")), deviceUri(0, d));
     }
+}
+
+// A chassis' second device joins a domain by --device and is watched as a
+// member of its own.
+TEST_F(ZtsdctlAgainstSim, ASecondDeviceOfAChassisIsAMember) {
+    const ctltest::Run result = ctltest::run(domain(0, {"--device", deviceUri(0, 1), "--watch", "0.05", "--checks",
+                                                        "1", "--json"}));
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    std::vector<std::string> uris;
+    for (const std::string& line : ctltest::lines(result.out)) {
+        const simtest::Json event = simtest::parse(line);
+        if (str(at(event.get(), "event")) != "check") continue;
+        const cJSON* member = nullptr;
+        cJSON_ArrayForEach(member, at(event.get(), "members")) uris.push_back(str(at(member, "uri")));
+    }
+    EXPECT_EQ(uris, (std::vector<std::string>{deviceUri(0, 0), deviceUri(0, 1)})) << result.out;
 }
 
 // A start that times out names the member that was not coherent.
