@@ -1,0 +1,68 @@
+import datetime
+import decimal
+import os
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), ".."))
+import ztsdlib  # noqa: E402
+
+UTC = datetime.timezone.utc
+U64 = (1 << 64) - 1
+
+
+@pytest.mark.parametrize("text,nanos", [
+    ("0", 0), ("-0.000000001", -1), ("1.5", 1_500_000_000),
+    ("%d.999999999" % U64, U64 * 10**9 + 999_999_999),
+    ("-%d.999999999" % U64, -(U64 * 10**9 + 999_999_999)),
+])
+def test_decimal_round_trip_is_exact(text, nanos):
+    stamp = ztsdlib.Timestamp.from_decimal(decimal.Decimal(text))
+    assert stamp.nanoseconds == nanos
+    assert stamp.to_decimal() == decimal.Decimal(text)
+    assert stamp._to_c().isNegative == (nanos < 0)
+    assert ztsdlib.Timestamp._from_c(stamp._to_c()) == stamp
+
+
+@pytest.mark.parametrize("text,error", [
+    ("0.0000000001", ValueError), ("%d" % (U64 + 1), OverflowError),
+])
+def test_decimal_rejects(text, error):
+    with pytest.raises(error):
+        ztsdlib.Timestamp.from_decimal(decimal.Decimal(text))
+
+
+@pytest.mark.parametrize("moment,nanos", [
+    (datetime.datetime(1601, 1, 1, tzinfo=UTC), 0),
+    (datetime.datetime(1970, 1, 1, tzinfo=UTC), 11_644_473_600 * 10**9),
+    (datetime.datetime(9999, 12, 31, 23, 59, 59, 999999, tzinfo=UTC), 265_046_774_399_999_999_000),
+])
+def test_datetime_counts_from_1601(moment, nanos):
+    assert ztsdlib.Timestamp.from_datetime(moment).nanoseconds == nanos
+    assert ztsdlib.Timestamp(nanos).to_datetime() == moment
+
+
+def test_host_timescale_reads_the_wall_clock():
+    with ztsdlib.HostTimescale() as clock:
+        assert clock.uri == ztsdlib.HOST_TIMESCALE_URI
+        read = clock.get_time().to_datetime()
+    assert abs(read - datetime.datetime.now(UTC)) < datetime.timedelta(seconds=5)
+
+
+@pytest.mark.parametrize("uri", [None])
+def test_bad_uri_raises_with_code_and_message(uri):
+    with pytest.raises(ztsdlib.ZtsdError) as caught:
+        ztsdlib.HostTimescale(uri)
+    assert (caught.value.code, caught.value.constant) == (-52005, "ztapalerr_invalidParameter")
+    assert caught.value.message
+
+
+@pytest.mark.parametrize("report,constant,message", [
+    ({"error_constant": "a", "x_debug": {"message": "outer"}}, "a", "outer"),
+    ({"error_constant": "a", "message": "outer",
+      "nested_error": [{"error_constant": "b", "y_debug": {"message": "inner"}}]}, "b", "inner"),
+])
+def test_error_takes_the_innermost_cause(report, constant, message):
+    error = ztsdlib.ZtsdError(-1, report)
+    assert (error.constant, error.message, error.report) == (constant, message, report)
