@@ -18,6 +18,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <string>
@@ -54,7 +55,11 @@ void checkProxy(const std::string& uri) {
     }
     const ztsdlib::SyncableDeviceProxy proxy(uri, std::make_unique<NoResources>());
     require(proxy.getUri() == uri, "proxy URI differs from the one given");
-    require(proxy.getHostUrl() == "http://" + parts["remoteHost"], "host URL", proxy.getHostUrl());
+    // A bare IPv6 literal (two or more ':' and no opening bracket) goes into
+    // HTTP addresses in brackets; any other host as it is.
+    const std::string& host = parts["remoteHost"];
+    const bool bareIpv6 = std::count(host.begin(), host.end(), ':') >= 2 && host.front() != '[';
+    require(proxy.getHostUrl() == "http://" + (bareIpv6 ? "[" + host + "]" : host), "host URL", proxy.getHostUrl());
     std::string path;
     for (std::size_t i = 1; i < keys.size(); ++i) path += "/" + parts[keys[i]];
     require(proxy.getResourcePath() == path, "resource path", proxy.getResourcePath());
