@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <stdexcept>
 
 namespace ztsdsim {
@@ -53,8 +54,14 @@ bool readMessage(int fd, std::string& buffer, std::size_t& headEnd, std::size_t&
     const std::string lowerHead = lowered(buffer.substr(0, headEnd));
     chunked = headerValue(lowerHead, "transfer-encoding").find("chunked") != std::string::npos;
     if (chunked) return true;
+    // A length that is not a plain decimal number, or beyond kMaxBody, ends
+    // the conversation (a hostile peer must not stop the simulator).
     const std::string length = headerValue(lowerHead, "content-length");
-    bodyLength = length.empty() ? 0 : std::stoul(length);
+    bodyLength = 0;
+    if (!length.empty()) {
+        const auto parsed = std::from_chars(length.data(), length.data() + length.size(), bodyLength);
+        if (parsed.ec != std::errc() || parsed.ptr != length.data() + length.size()) return false;
+    }
     if (bodyLength > kMaxBody) return false;
     while (buffer.size() < headEnd + bodyLength) {
         if (!readMore(fd, buffer, stopping)) return false;
