@@ -1,4 +1,5 @@
 #include "ztsd-sim/rawTimestampDaemon.h"
+#include "ztsd-sim/socketControl.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -67,17 +68,7 @@ std::int32_t toI32(const std::string& b) {
 }  // namespace
 
 RawTimestampDaemon::RawTimestampDaemon(Options options) : options_(std::move(options)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        if (listener_ >= 0) ::close(listener_);
-        throw std::runtime_error("ztsd-sim: the raw timestamp daemon cannot listen on 127.0.0.1");
-    }
-    port_ = ntohs(address.sin_port);
+    listener_ = net::listenOnLoopback(port_, 16, "ztsd-sim: the raw timestamp daemon");
     server_ = std::thread([this] { serve(); });
 }
 

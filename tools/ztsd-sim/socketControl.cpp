@@ -10,6 +10,8 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <stdexcept>
+#include <string>
 #include <functional>
 
 namespace ztsdsim::net {
@@ -87,6 +89,22 @@ std::size_t shutdownConnectionsOnPort(std::uint16_t localPort) {
         if (!endpointOf(fd, true, peer)) return false;
         return ::shutdown(fd, SHUT_RDWR) == 0;
     });
+}
+
+int listenOnLoopback(std::uint16_t& port, int backlog, const char* what) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener, backlog) != 0 ||
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (listener >= 0) ::close(listener);
+        throw std::runtime_error(std::string(what) + " cannot listen on 127.0.0.1");
+    }
+    port = ntohs(address.sin_port);
+    return listener;
 }
 
 void setListenBacklog(int listeningSocket, int backlog) {

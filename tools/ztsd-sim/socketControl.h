@@ -22,6 +22,10 @@ bool shutdownConnection(std::uint16_t localPort, const std::string& peerAddress,
 // many it shut down.
 std::size_t shutdownConnectionsOnPort(std::uint16_t localPort);
 
+// A TCP socket listening on 127.0.0.1 at an ephemeral port, written to
+// port; throws std::runtime_error naming `what` when that fails.
+int listenOnLoopback(std::uint16_t& port, int backlog, const char* what);
+
 // Sets the accept-queue length of a socket that is already listening.
 void setListenBacklog(int listeningSocket, int backlog);
 

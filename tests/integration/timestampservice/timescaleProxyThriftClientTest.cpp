@@ -18,6 +18,7 @@
 #include <thrift/transport/TBufferTransports.h>
 
 #include "timestampservice/timescaleProxyThriftClient.h"
+#include "ztsd-sim/socketControl.h"
 
 namespace {
 
@@ -29,15 +30,7 @@ using apache::thrift::protocol::TProtocolException;
 class CannedPeer {
 public:
     explicit CannedPeer(std::vector<std::string> cannedReplies) : replies(std::move(cannedReplies)) {
-        listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(listener, 4) != 0 || ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            throw std::runtime_error("cannot listen on loopback");
-        port = ntohs(address.sin_port);
+        listener = ztsdsim::net::listenOnLoopback(port, 4, "the canned peer");
         server = std::thread([this] { serve(); });
     }
     ~CannedPeer() {
