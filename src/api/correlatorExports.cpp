@@ -11,6 +11,24 @@ using ztsdlib::TimestampCorrelatorInterface;
 using ztsdlib::api::handleOf;
 using ztsdlib::api::objectOf;
 
+namespace {
+
+using Sampling = ztsdlib::LinearCorrelator::Sampling;
+
+// The linear correlator behind both create exports (the frame has checked
+// the pointers).
+ztsdlib_TimestampCorrelator* newLinearCorrelator(const char* correlatorUri, ztsdlib_Timescale* timescale1,
+                                                 ztsdlib_Timescale* timescale2, uint32_t samplingIntervalMs,
+                                                 uint32_t maxSampleSize, uint32_t maxWaitForFirstCorrelateMs,
+                                                 Sampling sampling) {
+    TimestampCorrelatorInterface* object = new ztsdlib::LinearCorrelator(
+        std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1), *objectOf<TimescaleInterface>(timescale2),
+        samplingIntervalMs, maxSampleSize, maxWaitForFirstCorrelateMs, sampling);
+    return handleOf<ztsdlib_TimestampCorrelator>(object);
+}
+
+}  // namespace
+
 extern "C" {
 
 ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
@@ -19,11 +37,8 @@ ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
     return ZTSD_EXPORT(status, nullptr,
                        ({{"correlatorUri", correlatorUri}, {"timescale1", timescale1}, {"timescale2", timescale2}}),
                        [&] {
-                           TimestampCorrelatorInterface* object = new ztsdlib::LinearCorrelator(
-                               std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1),
-                               *objectOf<TimescaleInterface>(timescale2), samplingIntervalMs, maxSampleSize,
-                               maxWaitForFirstCorrelateMs);
-                           return handleOf<ztsdlib_TimestampCorrelator>(object);
+                           return newLinearCorrelator(correlatorUri, timescale1, timescale2, samplingIntervalMs,
+                                                      maxSampleSize, maxWaitForFirstCorrelateMs, Sampling::Sequential);
                        });
 }
 
@@ -33,11 +48,8 @@ ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_createSymmetri
     return ZTSD_EXPORT(status, nullptr,
                        ({{"correlatorUri", correlatorUri}, {"timescale1", timescale1}, {"timescale2", timescale2}}),
                        [&] {
-                           TimestampCorrelatorInterface* object = new ztsdlib::LinearCorrelator(
-                               std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1),
-                               *objectOf<TimescaleInterface>(timescale2), samplingIntervalMs, maxSampleSize,
-                               maxWaitForFirstCorrelateMs, ztsdlib::LinearCorrelator::Sampling::Symmetric);
-                           return handleOf<ztsdlib_TimestampCorrelator>(object);
+                           return newLinearCorrelator(correlatorUri, timescale1, timescale2, samplingIntervalMs,
+                                                      maxSampleSize, maxWaitForFirstCorrelateMs, Sampling::Symmetric);
                        });
 }
 
