@@ -318,8 +318,9 @@ ZTSDLIB_API void ztsdlib_ThreadPool_delete(void* pool);
 /* ---- sync domains ------------------------------------------------------- */
 
 /*
- * Sync domains are used from one thread at a time per handle; they ask their
- * members in parallel on the pool given at creation (a
+ * Sync domains are used from one thread at a time per handle (but for
+ * ztsdlib_SyncDomain_cancelStart); they ask their members in parallel on
+ * the pool given at creation (a
  * ztsdlib::ThreadPoolInterface*, or the result of ztsdlib_ThreadPool_create).
  * timescale is read once for its URI and not kept. Member checks time out
  * after 10000 ms; a waiting start uses timeout_s for all its passes, which
@@ -349,6 +350,18 @@ ZTSDLIB_API bool ztsdlib_SyncDomain_start(ztsdlib_SyncDomain* handle, uint32_t t
 ZTSDLIB_API void ztsdlib_SyncDomain_startV2(ztsdlib_SyncDomain* handle, bool waitToBecomeCoherent,
                                             bool saveInitialCoherency, uint32_t timeout_s, zterr_Status* status);
 ZTSDLIB_API void ztsdlib_SyncDomain_stop(ztsdlib_SyncDomain* handle, zterr_Status* status);
+/*
+ * Ends a start (start or startV2) that runs on this domain in another thread,
+ * and is the one sync-domain call allowed while another thread is inside
+ * one on the same handle (not while the domain is being deleted). The start
+ * fails within about 50 ms with -52007 "ztapalerr_operationTimedOut" and
+ * "cancelled": true in its "ztsyncdomain_debug" object; the domain stays
+ * stopped, and the member requests then under way finish in the background
+ * as after a time-out. Returns true when a start was under way; with none,
+ * it does nothing and returns false (it never ends a later start). For a
+ * program's Ctrl-C handling: call it from a thread that watches a flag.
+ */
+ZTSDLIB_API bool ztsdlib_SyncDomain_cancelStart(ztsdlib_SyncDomain* handle, zterr_Status* status);
 ZTSDLIB_API const char* ztsdlib_SyncDomain_getTimescaleUri(ztsdlib_SyncDomain* handle, zterr_Status* status);
 ZTSDLIB_API const char* ztsdlib_SyncDomain_getUri(ztsdlib_SyncDomain* handle, zterr_Status* status);
 /* free() the result. */
@@ -372,6 +385,15 @@ typedef void* (*ztsdlib_Allocator)(size_t size);
 ZTSDLIB_API void ztsdlib_loadProxyResources(const char* networkDeviceParamsJson, ztsdlib_SyncableDevice** deviceOut,
                                             ztsdlib_Timescale*** timescalesOut, uint32_t* timescaleCount,
                                             ztsdlib_Allocator allocator, zterr_Status* status);
+/*
+ * The URIs of every syncable device the described chassis lists, in its
+ * order, as a JSON array of strings (e.g. ["/host:port/ztsdwebs/resources/
+ * p1/syncableDevices/dev0", ...]; "[]" when it lists none), each with its
+ * host as ztsdlib_loadProxyResources gives it. One GET of the listing; make a
+ * proxy of any of them with ztsdlib_SyncableDeviceProxy_create. free() the
+ * result. Fails as ztsdlib_loadProxyResources does, returning NULL.
+ */
+ZTSDLIB_API char* ztsdlib_listSyncableDeviceUris(const char* networkDeviceParamsJson, zterr_Status* status);
 /*
  * Writes the URI root of the described device (remoteHost, in [...] when it
  * holds a ':') into both buffers of bufferSize bytes; -52019 when the root

@@ -4,6 +4,11 @@
 // of a "nullptr" member.
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include <cjson/cJSON.h>
 
 #include "api/exportFrame.h"
 #include "errors/exception.h"
@@ -53,6 +58,25 @@ ZTSDLIB_API void ztsdlib_loadProxyResources(const char* networkDeviceParamsJson,
         *timescalesOut = array;
         *timescaleCount = static_cast<uint32_t>(count);
         *deviceOut = ztsdlib::api::handleOf<ztsdlib_SyncableDevice>(loaded.device.release());
+    });
+}
+
+ZTSDLIB_API char* ztsdlib_listSyncableDeviceUris(const char* networkDeviceParamsJson, zterr_Status* status) {
+    return ZTSD_EXPORT(status, nullptr, ({}), [&]() -> char* {
+        requireArguments({{"networkDeviceParamsJson", networkDeviceParamsJson}});
+        const ztsdlib::NetworkDeviceParams params =
+            ztsdlib::parseNetworkDeviceParams(networkDeviceParamsJson, "ztsdlib_listSyncableDeviceUris");
+        std::string text = "[";
+        for (const std::string& uri : ztsdlib::listSyncableDeviceUris(params)) {
+            // A listed URI is the chassis' text: written as a JSON string, escapes and all.
+            const std::unique_ptr<cJSON, void (*)(cJSON*)> item(cJSON_CreateStringReference(uri.c_str()), cJSON_Delete);
+            char* quoted = item ? cJSON_PrintUnformatted(item.get()) : nullptr;
+            if (!quoted) throw std::bad_alloc();
+            if (text.size() > 1) text += ',';
+            text += quoted;
+            cJSON_free(quoted);
+        }
+        return ztsdlib::api::duplicateForCaller(text + "]");
     });
 }
 

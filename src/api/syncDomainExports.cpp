@@ -94,6 +94,10 @@ ZTSDLIB_API void ztsdlib_SyncDomain_stop(ztsdlib_SyncDomain* handle, zterr_Statu
     ZTSD_EXPORT_VOID(status, ({{"handle", handle}}), [&] { domainOf(handle)->stop(); });
 }
 
+ZTSDLIB_API bool ztsdlib_SyncDomain_cancelStart(ztsdlib_SyncDomain* handle, zterr_Status* status) {
+    return ZTSD_EXPORT(status, false, ({{"handle", handle}}), [&] { return domainOf(handle)->cancelStart(); });
+}
+
 ZTSDLIB_API const char* ztsdlib_SyncDomain_getTimescaleUri(ztsdlib_SyncDomain* handle, zterr_Status* status) {
     return ZTSD_EXPORT(status, nullptr, ({{"handle", handle}}),
                        [&] { return domainOf(handle)->getTimescaleUri().c_str(); });

@@ -67,11 +67,25 @@ std::string withHost(const std::string& listedUri, const std::string& remoteHost
     return "/" + remoteHost + "/" + listedUri.substr(at);
 }
 
-LoadedProxies loadProxyResources(const NetworkDeviceParams& params) {
+namespace {
+
+// The chassis' listing, every URI with its host.
+zt::syncdomain::ResourceListing fetchListing(const NetworkDeviceParams& params) {
     zt::syncdomain::ResourceListing listing =
         zt::syncdomain::CurlResourceManagerProxy(params.remoteHost).fetchResourceListing();
     for (auto* uris : {&listing.syncableDevices, &listing.timescales})
         for (std::string& uri : *uris) uri = withHost(uri, params.remoteHost);
+    return listing;
+}
+
+}  // namespace
+
+std::vector<std::string> listSyncableDeviceUris(const NetworkDeviceParams& params) {
+    return fetchListing(params).syncableDevices;
+}
+
+LoadedProxies loadProxyResources(const NetworkDeviceParams& params) {
+    const zt::syncdomain::ResourceListing listing = fetchListing(params);
     if (listing.syncableDevices.empty()) {
         zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_resourceNotFound), zterr::code::ztapalerr_resourceNotFound,
                      kDebug,

@@ -10,7 +10,8 @@
 //
 // Choices:
 //  - A listing with several "syncableDevices" entries loads the first one;
-//    the others are left alone (one description names one device).
+//    the others are left alone (one description names one device), and
+//    listSyncableDeviceUris names them all for callers that want the rest.
 //  - With no "timescales" entries the caller's allocator is not called: the
 //    array is NULL and the count 0.
 //  - Every proxy is made before anything is written to the caller: a failure
@@ -59,6 +60,10 @@ struct LoadedProxies {
 // Lists the chassis and makes a device proxy and one timescale proxy per
 // listed timescale. Raises -52006 when the chassis lists no syncable device.
 LoadedProxies loadProxyResources(const NetworkDeviceParams& params);
+
+// The URIs of every syncable device the chassis lists, in its order, each
+// with its host (as loading gives them); empty when it lists none.
+std::vector<std::string> listSyncableDeviceUris(const NetworkDeviceParams& params);
 
 // A listed URI with its host: one that starts with the web service name
 // (with or without a leading "/") gets "/" + remoteHost in front.

@@ -54,6 +54,41 @@ void CompletionSignal::waitFor(const void* task, std::uint64_t seen, std::chrono
     awaited = nullptr;
 }
 
+void StartCancel::open() {
+    std::lock_guard<std::mutex> lock(mutex);
+    isOpen = true;
+    cancelled.store(false, std::memory_order_release);
+}
+
+void StartCancel::close() {
+    std::lock_guard<std::mutex> lock(mutex);
+    isOpen = false;
+    cancelled.store(false, std::memory_order_release);
+}
+
+bool StartCancel::request() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!isOpen) return false;
+        cancelled.store(true, std::memory_order_release);
+    }
+    changed.notify_all();
+    return true;
+}
+
+bool StartCancel::sleepUnlessRequested(std::chrono::milliseconds wait) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, wait, [this] { return cancelled.load(std::memory_order_acquire); });
+}
+
+void raiseStartCancelled(const std::string& syncDomainUri) {
+    zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut), zterr::code::ztapalerr_operationTimedOut,
+                 "ztsyncdomain_debug",
+                 {{"message", "The start of the Sync Domain was cancelled before every syncable device was coherent."},
+                  {"syncDomainUri", syncDomainUri},
+                  {"cancelled", true}});
+}
+
 bool TaskLifeline::enter() {
     std::lock_guard<std::mutex> lock(mutex);
     if (!open) return false;
@@ -115,8 +150,9 @@ namespace {
 
 // Waits until the task is done; raises the time-out when the timer expires first.
 void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const CompletionSignal& signal,
-               const std::string& syncDomainUri) {
+               const std::string& syncDomainUri, const StartCancel* cancel) {
     for (;;) {
+        if (cancel && cancel->requested()) raiseStartCancelled(syncDomainUri);
         if (timer.hasExpired()) raiseTimedOut(timer, syncDomainUri);
         // Read the count before looking at the task, so a completion
         // between the look and the wait still ends the wait.
@@ -130,11 +166,11 @@ void awaitDone(const TaskBase& task, ztsdtools::MonotonicTimer& timer, const Com
 
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
                       ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
-                      const std::string& syncDomainUri) {
+                      const std::string& syncDomainUri, const StartCancel* cancel) {
     try {
         for (const auto& task : tasks) pool.submit(task);
         for (const auto& task : tasks) {
-            awaitDone(*task, timer, *signal, syncDomainUri);
+            awaitDone(*task, timer, *signal, syncDomainUri, cancel);
             if (task->error()) raiseMemberFailure(task->error(), syncDomainUri);
         }
     } catch (...) {

@@ -135,6 +135,31 @@ private:
     std::string result;
 };
 
+// A request, from another thread, to end the start under way on a domain.
+// The domain opens a window for the length of its start; a request made while
+// it is open ends that start (the fan-out sees it at its next poll, the pause
+// between passes at once); a request made while no start runs is dropped, so
+// it never ends a later start.
+class StartCancel {
+public:
+    void open();
+    void close();
+    // True when a start was under way to take the request.
+    bool request();
+    bool requested() const { return cancelled.load(std::memory_order_acquire); }
+    // Sleeps up to `wait`; returns early, true, once a request came.
+    bool sleepUnlessRequested(std::chrono::milliseconds wait);
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool isOpen = false;
+    std::atomic<bool> cancelled{false};
+};
+
+// -52007 for a start ended by StartCancel::request, with "cancelled": true.
+[[noreturn]] void raiseStartCancelled(const std::string& syncDomainUri);
+
 // Submits the tasks in order and waits for each in order: an expired timer
 // fails with ztapalerr_operationTimedOut ("timeout_ms"), a task's error with
 // ztapalerr_communicationsFault and that error nested. When it fails, for
@@ -142,8 +167,10 @@ private:
 // is abandoned: the pool still owns the submitted ones, a running one
 // finishes its request, one not yet started does nothing. Devices are safe
 // to ask from several threads, so the next fan-out does not wait for them.
+// With `cancel`, a request ends the wait within one poll
+// (raiseStartCancelled), the tasks abandoned as on a time-out.
 void awaitMemberTasks(ThreadPoolInterface& pool, const std::vector<std::shared_ptr<TaskBase>>& tasks,
                       ztsdtools::MonotonicTimer& timer, const std::shared_ptr<CompletionSignal>& signal,
-                      const std::string& syncDomainUri);
+                      const std::string& syncDomainUri, const StartCancel* cancel = nullptr);
 
 }  // namespace ztsdlib

@@ -24,6 +24,8 @@ public:
     // The three arguments are not looked at.
     void startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) override;
     void stop() override { isDomainRunning = isCoherentFlag = false; }
+    // Its start never waits, so there is never one to end.
+    bool cancelStart() override { return false; }
     const std::string& getTimescaleUri() const override { return requiredTimescaleUri; }
     const std::string& getUri() const override { return uri; }
     std::string toJson() override;

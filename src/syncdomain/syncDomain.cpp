@@ -54,7 +54,7 @@ void SyncDomain::addSyncableDevice(SyncableDeviceInterface* device) {
     members.emplace(deviceUri, Member{device, MemberState{}});
 }
 
-SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& timer) {
+SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& timer, const StartCancel* cancel) {
     auto signal = std::make_shared<CompletionSignal>();
     std::vector<std::shared_ptr<CheckMemberCoherencyStateTask>> checks;
     std::vector<std::shared_ptr<TaskBase>> tasks;
@@ -64,7 +64,7 @@ SyncDomain::CheckResults SyncDomain::checkMembers(ztsdtools::MonotonicTimer& tim
         checks.push_back(std::make_shared<CheckMemberCoherencyStateTask>(lifeline, signal, memberUri, *member.device));
         tasks.push_back(checks.back());
     }
-    awaitMemberTasks(*threadPool, tasks, timer, signal, uri);
+    awaitMemberTasks(*threadPool, tasks, timer, signal, uri, cancel);
     CheckResults results;
     results.reserve(checks.size());
     for (const auto& check : checks) results[check->memberUri] = {check->isCoherent, check->coherencyLossCount};
@@ -117,9 +117,15 @@ void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, s
         isDomainRunning = true;
         return;
     }
+    // From here on, cancelStart() from another thread ends this start.
+    struct CancelWindow {
+        StartCancel& cancel;
+        explicit CancelWindow(StartCancel& c) : cancel(c) { cancel.open(); }
+        ~CancelWindow() { cancel.close(); }
+    } window(startCancel);
     if (!waitToBecomeCoherent) {
         ztsdtools::MonotonicTimer timer(kCheckTimeout_ms);
-        saveAsStartAndLastCheck(checkMembers(timer));
+        saveAsStartAndLastCheck(checkMembers(timer, &startCancel));
         isDomainRunning = true;
         return;
     }
@@ -134,7 +140,7 @@ void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, s
     ztsdtools::MonotonicTimer timer(static_cast<std::int64_t>(timeout_s) * 1000);
     for (;;) {
         const ztsdtools::MonotonicStopWatch pass;
-        const CheckResults results = checkMembers(timer);
+        const CheckResults results = checkMembers(timer, &startCancel);
         saveAsStartAndLastCheck(results);
         isCoherentLatch = true;
         for (const auto& entry : results) {
@@ -148,11 +154,15 @@ void SyncDomain::startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, s
         // one did, or as soon as the timer runs out, which ends the start
         // with the same error as a pass that ends after it.
         const std::int64_t pause_ms = std::min(kPassSpacing_ms - pass.elapsed_ms(), timer.timeout() - timer.elapsed_ms());
-        if (pause_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+        if (pause_ms > 0 && startCancel.sleepUnlessRequested(std::chrono::milliseconds(pause_ms)))
+            raiseStartCancelled(uri);
+        if (startCancel.requested()) raiseStartCancelled(uri);
         if (timer.hasExpired()) raiseStartTimedOut();
     }
     isDomainRunning = true;
 }
+
+bool SyncDomain::cancelStart() { return startCancel.request(); }
 
 void SyncDomain::raiseStartTimedOut() const {
     zterr::raise(ZTERR_SITE(kFile, zterr::name::ztapalerr_operationTimedOut), zterr::code::ztapalerr_operationTimedOut,

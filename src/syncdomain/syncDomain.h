@@ -15,6 +15,11 @@
 // start at least kPassSpacing_ms apart, so a chassis that is slow to lock is
 // asked about 20 times a second at most, not as fast as it answers. The pause
 // ends at once when the start's timer runs out.
+//
+// cancelStart() is the one call made from another thread while a start runs
+// on the caller's: it ends that start within one fan-out poll (50 ms) with
+// -52007 and "cancelled": true, the members' tasks abandoned as on a time-out;
+// it does nothing when no start is under way.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +66,7 @@ public:
     bool start(std::uint32_t timeout_s) override;
     void startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) override;
     void stop() override { isDomainRunning = false; }
+    bool cancelStart() override;
     const std::string& getTimescaleUri() const override { return requiredTimescaleUri; }
     const std::string& getUri() const override { return uri; }
     std::string toJson() override;
@@ -78,7 +84,7 @@ private:
     // (isCoherent, coherencyLossCount) per member URI.
     using CheckResults = std::unordered_map<std::string, std::pair<bool, std::uint32_t>>;
 
-    CheckResults checkMembers(ztsdtools::MonotonicTimer& timer);
+    CheckResults checkMembers(ztsdtools::MonotonicTimer& timer, const StartCancel* cancel = nullptr);
     std::vector<std::string> getMemberJsons(ztsdtools::MonotonicTimer& timer);
     void saveAsStartAndLastCheck(const CheckResults& results);
     [[noreturn]] void raiseStartTimedOut() const;
@@ -93,6 +99,7 @@ private:
     std::unordered_map<std::string, Member> members;
     ThreadPoolInterface* threadPool;
     std::uint32_t startTimeout_s = 10;
+    StartCancel startCancel;
     // Shared with every task this domain submits.
     std::shared_ptr<TaskLifeline> lifeline = std::make_shared<TaskLifeline>();
 };

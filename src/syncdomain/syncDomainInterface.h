@@ -20,6 +20,9 @@ public:
     virtual bool start(std::uint32_t timeout_s) = 0;
     virtual void startV2(bool waitToBecomeCoherent, bool saveInitialCoherency, std::uint32_t timeout_s) = 0;
     virtual void stop() = 0;
+    // Ends a start running on another thread; false when none is under way.
+    // The only member that may be called while another thread is inside one.
+    virtual bool cancelStart() = 0;
     virtual const std::string& getTimescaleUri() const = 0;
     virtual const std::string& getUri() const = 0;
     virtual std::string toJson() = 0;

@@ -23,6 +23,15 @@ void* countingAllocator(size_t size) {
 }
 void* refusingAllocator(size_t) { return nullptr; }
 
+// What ztsdlib_listSyncableDeviceUris gives, or "(null)" with the status set.
+std::string listed(const std::string& json, ztsdtest::OwnedStatus& status) {
+    char* text = ztsdlib_listSyncableDeviceUris(json.c_str(), &status.s);
+    if (!text) return "(null)";
+    std::string copy(text);
+    std::free(text);
+    return copy;
+}
+
 struct Loaded {
     ztsdlib_SyncableDevice* device = nullptr;
     ztsdlib_Timescale** timescales = nullptr;
@@ -130,6 +139,9 @@ TEST_F(Loading, RefusesMissingArgumentsAndMalformedDescriptions) {
         char a[64], b[64];
         ztsdlib_getProxyResourceUriRootsToUnload(json.c_str(), sizeof a, a, b, &roots);
         EXPECT_NE(roots.text().find(message), std::string::npos) << roots.text();
+        ztsdtest::OwnedStatus listing;
+        EXPECT_EQ(listed(json, listing), "(null)");
+        EXPECT_NE(listing.text().find(message), std::string::npos) << listing.text();
     }
 }
 
@@ -164,8 +176,9 @@ TEST(UriRoots, BracketIpv6HostsAndNeedRoomForTheNul) {
 }
 
 // A chassis may list its resources by its own paths, without the host it was
-// reached by: loading names them by the caller's remoteHost, whichever form
-// each entry takes, and the proxies reach the chassis and its daemon.
+// reached by: loading and listing name them by the caller's remoteHost,
+// whichever form each entry takes, and the proxies reach the chassis and its
+// daemon.
 TEST(LoadingListingForms, EntriesWithAndWithoutTheirHostLoadUnderTheCallersHost) {
     for (const auto form : {ztsdsim::ListingForm::withHosts, ztsdsim::ListingForm::pathsOnly,
                             ztsdsim::ListingForm::mixed}) {
@@ -173,12 +186,16 @@ TEST(LoadingListingForms, EntriesWithAndWithoutTheirHostLoadUnderTheCallersHost)
         options.listingForm = form;
         ztsdsim::SimulatedChassis chassis("ztsd", options);
         chassis.start();
-        const std::string device = chassis.webService().addDevice("chassis0");
         const std::string ts1 = chassis.addTimescale("00-80-2F-AA-BB-01");
         const std::string ts2 = chassis.addTimescale("00-80-2F-AA-BB-02");
         ztsdtest::OwnedStatus status;
         Loaded out;
         const std::string json = params(chassis.webService().remoteHost(), chassis.daemonPort());
+        // Listing names every device under the caller's host as loading does.
+        EXPECT_EQ(listed(json, status), "[]");
+        const std::string device = chassis.webService().addDevice("chassis0");
+        const std::string second = chassis.webService().addDevice("chassis1");
+        EXPECT_EQ(listed(json, status), "[\"" + device + "\",\"" + second + "\"]") << static_cast<int>(form);
         ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, countingAllocator,
                                    &status);
         ASSERT_EQ(status.s.code, 0) << static_cast<int>(form) << status.text();

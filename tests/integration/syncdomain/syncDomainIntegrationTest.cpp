@@ -107,6 +107,56 @@ TEST_F(DomainOfChassis, AWaitingStartPacesItsPassesAndTimesOutOnTime) {
     }
 }
 
+// Ctrl-C for a program whose start waits: another thread cancels it, whether
+// the start is between passes (a member not coherent) or inside one (a member
+// that does not answer). The start ends within 200 ms with -52007 and
+// "cancelled", the domain stopped; a cancel with no start under way is
+// dropped, so the next start waits its whole time again.
+using StartCancelConcurrency = DomainOfChassis;
+
+TEST_F(StartCancelConcurrency, EndsAStartFromAnotherThreadButNeverALaterOne) {
+    struct Case {
+        const char* name;
+        bool stall;  // else: chassis1 answers "not coherent"
+    };
+    for (const Case& c : {Case{"between passes", false}, Case{"inside a pass", true}}) {
+        SCOPED_TRACE(c.name);
+        if (c.stall) {
+            ztsdsim::Fault stall;
+            stall.stall = true;
+            sims[1]->setFault("", stall);
+        } else {
+            sims[1]->setCoherent("chassis1", false);
+        }
+        std::atomic<bool> cancelTaken{false};
+        std::chrono::steady_clock::time_point cancelledAt;
+        std::thread canceller([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            cancelledAt = std::chrono::steady_clock::now();
+            cancelTaken = domain->cancelStart();
+        });
+        const auto cancelled = captureRaise([&] { domain->start(10); });
+        const auto ended = std::chrono::steady_clock::now();
+        canceller.join();
+        EXPECT_TRUE(cancelTaken.load());
+        EXPECT_LT(ended - cancelledAt, std::chrono::milliseconds(200));
+        EXPECT_EQ(cancelled.code, -52007);
+        EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(cancelled.debug("ztsyncdomain_debug"), "cancelled")))
+            << cancelled.json;
+        EXPECT_FALSE(domain->isRunning());
+        sims[1]->clearFaults();
+        sims[1]->setCoherent("chassis1", true);
+    }
+    // Nothing under way: the cancel is dropped, and a later start that
+    // cannot succeed still waits for its whole time.
+    EXPECT_FALSE(domain->cancelStart());
+    sims[1]->setCoherent("chassis1", false);
+    const auto began = std::chrono::steady_clock::now();
+    const auto timedOut = captureRaise([&] { domain->start(1); });
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1000));
+    EXPECT_EQ(timedOut.number("ztsyncdomain_debug", "timeoutInSeconds"), 1);
+}
+
 TEST_F(DomainOfChassis, ALossOnOneMemberIsFinalForIsCoherentAndReportedOnceSinceLastCheck) {
     ASSERT_TRUE(domain->start(5));
     sims[2]->addCoherencyLoss("chassis2");
@@ -185,6 +235,7 @@ TEST_F(DomainOfChassis, WorksThroughTheCInterfaceOnTheLibraryPool) {
     ASSERT_EQ(status.s.code, 0) << status.text();
     ztsdlib_SyncDomain_addSyncableDevice(d, dev, &status);
     EXPECT_TRUE(ztsdlib_SyncDomain_isMember(d, sims[0]->deviceUri("chassis0").c_str(), &status));
+    EXPECT_FALSE(ztsdlib_SyncDomain_cancelStart(d, &status));  // no start to end
     EXPECT_TRUE(ztsdlib_SyncDomain_start(d, 5, &status));
     EXPECT_TRUE(ztsdlib_SyncDomain_isCoherent(d, &status));
     std::uint32_t losses = 99;

@@ -160,6 +160,8 @@ TEST(ExportFrame, EveryValueExportReturnsItsFailureValueWhenItFails) {
         {"SyncDomain_getTimescaleUri", [](zterr_Status* s) { return !ztsdlib_SyncDomain_getTimescaleUri(nullptr, s); }},
         {"SyncDomain_getUri", [](zterr_Status* s) { return !ztsdlib_SyncDomain_getUri(nullptr, s); }},
         {"SyncDomain_toJson", [](zterr_Status* s) { return !ztsdlib_SyncDomain_toJson(nullptr, s); }},
+        {"SyncDomain_cancelStart", [](zterr_Status* s) { return !ztsdlib_SyncDomain_cancelStart(nullptr, s); }},
+        {"listSyncableDeviceUris", [](zterr_Status* s) { return !ztsdlib_listSyncableDeviceUris(nullptr, s); }},
     };
     for (const Case& c : cases) {
         OwnedStatus st;
