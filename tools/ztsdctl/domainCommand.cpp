@@ -16,7 +16,7 @@ namespace ztsdctl {
 std::string progressText(std::int64_t elapsed_ms, std::uint32_t timeout_s) {
     const std::int64_t left_ms = std::max<std::int64_t>(0, static_cast<std::int64_t>(timeout_s) * 1000 - elapsed_ms);
     return "waiting for coherency: " + fixedPoint(elapsed_ms / 100, 1, false) + " s elapsed, " +
-           fixedPoint(left_ms / 100, 1, false) + " s left" + (interrupted() ? " (stopping once the start returns)" : "");
+           fixedPoint(left_ms / 100, 1, false) + " s left" + (interrupted() ? " (cancelling the start)" : "");
 }
 
 namespace {
@@ -68,6 +68,23 @@ int runDomain(const DomainOptions& options, bool json) {
         started = session.start(options.timeout_s, [&](std::int64_t elapsed_ms) {
             if (!json) progress.show(progressText(elapsed_ms, options.timeout_s));
         });
+    }
+    if (started.cancelled) {
+        if (json) {
+            std::cout << JsonObject()
+                             .addString("event", "stopped")
+                             .addString("time", utcNow())
+                             .addInteger("elapsed_ms", started.elapsed_ms)
+                             .addBool("coherencyHeld", false)
+                             .addInteger("checks", 0)
+                             .addBool("interrupted", true)
+                             .text()
+                      << "\n";
+        } else {
+            info << "interrupted; start cancelled after " << fixedPoint(started.elapsed_ms, 3, false)
+                 << " s, before coherency\n";
+        }
+        return kExitNotCoherent;
     }
     if (!started.coherent) {
         const LibraryError& reason = *started.notReached;

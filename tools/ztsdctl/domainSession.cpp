@@ -1,12 +1,12 @@
 #include "domainSession.h"
 
-#include "errorSummary.h"
-
 #include <algorithm>
 #include <chrono>
 #include <future>
 #include <sstream>
 
+#include "errorSummary.h"
+#include "interrupt.h"
 #include "jsonText.h"
 
 namespace ztsdctl {
@@ -77,14 +77,25 @@ StartResult DomainSession::start(std::uint32_t timeout_s,
             return std::make_pair(status.code(), status.report());
         });
     if (progress) progress(0);
-    while (waiting.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-        if (progress) progress(elapsedSinceStart_ms());
+    // Ctrl-C asks the library to end the start (it does within about 50 ms).
+    // A cancel that finds no start yet (the thread has not reached it) is
+    // dropped by the library, so it is asked again at every look.
+    bool cancelTaken = false;
+    std::int64_t shown_ms = 0;
+    while (waiting.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
+        if (interrupted() && !cancelTaken) {
+            Status status;
+            cancelTaken = ztsdlib_SyncDomain_cancelStart(domain, status.get());
+        }
+        const std::int64_t elapsed_ms = elapsedSinceStart_ms();
+        if (progress && elapsed_ms - shown_ms >= 100) progress(shown_ms = elapsed_ms);
     }
     const auto [code, report] = waiting.get();
     StartResult result;
     result.elapsed_ms = elapsedSinceStart_ms();
-    if (code == kOperationTimedOut) {  // not coherent within timeout_s
+    if (code == kOperationTimedOut) {  // not coherent within timeout_s, or cancelled
         result.notReached.emplace(code, report);
+        result.cancelled = cancelTaken;
         return result;
     }
     if (code < 0) throw LibraryError(code, report);

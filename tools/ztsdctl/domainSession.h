@@ -52,6 +52,7 @@ struct StartResult {
     bool coherent = false;
     std::int64_t elapsed_ms = 0;
     std::optional<LibraryError> notReached;  // the time-out the start ended with
+    bool cancelled = false;                  // ended by Ctrl-C (notReached holds the library's report)
 };
 
 class DomainSession {

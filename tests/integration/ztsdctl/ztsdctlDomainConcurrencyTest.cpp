@@ -150,6 +150,38 @@ TEST_F(ZtsdctlDomainConcurrency, CoherencyNotReachedInTimeExits1WithTheLibrarysR
     EXPECT_GE(num(at(events[0].get(), "elapsed_ms")), 1000);
 }
 
+// Ctrl-C while the start waits for a member that is not coherent ends the
+// start at once (the library cancels it), not at the end of its 60 s: exit 1,
+// a line or a stopped event saying so. The bound allows a loaded machine;
+// the tool and the library take well under 0.2 s between them.
+TEST_F(ZtsdctlDomainConcurrency, CtrlCEndsAWaitingStartAtOnce) {
+    web(1).setCoherent(name(1), false);
+    for (const bool json : {false, true}) {
+        SCOPED_TRACE(json ? "json" : "text");
+        std::vector<std::string> more{"--timeout-s", "60"};
+        if (json) more.push_back("--json");
+        ctltest::Ztsdctl child(domain(more));
+        ASSERT_TRUE(child.started());
+        // The start is under way once the member has been asked twice.
+        const auto asked = web(1).getCountOf(name(1));
+        for (int i = 0; i < 100 && web(1).getCountOf(name(1)) < asked + 2; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const auto signalled = std::chrono::steady_clock::now();
+        child.signal(SIGINT);
+        EXPECT_EQ(child.finish(5000), 1) << child.err();
+        EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::milliseconds(1000));
+        if (json) {
+            const std::vector<ctltest::Json> events = jsonLines(child.out());
+            ASSERT_EQ(events.size(), 1u) << child.out();
+            EXPECT_EQ(str(at(events[0].get(), "event")), "stopped");
+            EXPECT_TRUE(cJSON_IsTrue(at(events[0].get(), "interrupted")));
+            EXPECT_EQ(child.err(), "");
+        } else {
+            EXPECT_NE(child.out().find("interrupted; start cancelled after "), std::string::npos) << child.out();
+        }
+    }
+}
+
 TEST_F(ZtsdctlDomainConcurrency, CtrlCStopsTheWatchCleanlyAndReportsHeldCoherency) {
     ctltest::Ztsdctl child(domain({"--watch", "0.2"}));
     ASSERT_TRUE(child.started());
