@@ -1,7 +1,10 @@
 #include "chassisAccess.h"
 
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
+
+#include <cjson/cJSON.h>
 
 #include "jsonText.h"
 
@@ -86,6 +89,39 @@ LoadedChassis loadChassis(const ChassisAddress& address) {
     std::free(timescales);
     if (!loaded.device) throw std::runtime_error("ztsdlib_loadProxyResources returned no device");
     return loaded;
+}
+
+std::vector<std::string> listDeviceUris(const ChassisAddress& address) {
+    const std::string params = networkDeviceParamsJson(address);
+    char* text = nullptr;
+    try {
+        text = call("ztsdlib_listSyncableDeviceUris",
+                    [&](zterr_Status* status) { return ztsdlib_listSyncableDeviceUris(params.c_str(), status); });
+    } catch (LibraryError& error) {
+        error.setContext("chassis " + addressText(address));
+        throw;
+    }
+    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> array(cJSON_Parse(text ? text : ""), cJSON_Delete);
+    if (!cJSON_IsArray(array.get())) throw std::runtime_error("ztsdlib_listSyncableDeviceUris returned no JSON array");
+    std::vector<std::string> uris;
+    const cJSON* item = nullptr;
+    cJSON_ArrayForEach(item, array.get()) {
+        if (cJSON_IsString(item)) uris.emplace_back(item->valuestring);
+    }
+    return uris;
+}
+
+DeviceHandle makeDeviceProxy(const std::string& uri) {
+    try {
+        return owned<DeviceHandle>(
+            call("ztsdlib_SyncableDeviceProxy_create",
+                 [&](zterr_Status* status) { return ztsdlib_SyncableDeviceProxy_create(uri.c_str(), status); }),
+            "ztsdlib_SyncableDeviceProxy_create");
+    } catch (LibraryError& error) {
+        error.setContext(uri);
+        throw;
+    }
 }
 
 TimescaleHandle makeHostTimescale() {

@@ -44,6 +44,13 @@ struct LoadedChassis {
 // Throws LibraryError when the library cannot load the chassis.
 LoadedChassis loadChassis(const ChassisAddress& address);
 
+// The URIs of every syncable device the chassis lists, the loaded one first
+// among them as the chassis orders them. Throws LibraryError.
+std::vector<std::string> listDeviceUris(const ChassisAddress& address);
+
+// A proxy of the device at uri. Throws LibraryError (its context: the URI).
+DeviceHandle makeDeviceProxy(const std::string& uri);
+
 // The host clock, and a remote timescale read through its daemon.
 TimescaleHandle makeHostTimescale();
 TimescaleHandle makeTimescaleProxy(const std::string& uri, const std::string& daemonHost, std::uint32_t daemonPort);

@@ -60,6 +60,7 @@ struct DomainOptions {
     bool verbose = false;            // with a start that timed out: the library's whole report too
     bool csv = false;                // checks as CSV rows (a header first) instead of tables
     std::vector<std::string> extraDevices;  // further members by device URI (other devices of a chassis)
+    bool allDevices = false;                // every device each chassis lists is a member
     std::string metricsListen;       // ADDR:PORT of a Prometheus metrics server while watching; "" = none
 };
 int runDomain(const DomainOptions& options, bool json);

@@ -44,19 +44,20 @@ int runDomain(const DomainOptions& options, bool json) {
             info << "loaded " << address.remoteHost << ": " << uriOf(chassis.back().device.get()) << "\n";
         if (interrupted()) return kExitNotCoherent;
     }
-    // A chassis' other devices join by URI; proxies only, no timescales.
-    for (const std::string& uri : options.extraDevices) {
+    // A chassis' other devices join by URI (--device, or every one the
+    // chassis lists with --all-devices); proxies only, no timescales.
+    std::vector<std::string> extraDevices = options.extraDevices;
+    if (options.allDevices) {
+        for (std::size_t c = 0, loaded = chassis.size(); c < loaded; ++c) {
+            const std::string first = uriOf(chassis[c].device.get());
+            for (const std::string& uri : listDeviceUris(options.chassis[c]))
+                if (uri != first) extraDevices.push_back(uri);
+        }
+    }
+    for (const std::string& uri : extraDevices) {
         LoadedChassis member;
         member.remoteHost = uri.substr(1, uri.find('/', 1) - 1);
-        try {
-            member.device = owned<DeviceHandle>(
-                call("ztsdlib_SyncableDeviceProxy_create",
-                     [&](zterr_Status* status) { return ztsdlib_SyncableDeviceProxy_create(uri.c_str(), status); }),
-                "ztsdlib_SyncableDeviceProxy_create");
-        } catch (LibraryError& error) {
-            error.setContext(uri);
-            throw;
-        }
+        member.device = makeDeviceProxy(uri);
         if (!json) info << "added " << uri << "\n";
         chassis.push_back(std::move(member));
     }

@@ -37,8 +37,21 @@ std::string lossesText(std::uint32_t count) {
 
 int runList(const ListOptions& options, bool json) {
     const LoadedChassis chassis = loadChassis(options.chassis);
-    const std::string deviceUri = uriOf(chassis.device.get());
-    const DeviceState device = askDevice(chassis.device.get());
+    // Every device the chassis lists; the one loading made is asked through
+    // its own proxy, the others through one made here.
+    struct Device {
+        std::string uri;
+        DeviceState state;
+    };
+    std::vector<Device> devices;
+    for (const std::string& uri : listDeviceUris(options.chassis)) {
+        if (uri == uriOf(chassis.device.get())) {
+            devices.push_back({uri, askDevice(chassis.device.get())});
+        } else {
+            const DeviceHandle other = makeDeviceProxy(uri);
+            devices.push_back({uri, askDevice(other.get())});
+        }
+    }
     std::vector<std::string> timescaleUris, timescaleTexts;
     for (const TimescaleHandle& timescale : chassis.timescales) {
         timescaleUris.push_back(uriOf(timescale.get()));
@@ -46,26 +59,37 @@ int runList(const ListOptions& options, bool json) {
     }
 
     if (json) {
-        std::vector<std::string> timescales;
+        std::vector<std::string> timescales, deviceObjects;
         for (std::size_t i = 0; i < timescaleUris.size(); ++i)
             timescales.push_back(JsonObject().addString("uri", timescaleUris[i]).addRaw("json", timescaleTexts[i]).text());
+        for (const Device& device : devices) {
+            deviceObjects.push_back(JsonObject()
+                                        .addString("uri", device.uri)
+                                        .addBool("isCoherent", device.state.coherent)
+                                        .addInteger("coherencyLossCount", device.state.lossCount)
+                                        .addRaw("json", device.state.json)
+                                        .text());
+        }
+        // "device" is the one a domain over HOST uses; "devices" all of them.
+        const std::string loaded = uriOf(chassis.device.get());
+        std::string loadedObject = "null";
+        for (std::size_t i = 0; i < devices.size(); ++i)
+            if (devices[i].uri == loaded) loadedObject = deviceObjects[i];
         std::cout << JsonObject()
                          .addString("remoteHost", chassis.remoteHost)
-                         .addRaw("device", JsonObject()
-                                               .addString("uri", deviceUri)
-                                               .addBool("isCoherent", device.coherent)
-                                               .addInteger("coherencyLossCount", device.lossCount)
-                                               .addRaw("json", device.json)
-                                               .text())
+                         .addRaw("device", loadedObject)
+                         .addRaw("devices", jsonArray(deviceObjects))
                          .addRaw("timescales", jsonArray(timescales))
                          .text()
                   << "\n";
         return kExitOk;
     }
-    std::cout << "chassis " << chassis.remoteHost << "\n"
-              << "  device     " << deviceUri << "\n"
-              << "             " << (device.coherent ? "coherent" : "NOT coherent") << ", "
-              << lossesText(device.lossCount) << "\n";
+    std::cout << "chassis " << chassis.remoteHost << "\n";
+    for (const Device& device : devices) {
+        std::cout << "  device     " << device.uri << "\n"
+                  << "             " << (device.state.coherent ? "coherent" : "NOT coherent") << ", "
+                  << lossesText(device.state.lossCount) << "\n";
+    }
     for (std::size_t i = 0; i < timescaleUris.size(); ++i) {
         std::cout << "  timescale  " << timescaleUris[i] << "\n"
                   << "             " << timescaleTexts[i] << "\n";

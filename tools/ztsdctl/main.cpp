@@ -101,7 +101,7 @@ int main(int argc, char** argv) {
     ListOptions list;
     std::string listAddress;
     std::uint32_t daemonPort = 0;
-    CLI::App* listCommand = app.add_subcommand("list", "What a chassis offers: its syncable device and timescales");
+    CLI::App* listCommand = app.add_subcommand("list", "What a chassis offers: its syncable devices and timescales");
     listCommand->add_option("HOST", listAddress, "The chassis web service, host[:port][@daemonPort]")
         ->required()
         ->check(kChassisAddress);
@@ -210,6 +210,8 @@ int main(int argc, char** argv) {
                            : "'" + uri + "' is not a device URI (/<host>/.../syncableDevices/<name>)";
             },
             "URI", "device URI"));
+    domainCommand->add_flag("--all-devices", domain.allDevices,
+                            "Every syncable device each HOST lists is a member, not only its first");
     std::string format = "text";
     CLI::Option* formatOption =
         domainCommand->add_option("--format", format, "How checks are printed: text (tables), json, csv")

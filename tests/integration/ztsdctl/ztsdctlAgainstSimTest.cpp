@@ -172,20 +172,24 @@ TEST_F(ZtsdctlAgainstSim, DeviceByHostAndName) {
     }
 }
 
-// A chassis' second device joins a domain by --device and is watched as a
-// member of its own.
+// A chassis' second device joins a domain, named by --device or with every
+// device of the chassis (--all-devices), and is watched as a member of its own.
 TEST_F(ZtsdctlAgainstSim, ASecondDeviceOfAChassisIsAMember) {
-    const ctltest::Run result = ctltest::run(domain(0, {"--device", deviceUri(0, 1), "--watch", "0.05", "--checks",
-                                                        "1", "--json"}));
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    std::vector<std::string> uris;
-    for (const std::string& line : ctltest::lines(result.out)) {
-        const simtest::Json event = simtest::parse(line);
-        if (str(at(event.get(), "event")) != "check") continue;
-        const cJSON* member = nullptr;
-        cJSON_ArrayForEach(member, at(event.get(), "members")) uris.push_back(str(at(member, "uri")));
+    for (const std::vector<std::string>& choice :
+         {std::vector<std::string>{"--device", deviceUri(0, 1)}, std::vector<std::string>{"--all-devices"}}) {
+        std::vector<std::string> options = choice;
+        for (const char* more : {"--watch", "0.05", "--checks", "1", "--json"}) options.push_back(more);
+        const ctltest::Run result = ctltest::run(domain(0, options));
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        std::vector<std::string> uris;
+        for (const std::string& line : ctltest::lines(result.out)) {
+            const simtest::Json event = simtest::parse(line);
+            if (str(at(event.get(), "event")) != "check") continue;
+            const cJSON* member = nullptr;
+            cJSON_ArrayForEach(member, at(event.get(), "members")) uris.push_back(str(at(member, "uri")));
+        }
+        EXPECT_EQ(uris, (std::vector<std::string>{deviceUri(0, 0), deviceUri(0, 1)})) << choice[0] << result.out;
     }
-    EXPECT_EQ(uris, (std::vector<std::string>{deviceUri(0, 0), deviceUri(0, 1)})) << result.out;
 }
 
 // A start that times out names the member that was not coherent.

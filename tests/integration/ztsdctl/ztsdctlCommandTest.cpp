@@ -120,14 +120,17 @@ TEST(ZtsdctlBinary, TakesEveryLibraryCallFromTheSharedLibrary) {
     EXPECT_NE(output("readelf -d '" + ctltest::programPath() + "'").find("libztsdlib.so"), std::string::npos);
 }
 
-TEST_F(ZtsdctlCommand, ListShowsTheDeviceAndEveryTimescaleOrTheLibrarysError) {
+TEST_F(ZtsdctlCommand, ListShowsEveryDeviceAndEveryTimescaleOrTheLibrarysError) {
     chassis.webService().addCoherencyLoss("chassis0", 2);
+    const std::string second = chassis.webService().addDevice("chassis1");
+    chassis.webService().setCoherent("chassis1", false);
     const std::string ts1 = chassis.addTimescale(kGmId1);
     const std::string ts2 = chassis.addTimescale(kGmId2);
 
     const ctltest::Run human = run({"list", remoteHost() + "@" + daemonPort()});
     EXPECT_EQ(human.exitStatus, 0) << human.err;
-    for (const std::string& expected : {deviceUri, ts1, ts2, std::string("coherent, 2 coherency losses")})
+    for (const std::string& expected : {deviceUri, second, ts1, ts2, std::string("coherent, 2 coherency losses"),
+                                        std::string("NOT coherent, 0 coherency losses")})
         EXPECT_NE(human.out.find(expected), std::string::npos) << expected << "\n" << human.out;
 
     // --daemon-port stands for the @port of the address.
@@ -138,6 +141,11 @@ TEST_F(ZtsdctlCommand, ListShowsTheDeviceAndEveryTimescaleOrTheLibrarysError) {
     EXPECT_EQ(str(at(device, "uri")), deviceUri);
     EXPECT_EQ(num(at(device, "coherencyLossCount")), 2);
     EXPECT_EQ(str(at(at(device, "json"), "uri")), deviceUri);  // the library's device document
+    const cJSON* devices = at(json.get(), "devices");
+    ASSERT_EQ(cJSON_GetArraySize(devices), 2);
+    EXPECT_EQ(str(at(cJSON_GetArrayItem(devices, 0), "uri")), deviceUri);
+    EXPECT_EQ(str(at(cJSON_GetArrayItem(devices, 1), "uri")), second);
+    EXPECT_FALSE(cJSON_IsTrue(at(cJSON_GetArrayItem(devices, 1), "isCoherent")));
     const cJSON* timescales = at(json.get(), "timescales");
     ASSERT_EQ(cJSON_GetArraySize(timescales), 2);
     EXPECT_EQ(str(at(cJSON_GetArrayItem(timescales, 0), "uri")), ts1);
