@@ -121,6 +121,7 @@ static void syncDomainOnTheLibraryPool(void) {
     CHECK(pool != NULL && domain != NULL && status.code == 0);
     CHECK(strcmp(ztsdlib_SyncDomain_getTimescaleUri(domain, &status), ZTSDLIB_HOST_TIMESCALE_URI) == 0);
     CHECK(!ztsdlib_SyncDomain_isRunning(domain, &status));
+    CHECK(!ztsdlib_SyncDomain_cancelStart(domain, &status) && status.code == 0); /* no start to end */
     json = ztsdlib_SyncDomain_toJson(domain, &status);
     CHECK(json != NULL && strstr(json, "\"syncableDevices\":[]}") != NULL);
     free(json);
@@ -132,6 +133,11 @@ static void syncDomainOnTheLibraryPool(void) {
     status.code = 0;
 
     CHECK(ztsdlib_ThreadPool_create(0, &status) == NULL);
+    CHECK(status.code == -52005);
+    status.reallocate(&status, 0);
+    status.code = 0;
+    /* A description that is no JSON: nothing listed, the library's code. */
+    CHECK(ztsdlib_listSyncableDeviceUris("{", &status) == NULL);
     CHECK(status.code == -52005);
 
     ztsdlib_SyncDomain_delete(domain);
