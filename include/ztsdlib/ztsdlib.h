@@ -200,12 +200,16 @@ ZTSDLIB_API ztsdlib_TimestampCorrelator* ztsdlib_LinearCorrelator_create(
  * timescale1 readings. When timescale2 is remote, its reading is thus paired
  * with the middle of the round trip rather than its start, which removes
  * the bias of half a round trip from the offset (what remains is half the
- * difference between the outward and the return delay). A round whose
- * bracket (the time between its two timescale1 readings) is more than 3
+ * difference between the outward and the return delay). A round makes 3
+ * such exchanges back to back and keeps the one whose bracket (the time
+ * between its two timescale1 readings) is narrowest: the first exchange
+ * after the sampling pause meets an idle peer and a slow outward leg, the
+ * next ones do not (so it reads timescale2 3 times per sampling interval).
+ * A round whose kept bracket is more than 3
  * times the median bracket of the last 15 rounds and more than 20 us above
  * it is dropped as a delayed reply; fewer than 5 earlier rounds drop
- * nothing. Rounds where either clock did not move, or timescale1 went back,
- * add nothing either. The ztsdlib_TimestampCorrelator_* exports work on it
+ * nothing. Rounds where either clock did not move, or timescale1 went back
+ * in every exchange, add nothing either. The ztsdlib_TimestampCorrelator_* exports work on it
  * unchanged; its toJson carries "sampling" : "symmetric" just before
  * "isThreadRunning".
  */

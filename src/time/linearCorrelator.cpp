@@ -122,10 +122,25 @@ void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegress
     ztsdlib_Timestamp previous2{};
     BracketFilter brackets;
     while (running.load()) {
-        const ztsdlib_Timestamp before = readTime(timescale1);
-        const ztsdlib_Timestamp reading2 = readTime(timescale2);
-        const ztsdlib_Timestamp after = readTime(timescale1);
-        const std::int64_t bracket_ns = differenceNanos(before, after);
+        // The first exchange after a pause finds the peer (and the path to
+        // it) idle: its outward leg is slow while the reply comes back fast,
+        // which puts its midpoint tens of microseconds early on loopback.
+        // The exchanges right after it find both sides awake; the round
+        // keeps the one with the narrowest bracket.
+        ztsdlib_Timestamp before{}, reading2{}, after{};
+        std::int64_t bracket_ns = -1;
+        for (std::uint32_t exchange = 0; exchange < kExchangesPerRound; ++exchange) {
+            const ztsdlib_Timestamp b = readTime(timescale1);
+            const ztsdlib_Timestamp r = readTime(timescale2);
+            const ztsdlib_Timestamp a = readTime(timescale1);
+            const std::int64_t width_ns = differenceNanos(b, a);
+            if (width_ns >= 0 && (bracket_ns < 0 || width_ns < bracket_ns)) {
+                before = b;
+                reading2 = r;
+                after = a;
+                bracket_ns = width_ns;
+            }
+        }
         if (bracket_ns < 0) {
             // timescale1 went back within the round: no midpoint to trust.
         } else if (!brackets.accept(bracket_ns)) {

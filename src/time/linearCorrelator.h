@@ -47,7 +47,12 @@
 // Symmetric sampling (Sampling::Symmetric): a round reads timescale1, then
 // timescale2, then timescale1 again and pairs the timescale2 reading with
 // the exact midpoint of the two timescale1 readings, so a remote reading is
-// paired with the middle of its round trip. Rounds whose bracket (the time
+// paired with the middle of its round trip. A round makes
+// kExchangesPerRound such exchanges back to back and keeps the one with the
+// narrowest bracket (timescale1 going back counts as no bracket): the first
+// exchange after the pause meets an idle peer, whose slow outward leg would
+// bias the midpoint (about +40 us on loopback against the simulated
+// daemon); the exchanges right after it do not. Rounds whose bracket (the time
 // between the two timescale1 readings) BracketFilter refuses are dropped as
 // delayed replies and counted (delayedRoundsDropped); so are rounds where
 // timescale1 went back. The movement rule is the same as above, applied to
@@ -91,6 +96,8 @@ public:
         Sequential,  // timescale1, then timescale2
         Symmetric,   // timescale1, timescale2, timescale1; paired with the midpoint
     };
+    // Exchanges per symmetric round; the narrowest bracket is kept.
+    static constexpr std::uint32_t kExchangesPerRound = 3;
 
     LinearCorrelator(std::string correlatorUri, TimescaleInterface& timescale1, TimescaleInterface& timescale2,
                      std::uint32_t samplingIntervalMs, std::uint32_t maxSampleSize,
