@@ -71,15 +71,18 @@ static void missingParameterReport(void) {
 }
 
 /* A linear correlator between two host timescales (one clock read under two
- * URIs): now on the first maps to about now on the second. The correlator
- * exports' own tests cover the rest of the family. */
-static void correlatorBetweenHostTimescales(void) {
+ * URIs), of each sampling: now on the first maps to about now on the second,
+ * and the fit's quality counts the full history. The correlator exports' own
+ * tests cover the rest of the family. */
+static void correlatorBetweenHostTimescales(int symmetric) {
     zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
     ztsdlib_Timescale* first = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
     ztsdlib_Timescale* second = ztsdlib_HostTimescale_create("/localhost/ztsds/timescales/copy", &status);
     ztsdlib_TimestampCorrelator* correlator =
-        ztsdlib_LinearCorrelator_create("/correlators/hosts", first, second, 10, 5, 2000, &status);
+        symmetric ? ztsdlib_LinearCorrelator_createSymmetric("/correlators/hosts", first, second, 10, 5, 2000, &status)
+                  : ztsdlib_LinearCorrelator_create("/correlators/hosts", first, second, 10, 5, 2000, &status);
     ztsdlib_Timestamp now, mapped;
+    ztsdlib_CorrelationQuality quality;
     long long difference_ns;
 
     CHECK(correlator != NULL);
@@ -92,6 +95,8 @@ static void correlatorBetweenHostTimescales(void) {
                     ((long long)mapped.nanos - (long long)now.nanos);
     CHECK(difference_ns > -20000000LL && difference_ns < 20000000LL);
     CHECK(!mapped.isNegative);
+    ztsdlib_TimestampCorrelator_getQuality(correlator, &quality, &status);
+    CHECK(status.code == 0 && quality.sampleCount == 5 && quality.span_ns > 0);
     ztsdlib_TimestampCorrelator_stop(correlator, &status);
     CHECK(!ztsdlib_TimestampCorrelator_isRunning(correlator, &status));
     CHECK(status.code == 0);
@@ -151,7 +156,8 @@ int main(void) {
     hostTimescaleRoundTrip();
     missingParameterReport();
     zeroInitialisedStatus();
-    correlatorBetweenHostTimescales();
+    correlatorBetweenHostTimescales(0);
+    correlatorBetweenHostTimescales(1);
     syncDomainOnTheLibraryPool();
     if (failures) {
         fprintf(stderr, "%d checks failed\n", failures);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <cstdlib>
 #include <cstdint>
@@ -334,6 +335,55 @@ TEST(LinearCorrelatorConcurrency, CorrelatesFromManyThreadsWhileSamplingAndThrou
     EXPECT_GT(answered.load(), 100);
     // Both timescales were read in step: every sample lay on the line.
     EXPECT_EQ(clocks.a.reads.load(), clocks.b.reads.load());
+}
+
+// Quality records read from several threads while the sampling task
+// publishes one after every sample, for both samplings, through start/stop
+// cycles (under ThreadSanitizer in CI). Every record a caller gets is whole:
+// the fit of one history of 2 to 16 samples on the clocks' line (rate and
+// slope agree, no residual); between a stop and a start, or before two
+// samples, the call refuses instead (-52017, -52010).
+TEST(LinearCorrelatorConcurrency, QualityRecordsReadWhileTheSamplingTaskPublishesAreWhole) {
+    using Sampling = LinearCorrelator::Sampling;
+    // Stepping clocks: B steps 1.00005 ms per reading, A 1 ms; the symmetric
+    // sampling reads A twice per B reading, so its line has half the slope.
+    const std::pair<Sampling, double> cases[] = {{Sampling::Sequential, 50000.0}, {Sampling::Symmetric, -499975000.0}};
+    for (const auto& [sampling, rate_ppb] : cases) {
+        SCOPED_TRACE(sampling == Sampling::Symmetric ? "symmetric" : "sequential");
+        Pair clocks;
+        LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 16, 300, sampling);
+        correlator.start();
+        std::atomic<bool> done{false};
+        std::atomic<int> records{0}, wrong{0};
+        std::vector<std::thread> callers;
+        for (int c = 0; c < 3; ++c) {
+            callers.emplace_back([&, rate = rate_ppb] {
+                while (!done.load()) {
+                    try {
+                        const ztsdlib_CorrelationQuality q = correlator.quality();
+                        const bool whole = q.sampleCount >= 2 && q.sampleCount <= 16 &&
+                                           std::abs(q.rate_ppb - rate) < 1e-3 &&
+                                           std::abs((q.slope - 1) * 1e9 - q.rate_ppb) < 1e-3 && q.residualStdDev_ns < 1;
+                        if (!whole) wrong.fetch_add(1);
+                        records.fetch_add(1);
+                    } catch (const zterr::Exception& e) {
+                        if (e.code() != -52017 && e.code() != -52010) wrong.fetch_add(1);
+                    }
+                }
+            });
+        }
+        for (int cycle = 0; cycle < 5; ++cycle) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            correlator.stop();
+            correlator.start();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        done = true;
+        for (auto& t : callers) t.join();
+        correlator.stop();
+        EXPECT_EQ(wrong.load(), 0);
+        EXPECT_GT(records.load(), 10);
+    }
 }
 
 TEST(LinearCorrelatorConcurrency, ManyFirstCorrelatesWaitTogetherAndAllGiveUpAtTheTimeOut) {
