@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "time/linearCorrelator.h"
+#include "time/linearRegression.h"
+#include "time/timestampDecimal.h"
 #include "time/roundTripBracket.h"
 #include "time/timestamp.h"
 #include "unit/support/errorReport.h"
@@ -500,6 +502,44 @@ TEST(LinearCorrelator, SymmetricSamplingPairsTheRemoteReadingWithTheMiddleOfTheR
         correlator.stop();
         EXPECT_EQ(correlator.delayedRoundsDropped() > 0, c.drops) << correlator.delayedRoundsDropped();
     }
+}
+
+// The caller's quality record is the regression's figures in the record's
+// units, field by field. B reads 1.00005 ms per step with +-1 us of
+// alternating noise, so every window of 16 samples has the same scatter,
+// uncertainties and span whichever reading it starts at; a regression fed 16
+// of the same pairs gives the figures to expect.
+TEST(LinearCorrelator, QualityRecordIsTheRegressionsFiguresInTheRecordsUnits) {
+    struct Noisy : ztsdlib::TimescaleInterface {
+        explicit Noisy(std::string u) : uri(std::move(u)) {}
+        const std::string& getUri() const override { return uri; }
+        std::string toJson() const override { return "{}"; }
+        void getTime(ztsdlib_Timestamp& timestamp, zterr_Status*) override { timestamp = timestampOfNanos(at(reads++)); }
+        static std::uint64_t at(std::uint64_t k) { return kStartB_ns + k * 1000050ULL + (k % 2 ? 1000 : 0); }
+        std::string uri;
+        std::atomic<std::uint64_t> reads{0};
+    };
+    SteppingTimescale a{kFirstUri, kStartA_ns, 1000000ULL};
+    Noisy b{kSecondUri};
+    ztsdlib::LinearRegression expected(16);
+    for (std::uint64_t k = 0; k < 16; ++k)
+        expected.addSample(ztsdlib::toDecimal(timestampOfNanos(kStartA_ns + k * 1000000ULL)),
+                           ztsdlib::toDecimal(timestampOfNanos(Noisy::at(k))));
+    expected.prepareCalculations();
+    const ztsdlib::LinearRegression::Quality& want = expected.quality();
+
+    LinearCorrelator correlator("/corr", a, b, 1, 16, 5000);
+    correlator.start();
+    (void)correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns));  // waits for the full history
+    const ztsdlib_CorrelationQuality got = correlator.quality();
+    correlator.stop();
+    EXPECT_EQ(got.sampleCount, 16u);
+    EXPECT_DOUBLE_EQ(got.span_ns, static_cast<double>(want.span_s * 1000000000));
+    EXPECT_DOUBLE_EQ(got.residualStdDev_ns, static_cast<double>(want.residualStdDev_s * 1000000000));
+    EXPECT_DOUBLE_EQ(got.slopeStdError_ppb, static_cast<double>(want.slopeStdError * 1000000000));
+    EXPECT_DOUBLE_EQ(got.offsetStdError_ns, static_cast<double>(want.offsetStdError_s * 1000000000));
+    EXPECT_GT(got.residualStdDev_ns, 400.0);  // the noise is there to be measured
+    EXPECT_GT(got.offsetStdError_ns, 100.0);
 }
 
 // The rule for delayed replies: a bracket over 3 times the median of the
