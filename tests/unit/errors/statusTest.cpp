@@ -237,4 +237,13 @@ TEST(LibraryException, CarriesDetailsInOrderAndCopiesDeeply) {
         EXPECT_STREQ(assigned.what(), e.what());
         EXPECT_EQ(assigned.code(), -52005);
     }
+    // Made from a report, the exception takes its text over: the report is
+    // left empty, so that releasing it cannot free the text a second time.
+    zterr_Status report = makeReport(ZTERR_SITE("source\\ztsdlib\\x", name::ztapalerr_osFault), -52008, "d", {});
+    const char* text = report.json;
+    ASSERT_NE(text, nullptr);
+    const Exception taken(std::move(report));
+    EXPECT_EQ(taken.status().json, text);
+    EXPECT_EQ(report.json, nullptr);
+    EXPECT_EQ(report.capacity, 0u);
 }
