@@ -218,7 +218,8 @@ void LinearCorrelator::raiseTooFewSamples(int line, std::uint64_t size) const {
                   {"minHistorySize", kMinHistorySize}});
 }
 
-ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionFilterWrapper& holder) const {
+ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionFilterWrapper& holder,
+                                                         std::uint64_t* samplesAdded) const {
     LinearRegression::Quality figures;
     {
         std::lock_guard<std::mutex> lock(holder.mutex());
@@ -227,6 +228,7 @@ ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionF
         const std::uint64_t size = regression.getHistorySize();
         if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
         figures = regression.quality();
+        if (samplesAdded) *samplesAdded = holder.samplesAddedLocked();
     }
     ztsdlib_CorrelationQuality result{};
     result.sampleCount = figures.sampleCount;
@@ -242,8 +244,9 @@ ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionF
 
 void LinearCorrelator::publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder) {
     ztsdlib_CorrelationQuality record;
+    std::uint64_t after = 0;
     try {
-        record = makeQuality(*holder);
+        record = makeQuality(*holder, &after);
     } catch (...) {
         // No fit (yet): callers make the record themselves and get the reason.
         std::lock_guard<std::mutex> lock(qualityMutex);
@@ -253,14 +256,23 @@ void LinearCorrelator::publishQuality(const std::shared_ptr<LinearRegressionFilt
     std::lock_guard<std::mutex> lock(qualityMutex);
     qualityHolder = holder.get();
     published = record;
+    publishedAfter = after;
 }
 
 ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
     const auto holder = currentFilter();
     if (!holder) raiseTooFewSamples(__LINE__, 0);
+    // The sampling task publishes a sample's record just after adding it, so
+    // a caller that saw that sample (a correlate returned on it) could find
+    // the record before it still published: such a record is not returned.
+    std::uint64_t added;
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex());
+        added = holder->samplesAddedLocked();
+    }
     {
         std::lock_guard<std::mutex> lock(qualityMutex);
-        if (qualityHolder == holder.get()) return published;
+        if (qualityHolder == holder.get() && publishedAfter == added) return published;
     }
     return makeQuality(*holder);
 }

@@ -131,7 +131,10 @@ private:
     void pauseAfterRound(const LinearRegressionFilterWrapper& holder);
     [[noreturn]] void raiseTooFewSamples(int line, std::uint64_t size) const;
     // The quality record of the holder's present fit, made afresh.
-    ztsdlib_CorrelationQuality makeQuality(const LinearRegressionFilterWrapper& holder) const;
+    // The record of the holder's current fit, and how many samples had been
+    // added when it was made.
+    ztsdlib_CorrelationQuality makeQuality(const LinearRegressionFilterWrapper& holder,
+                                           std::uint64_t* samplesAdded = nullptr) const;
     // Called by the sampling task after each add.
     void publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder);
     std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
@@ -156,6 +159,7 @@ private:
     mutable std::mutex qualityMutex;
     const LinearRegressionFilterWrapper* qualityHolder = nullptr;  // whose fit `published` is; compared only
     ztsdlib_CorrelationQuality published{};
+    std::uint64_t publishedAfter = 0;  // the holder's samplesAdded when `published` was made
 
     std::mutex wakeMutex;
     std::condition_variable wake;

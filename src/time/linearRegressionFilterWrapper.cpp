@@ -34,6 +34,7 @@ ztsdlib_Timestamp LinearRegressionFilterWrapper::calculateSecond(const ztsdlib_T
 void LinearRegressionFilterWrapper::addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) {
     std::lock_guard<std::mutex> lock(mutex_);
     filter_->addSample(first_s, second_s);
+    ++added_;
 }
 
 void LinearRegressionFilterWrapper::prepareCalculations() const {

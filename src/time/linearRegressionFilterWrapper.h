@@ -39,6 +39,9 @@ public:
     // using filter().
     std::mutex& mutex() const { return mutex_; }
     LinearRegressionFilterInterface& filter() const { return *filter_; }
+    // How many samples were ever added; hold mutex() to read it together
+    // with the filter's state.
+    std::uint64_t samplesAddedLocked() const { return added_; }
 
 private:
     using Calculation = TimestampDecimal (LinearRegressionFilterInterface::*)(const TimestampDecimal&) const;
@@ -47,6 +50,7 @@ private:
 
     mutable std::mutex mutex_;
     std::shared_ptr<LinearRegressionFilterInterface> filter_;
+    std::uint64_t added_ = 0;
 };
 
 }  // namespace ztsdlib
