@@ -61,7 +61,8 @@ def test_bad_uri_raises_with_code_and_message(uri):
 @pytest.mark.parametrize("report,constant,message", [
     ({"error_constant": "a", "x_debug": {"message": "outer"}}, "a", "outer"),
     ({"error_constant": "a", "message": "outer",
-      "nested_error": [{"error_constant": "b", "y_debug": {"message": "inner"}}]}, "b", "inner"),
+      "nested_error": [{"error_constant": "b", "y_debug": {"message": "inner"}}]}, "a", "inner"),
+    ({"error_constant": "a", "message": "outer", "nested_error": [{"error_constant": "b"}]}, "a", "outer"),
 ])
 def test_error_takes_the_innermost_cause(report, constant, message):
     error = ztsdlib.ZtsdError(-1, report)

@@ -1,14 +1,33 @@
-"""ztsdlib over ctypes: library loading, status records, time values and
-the host timescale."""
+"""ztsdlib over ctypes.
+
+Every family of the C interface as a class: timescales, correlators, syncable
+devices, sync domains and thread pools, plus load_proxy_resources(),
+list_syncable_device_uris() and uri_roots_to_unload(). Failures raise
+ZtsdError; warnings go through Python's
+warnings module as ZtsdWarning.
+
+Lifetimes: an object keeps the objects it was given (a correlator its
+timescales, a caching correlator the correlator it wraps, a domain its
+timescale, pool and devices) and counts itself as their user. Closing an
+object that still has users only ends it for the caller: its C handle is
+deleted when its last user is deleted. So neither close() in any order nor
+the garbage collector (which may finalise a cycle's objects in any order)
+can delete a handle before the handles that refer to it.
+"""
+import collections
 import ctypes
 import ctypes.util
 import datetime
 import decimal
 import json
 import os
+import threading
 import warnings
 
-__all__ = ["ZtsdError", "Timestamp", "HostTimescale", "HOST_TIMESCALE_URI", "load_library"]
+__all__ = ["ZtsdError", "ZtsdWarning", "Timestamp", "HOST_TIMESCALE_URI", "load_library",
+           "HostTimescale", "TimescaleProxy", "LinearCorrelator", "CachingCorrelator", "NopCorrelator",
+           "CorrelationQuality", "Coherency", "SyncableDevice", "ThreadPool", "SyncDomain", "NopSyncDomain",
+           "load_proxy_resources", "list_syncable_device_uris", "uri_roots_to_unload"]
 
 HOST_TIMESCALE_URI = "/localhost/ztsds/timescales/system"
 _NANOS = 1_000_000_000
@@ -26,18 +45,45 @@ def _message_of(error):
     return ""
 
 
+def _innermost_message(report):
+    """The message of the deepest nested error that has one (a failed HTTP
+    request, say, nests the client's "Server answered 404 ..." under a
+    report whose top has none), else the top's own."""
+    chain = []
+    inner = report if isinstance(report, dict) else {}
+    while True:
+        chain.append(inner)
+        nested = inner.get("nested_error")
+        if not (isinstance(nested, list) and nested and isinstance(nested[0], dict)):
+            break
+        inner = nested[0]
+    for error in reversed(chain):
+        if _message_of(error):
+            return _message_of(error)
+    return ""
+
+
 class ZtsdError(Exception):
-    """A failed call: code (< 0), constant, message and the parsed report."""
+    """A failed call: code (< 0), constant (the report's "error_constant",
+    naming the code), message (the innermost cause) and the parsed report."""
 
     def __init__(self, code, report):
         self.code = code
         self.report = report
-        inner = report if isinstance(report, dict) else {}
-        while isinstance(inner.get("nested_error"), list) and inner["nested_error"] \
-                and isinstance(inner["nested_error"][0], dict):
-            inner = inner["nested_error"][0]
-        self.constant = inner.get("error_constant")
-        self.message = _message_of(inner)
+        self.constant = report.get("error_constant") if isinstance(report, dict) else None
+        self.message = _innermost_message(report)
+        super().__init__("%d %s: %s" % (code, self.constant, self.message))
+
+
+class ZtsdWarning(RuntimeWarning):
+    """A call that succeeded with a warning (code > 0): code, constant,
+    message and report as in ZtsdError."""
+
+    def __init__(self, code, report):
+        self.code = code
+        self.report = report
+        self.constant = report.get("error_constant") if isinstance(report, dict) else None
+        self.message = _innermost_message(report)
         super().__init__("%d %s: %s" % (code, self.constant, self.message))
 
 
@@ -72,31 +118,103 @@ def load_library():
     raise OSError("libztsdlib not found; tried: " + "; ".join(tried))
 
 
+_P = ctypes.c_void_p
+_S = ctypes.POINTER(_Status)
+_T = ctypes.POINTER(_CTimestamp)
+_B = ctypes.c_bool
+_U32 = ctypes.c_uint32
+_TEXT = ctypes.c_char_p
+
+
+class _CQuality(ctypes.Structure):
+    _fields_ = [("sampleCount", ctypes.c_uint64), ("span_ns", ctypes.c_double), ("slope", ctypes.c_double),
+                ("rate_ppb", ctypes.c_double), ("offsetAtNewest", _CTimestamp),
+                ("residualStdDev_ns", ctypes.c_double), ("slopeStdError_ppb", ctypes.c_double),
+                ("offsetStdError_ns", ctypes.c_double)]
+
+
+# Every export: name -> (result type, argument types). Text an object owns
+# (getUri) comes back as c_char_p, which copies it; text the caller owns
+# (toJson) comes back as a plain address so that it can be given to free().
+_EXPORTS = {
+    "ztsdlib_Status_defaultReallocate": (_B, [_S, _U32]),
+    "ztsdlib_HostTimescale_create": (_P, [_TEXT, _S]),
+    "ztsdlib_TimescaleProxy_create": (_P, [_TEXT, _TEXT, _U32, _S]),
+    "ztsdlib_Timescale_getUri": (_TEXT, [_P, _S]),
+    "ztsdlib_Timescale_getTime": (None, [_P, _T, _S]),
+    "ztsdlib_Timescale_toJson": (_P, [_P, _S]),
+    "ztsdlib_LinearCorrelator_create": (_P, [_TEXT, _P, _P, _U32, _U32, _U32, _S]),
+    "ztsdlib_LinearCorrelator_createSymmetric": (_P, [_TEXT, _P, _P, _U32, _U32, _U32, _S]),
+    "ztsdlib_CachingCorrelator_create": (_P, [_TEXT, _P, _S]),
+    "ztsdlib_NopCorrelator_create": (_P, [_TEXT, _P, _P, _S]),
+    "ztsdlib_TimestampCorrelator_correlate": (None, [_P, _T, _TEXT, _T, _S]),
+    "ztsdlib_TimestampCorrelator_getUri": (_TEXT, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_getTimescale1Uri": (_TEXT, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_getTimescale2Uri": (_TEXT, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_start": (None, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_stop": (None, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_isRunning": (_B, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_toJson": (_P, [_P, _S]),
+    "ztsdlib_TimestampCorrelator_getQuality": (None, [_P, ctypes.POINTER(_CQuality), _S]),
+    "ztsdlib_SyncableDeviceProxy_create": (_P, [_TEXT, _S]),
+    "ztsdlib_SyncableDevice_setCoherencyRequirements": (None, [_P, _TEXT, _TEXT, _S]),
+    "ztsdlib_SyncableDevice_clearCoherencyRequirements": (None, [_P, _TEXT, _S]),
+    "ztsdlib_SyncableDevice_isCoherent": (_B, [_P, ctypes.POINTER(_U32), _S]),
+    "ztsdlib_SyncableDevice_getUri": (_TEXT, [_P, _S]),
+    "ztsdlib_SyncableDevice_toJson": (_P, [_P, _S]),
+    "ztsdlib_ThreadPool_create": (_P, [_U32, _S]),
+    "ztsdlib_ThreadPool_delete": (None, [_P]),
+    "ztsdlib_SyncDomain_create": (_P, [_TEXT, _P, _U32, _U32, _P, _S]),
+    "ztsdlib_NopSyncDomain_create": (_P, [_TEXT, _P, _S]),
+    "ztsdlib_SyncDomain_isMember": (_B, [_P, _TEXT, _S]),
+    "ztsdlib_SyncDomain_addSyncableDevice": (None, [_P, _P, _S]),
+    "ztsdlib_SyncDomain_isCoherent": (_B, [_P, _S]),
+    "ztsdlib_SyncDomain_isCoherentSinceLastChecked": (_B, [_P, _S]),
+    "ztsdlib_SyncDomain_isRunning": (_B, [_P, _S]),
+    "ztsdlib_SyncDomain_start": (_B, [_P, _U32, _S]),
+    "ztsdlib_SyncDomain_startV2": (None, [_P, _B, _B, _U32, _S]),
+    "ztsdlib_SyncDomain_stop": (None, [_P, _S]),
+    "ztsdlib_SyncDomain_cancelStart": (_B, [_P, _S]),
+    "ztsdlib_SyncDomain_getTimescaleUri": (_TEXT, [_P, _S]),
+    "ztsdlib_SyncDomain_getUri": (_TEXT, [_P, _S]),
+    "ztsdlib_SyncDomain_toJson": (_P, [_P, _S]),
+    "ztsdlib_loadProxyResources": (None, [_TEXT, ctypes.POINTER(_P), ctypes.POINTER(ctypes.POINTER(_P)),
+                                          ctypes.POINTER(_U32), _P, _S]),
+    "ztsdlib_listSyncableDeviceUris": (_P, [_TEXT, _S]),
+    "ztsdlib_getProxyResourceUriRootsToUnload": (None, [_TEXT, _U32, ctypes.c_char_p, ctypes.c_char_p, _S]),
+    "ztsdlib_Timescale_delete": (None, [_P]),
+    "ztsdlib_TimestampCorrelator_delete": (None, [_P]),
+    "ztsdlib_SyncableDevice_delete": (None, [_P]),
+    "ztsdlib_SyncDomain_delete": (None, [_P]),
+}
+
 _lib = None
+_crt = None
+_load_lock = threading.Lock()
 
 
 def _library():
-    global _lib
-    if _lib is None:
-        lib = load_library()
-        lib.ztsdlib_Status_defaultReallocate.restype = ctypes.c_bool
-        lib.ztsdlib_Status_defaultReallocate.argtypes = [ctypes.POINTER(_Status), ctypes.c_uint32]
-        lib.ztsdlib_HostTimescale_create.restype = ctypes.c_void_p
-        lib.ztsdlib_HostTimescale_create.argtypes = [ctypes.c_char_p, ctypes.POINTER(_Status)]
-        lib.ztsdlib_Timescale_getUri.restype = ctypes.c_char_p
-        lib.ztsdlib_Timescale_getUri.argtypes = [ctypes.c_void_p, ctypes.POINTER(_Status)]
-        lib.ztsdlib_Timescale_getTime.restype = None
-        lib.ztsdlib_Timescale_getTime.argtypes = [ctypes.c_void_p, ctypes.POINTER(_CTimestamp),
-                                                  ctypes.POINTER(_Status)]
-        lib.ztsdlib_Timescale_delete.restype = None
-        lib.ztsdlib_Timescale_delete.argtypes = [ctypes.c_void_p]
-        _lib = lib
+    global _lib, _crt
+    with _load_lock:
+        if _lib is None:
+            lib = load_library()
+            for name, (result, arguments) in _EXPORTS.items():
+                function = getattr(lib, name)
+                function.restype, function.argtypes = result, arguments
+            # malloc and free as the process resolves them, so the library's
+            # allocations and ours meet the same allocator (also when a
+            # sanitizer's runtime is preloaded and replaces both).
+            crt = ctypes.CDLL(None)
+            crt.malloc.restype, crt.malloc.argtypes = ctypes.c_void_p, [ctypes.c_size_t]
+            crt.free.restype, crt.free.argtypes = None, [ctypes.c_void_p]
+            _crt = crt
+            _lib = lib
     return _lib
 
 
-def _call(function, *args):
-    """Calls function with a fresh status record; raises ZtsdError on an
-    error, issues a warning on a warning, frees the report either way."""
+def _invoke(function, *args):
+    """Calls function with a fresh status record: (result, code, report),
+    the report parsed and the library's copy of it freed."""
     lib = _library()
     status = _Status(0, 0, ctypes.cast(lib.ztsdlib_Status_defaultReallocate, ctypes.c_void_p).value, None)
     try:
@@ -108,14 +226,25 @@ def _call(function, *args):
                 report = json.loads(text)
             except ValueError:
                 report = {"message": text}
-        if status.code < 0:
-            raise ZtsdError(status.code, report)
-        if status.code > 0:
-            warnings.warn(json.dumps(report), RuntimeWarning, stacklevel=3)
-        return result
+        return result, status.code, report
     finally:
         if status.json:
             lib.ztsdlib_Status_defaultReallocate(ctypes.byref(status), 0)
+
+
+def _outcome(result, code, report, stacklevel=3):
+    """Raises ZtsdError for an error, warns for a warning, else result."""
+    if code < 0:
+        raise ZtsdError(code, report)
+    if code > 0:
+        warnings.warn(ZtsdWarning(code, report), stacklevel=stacklevel + 1)
+    return result
+
+
+def _call(function, *args):
+    """Calls function; raises ZtsdError on an error, issues a warning on a
+    warning."""
+    return _outcome(*_invoke(function, *args))
 
 
 class Timestamp:
@@ -174,27 +303,114 @@ class Timestamp:
         return "Timestamp(%d, %d)" % (self.nanoseconds, self.fractional_nanos)
 
 
-class HostTimescale:
-    """The host's wall clock as a timescale."""
+def _owned_text(function, *args):
+    """A toJson text: copied, then released with the C runtime's free()."""
+    address = _call(function, *args)
+    if not address:
+        return None
+    try:
+        return ctypes.string_at(address).decode("utf-8", "replace")
+    finally:
+        _crt.free(address)
 
-    def __init__(self, uri=HOST_TIMESCALE_URI):
+
+def _as_timestamp(value):
+    """A Timestamp from a Timestamp, integer nanoseconds, Decimal seconds or
+    an aware datetime; a float is refused because it is not exact."""
+    if isinstance(value, Timestamp):
+        return value
+    if isinstance(value, bool) or isinstance(value, float):
+        raise TypeError("give a Timestamp, int nanoseconds, Decimal seconds or datetime, not %r" % (value,))
+    if isinstance(value, int):
+        return Timestamp(value)
+    if isinstance(value, decimal.Decimal):
+        return Timestamp.from_decimal(value)
+    if isinstance(value, datetime.datetime):
+        return Timestamp.from_datetime(value)
+    raise TypeError("not a time value: %r" % (value,))
+
+
+def _text(value):
+    return None if value is None else value.encode()
+
+
+# Guards the user counts and the open/closed state of every object.
+_lifetime_lock = threading.Lock()
+
+
+class _Object:
+    """One C handle and the objects it refers to (see the module comment)."""
+
+    _delete = "ztsdlib_Timescale_delete"
+    _handle = None   # None once closed for the caller
+    _raw = None      # the C handle until it is deleted
+    _uses = ()
+    _users = 0
+
+    def _hold(self, *objects):
+        """Counts this object as a user of objects (all must be open)."""
+        with _lifetime_lock:
+            for used in objects:
+                if used._handle is None:
+                    raise ValueError("%s is closed" % type(used).__name__)
+            for used in objects:
+                used._users += 1
+        self._uses = list(self._uses) + list(objects)
+
+    def _create(self, function, *args, uses=()):
+        """Calls a create export with the used objects held during the call;
+        on failure they are released again."""
         self._lib = _library()
-        self._handle = None
-        self._handle = _call(self._lib.ztsdlib_HostTimescale_create, None if uri is None else uri.encode())
+        self._hold(*uses)
+        try:
+            handle = _call(function, *args)
+        except BaseException:
+            self._release_uses()
+            raise
+        self._handle = self._raw = handle
+
+    def _adopt(self, handle):
+        self._lib = _library()
+        self._handle = self._raw = handle
+        return self
 
     @property
-    def uri(self):
-        return _call(self._lib.ztsdlib_Timescale_getUri, self._handle).decode()
+    def _h(self):
+        handle = self._handle
+        if handle is None:
+            raise ValueError("%s is closed" % type(self).__name__)
+        return handle
 
-    def get_time(self):
-        value = _CTimestamp()
-        _call(self._lib.ztsdlib_Timescale_getTime, self._handle, ctypes.byref(value))
-        return Timestamp._from_c(value)
+    def _release_uses(self):
+        uses, self._uses = self._uses, ()
+        for used in uses:
+            with _lifetime_lock:
+                used._users -= 1
+                ready = used._users == 0 and used._handle is None
+            if ready:
+                used._destroy()
+
+    def _destroy(self):
+        with _lifetime_lock:
+            raw, self._raw = self._raw, None
+        if raw:
+            getattr(self._lib, self._delete)(raw)
+        self._release_uses()
 
     def close(self):
-        if self._handle:
-            self._lib.ztsdlib_Timescale_delete(self._handle)
+        """Ends the object for the caller. Its handle is deleted now, or when
+        the last object that uses it is deleted."""
+        with _lifetime_lock:
+            if self._handle is None:
+                return
             self._handle = None
+            if self._users:
+                return
+        self._destroy()
+
+    @property
+    def closed(self):
+        return self._handle is None
 
     def __enter__(self):
         return self
@@ -203,5 +419,291 @@ class HostTimescale:
         self.close()
 
     def __del__(self):
-        if getattr(self, "_handle", None):
-            self.close()
+        try:
+            if self._raw:
+                self.close()
+        except Exception:  # the interpreter may be shutting down
+            pass
+
+
+class _Timescale(_Object):
+    @property
+    def uri(self):
+        return _call(self._lib.ztsdlib_Timescale_getUri, self._h).decode()
+
+    def get_time(self):
+        value = _CTimestamp()
+        _call(self._lib.ztsdlib_Timescale_getTime, self._h, ctypes.byref(value))
+        return Timestamp._from_c(value)
+
+    def to_json(self):
+        return _owned_text(self._lib.ztsdlib_Timescale_toJson, self._h)
+
+
+class HostTimescale(_Timescale):
+    """The host's wall clock (1601-based, 100 ns resolution)."""
+
+    def __init__(self, uri=HOST_TIMESCALE_URI):
+        self._create(_library().ztsdlib_HostTimescale_create, _text(uri))
+
+
+class TimescaleProxy(_Timescale):
+    """A remote target's timescale, read from its timestamp daemon at
+    host:port."""
+
+    def __init__(self, uri, host, port):
+        self._create(_library().ztsdlib_TimescaleProxy_create, _text(uri), _text(host), port)
+
+
+CorrelationQuality = collections.namedtuple("CorrelationQuality", [
+    "sample_count", "span_ns", "slope", "rate_ppb", "offset_at_newest", "residual_std_dev_ns",
+    "slope_std_error_ppb", "offset_std_error_ns"])
+
+
+class _Correlator(_Object):
+    _delete = "ztsdlib_TimestampCorrelator_delete"
+
+    def correlate(self, timestamp, source_uri):
+        """The time on the other timescale for timestamp (a Timestamp, int
+        nanoseconds, Decimal seconds or aware datetime) read on the timescale
+        whose URI is source_uri (a URI, or the timescale object)."""
+        if isinstance(source_uri, _Timescale):
+            source_uri = source_uri.uri
+        given = _as_timestamp(timestamp)._to_c()
+        result = _CTimestamp()
+        _call(self._lib.ztsdlib_TimestampCorrelator_correlate, self._h, ctypes.byref(given),
+              _text(source_uri), ctypes.byref(result))
+        return Timestamp._from_c(result)
+
+    @property
+    def uri(self):
+        return _call(self._lib.ztsdlib_TimestampCorrelator_getUri, self._h).decode()
+
+    @property
+    def timescale1_uri(self):
+        return _call(self._lib.ztsdlib_TimestampCorrelator_getTimescale1Uri, self._h).decode()
+
+    @property
+    def timescale2_uri(self):
+        return _call(self._lib.ztsdlib_TimestampCorrelator_getTimescale2Uri, self._h).decode()
+
+    def start(self):
+        _call(self._lib.ztsdlib_TimestampCorrelator_start, self._h)
+
+    def stop(self):
+        _call(self._lib.ztsdlib_TimestampCorrelator_stop, self._h)
+
+    def is_running(self):
+        return _call(self._lib.ztsdlib_TimestampCorrelator_isRunning, self._h)
+
+    def to_json(self):
+        return _owned_text(self._lib.ztsdlib_TimestampCorrelator_toJson, self._h)
+
+    def quality(self):
+        """How well a linear correlator's history fits its line."""
+        value = _CQuality()
+        _call(self._lib.ztsdlib_TimestampCorrelator_getQuality, self._h, ctypes.byref(value))
+        return CorrelationQuality(value.sampleCount, value.span_ns, value.slope, value.rate_ppb,
+                                  Timestamp._from_c(value.offsetAtNewest), value.residualStdDev_ns,
+                                  value.slopeStdError_ppb, value.offsetStdError_ns)
+
+
+class LinearCorrelator(_Correlator):
+    """A running linear fit between two timescales; symmetric=True pairs
+    each timescale2 reading with the midpoint of two timescale1 readings."""
+
+    def __init__(self, uri, timescale1, timescale2, sampling_interval_ms=1000, max_sample_size=100,
+                 max_wait_for_first_correlate_ms=500, symmetric=False):
+        lib = _library()
+        create = lib.ztsdlib_LinearCorrelator_createSymmetric if symmetric else lib.ztsdlib_LinearCorrelator_create
+        self._create(create, _text(uri), timescale1._h, timescale2._h, sampling_interval_ms, max_sample_size,
+                     max_wait_for_first_correlate_ms, uses=(timescale1, timescale2))
+
+
+class CachingCorrelator(_Correlator):
+    """Remembers the answers of the correlator it wraps."""
+
+    def __init__(self, uri, correlator):
+        self._create(_library().ztsdlib_CachingCorrelator_create, _text(uri), correlator._h, uses=(correlator,))
+
+
+class NopCorrelator(_Correlator):
+    """For two timescales on one clock: answers the timestamp unchanged."""
+
+    def __init__(self, uri, timescale1, timescale2):
+        self._create(_library().ztsdlib_NopCorrelator_create, _text(uri), timescale1._h, timescale2._h,
+                     uses=(timescale1, timescale2))
+
+
+Coherency = collections.namedtuple("Coherency", ["coherent", "loss_count"])
+
+
+class SyncableDevice(_Object):
+    """A remote syncable device; creating one sends nothing."""
+
+    _delete = "ztsdlib_SyncableDevice_delete"
+
+    def __init__(self, uri):
+        self._create(_library().ztsdlib_SyncableDeviceProxy_create, _text(uri))
+
+    @property
+    def uri(self):
+        return _call(self._lib.ztsdlib_SyncableDevice_getUri, self._h).decode()
+
+    def set_coherency_requirements(self, sync_domain_uri, requirements):
+        """requirements: a JSON text, or a value json.dumps() turns into one."""
+        if not isinstance(requirements, str):
+            requirements = json.dumps(requirements)
+        _call(self._lib.ztsdlib_SyncableDevice_setCoherencyRequirements, self._h, _text(sync_domain_uri),
+              _text(requirements))
+
+    def clear_coherency_requirements(self, sync_domain_uri):
+        _call(self._lib.ztsdlib_SyncableDevice_clearCoherencyRequirements, self._h, _text(sync_domain_uri))
+
+    def coherency(self):
+        """Coherency(coherent, loss_count), asked of the device."""
+        count = ctypes.c_uint32()
+        coherent = _call(self._lib.ztsdlib_SyncableDevice_isCoherent, self._h, ctypes.byref(count))
+        return Coherency(coherent, count.value)
+
+    def is_coherent(self):
+        return self.coherency().coherent
+
+    def to_json(self):
+        return _owned_text(self._lib.ztsdlib_SyncableDevice_toJson, self._h)
+
+
+class ThreadPool(_Object):
+    """thread_count real threads that sync domains ask their members on."""
+
+    _delete = "ztsdlib_ThreadPool_delete"
+
+    def __init__(self, thread_count):
+        self._create(_library().ztsdlib_ThreadPool_create, thread_count)
+
+
+class _Domain(_Object):
+    _delete = "ztsdlib_SyncDomain_delete"
+
+    def is_member(self, device):
+        """device: a SyncableDevice or its URI."""
+        uri = device.uri if isinstance(device, SyncableDevice) else device
+        return _call(self._lib.ztsdlib_SyncDomain_isMember, self._h, _text(uri))
+
+    def add_syncable_device(self, device):
+        """Places the domain's requirements on device; the domain keeps it."""
+        handle = self._h
+        self._hold(device)
+        _call(self._lib.ztsdlib_SyncDomain_addSyncableDevice, handle, device._h)
+
+    def is_coherent(self):
+        return _call(self._lib.ztsdlib_SyncDomain_isCoherent, self._h)
+
+    def is_coherent_since_last_checked(self):
+        return _call(self._lib.ztsdlib_SyncDomain_isCoherentSinceLastChecked, self._h)
+
+    def is_running(self):
+        return _call(self._lib.ztsdlib_SyncDomain_isRunning, self._h)
+
+    def start(self, timeout_s):
+        """Starts and waits up to timeout_s to become coherent; True then.
+        Ctrl-C (KeyboardInterrupt) while it waits ends the start at once."""
+        return self._waiting_start(self._lib.ztsdlib_SyncDomain_start, self._h, timeout_s)
+
+    def start_v2(self, wait_to_become_coherent, save_initial_coherency, timeout_s):
+        """start() with its choices; Ctrl-C ends a waiting start at once."""
+        self._waiting_start(self._lib.ztsdlib_SyncDomain_startV2, self._h, wait_to_become_coherent,
+                            save_initial_coherency, timeout_s)
+
+    def _waiting_start(self, function, *args):
+        # The start runs on a worker thread while this one waits in short
+        # joins, so that a KeyboardInterrupt reaches it: the start is then
+        # cancelled, its end awaited (within about 50 ms) and the interrupt
+        # passed on.
+        outcome = []
+        worker = threading.Thread(target=lambda: outcome.append(_invoke(function, *args)),
+                                  name="ztsdlib start", daemon=True)
+        worker.start()
+        try:
+            while worker.is_alive():
+                worker.join(0.05)
+        except KeyboardInterrupt:
+            self.cancel_start()
+            worker.join()
+            raise
+        return _outcome(*outcome[0])
+
+    def cancel_start(self):
+        """Ends a start running on another thread (it then raises ZtsdError
+        -52007 with "cancelled" in its report); True when one was under way.
+        The one call allowed while another thread is inside one."""
+        return _call(self._lib.ztsdlib_SyncDomain_cancelStart, self._h)
+
+    def stop(self):
+        _call(self._lib.ztsdlib_SyncDomain_stop, self._h)
+
+    @property
+    def uri(self):
+        return _call(self._lib.ztsdlib_SyncDomain_getUri, self._h).decode()
+
+    @property
+    def timescale_uri(self):
+        return _call(self._lib.ztsdlib_SyncDomain_getTimescaleUri, self._h).decode()
+
+    def to_json(self):
+        return _owned_text(self._lib.ztsdlib_SyncDomain_toJson, self._h)
+
+
+class SyncDomain(_Domain):
+    """Devices that must stay coherent, asked in parallel on pool."""
+
+    def __init__(self, uri, timescale, pool, max_offset_ns=1000, min_sync_duration_ms=100):
+        self._create(_library().ztsdlib_SyncDomain_create, _text(uri), timescale._h, max_offset_ns,
+                     min_sync_duration_ms, pool._h, uses=(timescale, pool))
+
+
+class NopSyncDomain(_Domain):
+    """Keeps members but asks nobody: always coherent while running."""
+
+    def __init__(self, uri, timescale):
+        self._create(_library().ztsdlib_NopSyncDomain_create, _text(uri), timescale._h, uses=(timescale,))
+
+
+def _params_text(params):
+    return params if isinstance(params, str) else json.dumps(params)
+
+
+def load_proxy_resources(params):
+    """(SyncableDevice, [TimescaleProxy, ...]) of the chassis params
+    describes (its networkDeviceParamsJson, as text or as a dict)."""
+    lib = _library()
+    device = ctypes.c_void_p()
+    array = ctypes.POINTER(ctypes.c_void_p)()
+    count = ctypes.c_uint32()
+    # The array is made with the C runtime's own malloc, handed over as a
+    # plain function address (no Python callback), and released with its free.
+    _call(lib.ztsdlib_loadProxyResources, _text(_params_text(params)), ctypes.byref(device), ctypes.byref(array),
+          ctypes.byref(count), ctypes.cast(_crt.malloc, ctypes.c_void_p).value)
+    try:
+        timescales = [TimescaleProxy.__new__(TimescaleProxy)._adopt(array[i]) for i in range(count.value)]
+    finally:
+        if array:
+            _crt.free(ctypes.cast(array, ctypes.c_void_p))
+    return SyncableDevice.__new__(SyncableDevice)._adopt(device.value), timescales
+
+
+def list_syncable_device_uris(params):
+    """The URIs of every syncable device the chassis params describes
+    lists, in its order (one GET of its listing)."""
+    return json.loads(_owned_text(_library().ztsdlib_listSyncableDeviceUris, _text(_params_text(params))))
+
+
+def uri_roots_to_unload(params):
+    """(device URI root, timescale URI root) of the chassis params
+    describes; no network traffic."""
+    lib = _library()
+    text = _text(_params_text(params))
+    size = len(text) + 16  # the root is made from remoteHost, which the text holds
+    device, timescale = ctypes.create_string_buffer(size), ctypes.create_string_buffer(size)
+    _call(lib.ztsdlib_getProxyResourceUriRootsToUnload, text, size, device, timescale)
+    return device.value.decode(), timescale.value.decode()

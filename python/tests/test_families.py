@@ -1,0 +1,186 @@
+"""Every family over the simulator's real HTTP web services and Thrift
+timestamp daemons, and the mapping of their failures."""
+import json
+
+import pytest
+
+import ztsdlib
+from conftest import OFFSET_NS
+
+HOST = ztsdlib.HOST_TIMESCALE_URI
+SECOND = 1_000_000_000
+
+
+@pytest.mark.parametrize("chassis", [0, 1])
+def test_timescale_proxy_reads_the_daemon_clock(sim, chassis):
+    uri, host, port = sim.daemon(chassis)
+    with ztsdlib.HostTimescale() as local, ztsdlib.TimescaleProxy(uri, host, port) as remote:
+        before = local.get_time().nanoseconds
+        remote_ns = remote.get_time().nanoseconds
+        after = local.get_time().nanoseconds
+        assert before + OFFSET_NS[chassis] - SECOND // 10 <= remote_ns <= after + OFFSET_NS[chassis] + SECOND // 10
+        assert remote.uri == uri
+        assert json.loads(remote.to_json())["port"] == port
+
+
+def _linear(a, b, symmetric=False):
+    return ztsdlib.LinearCorrelator("/localhost/test/correlators/l", a, b, sampling_interval_ms=10,
+                                    max_sample_size=4, max_wait_for_first_correlate_ms=5000, symmetric=symmetric)
+
+
+# kind, make(host, remote) -> (correlator, objects to close after it), expected shift host -> remote in ns
+CORRELATORS = {
+    "linear": lambda a, b: (_linear(a, b), []),
+    "symmetric": lambda a, b: (_linear(a, b, symmetric=True), []),
+    "caching": lambda a, b: (lambda inner: (ztsdlib.CachingCorrelator("/localhost/test/correlators/c", inner),
+                                            [inner]))(_linear(a, b)),
+    "nop": lambda a, b: (ztsdlib.NopCorrelator("/localhost/test/correlators/n", a, b), []),
+}
+
+
+@pytest.mark.parametrize("kind,json_type,shift_ns", [
+    ("linear", "linear", OFFSET_NS[1]), ("symmetric", "linear", OFFSET_NS[1]),
+    ("caching", "linear", OFFSET_NS[1]), ("nop", "nop", 0),
+])
+def test_correlators_map_both_ways(sim, kind, json_type, shift_ns):
+    with ztsdlib.HostTimescale() as host, ztsdlib.TimescaleProxy(*sim.daemon(1)) as remote:
+        correlator, inner = CORRELATORS[kind](host, remote)
+        with correlator:
+            correlator.start()
+            assert correlator.is_running()
+            assert (correlator.timescale1_uri, correlator.timescale2_uri) == (HOST, remote.uri)
+            assert json.loads(correlator.to_json())["type"] == json_type
+            now = host.get_time()
+            there = correlator.correlate(now, HOST)
+            assert abs(there.nanoseconds - now.nanoseconds - shift_ns) < SECOND // 20
+            back = correlator.correlate(there, remote)
+            assert abs(back.nanoseconds - now.nanoseconds) < SECOND // 1000
+            assert correlator.correlate(now, HOST) == there or kind not in ("caching", "nop")
+            if json_type == "linear":
+                quality = correlator.quality() if kind != "caching" else inner[0].quality()
+                assert quality.sample_count >= 2
+                assert abs(quality.offset_at_newest.nanoseconds - shift_ns) < SECOND // 20
+            correlator.stop()
+        for other in inner:
+            other.close()
+
+
+@pytest.mark.parametrize("step,code", [
+    ("correlate before start", -52017), ("start twice", -52016),
+    ("unknown source", -52005), ("too few samples", -52010),
+])
+def test_correlator_failures_raise_their_codes(step, code):
+    with ztsdlib.HostTimescale() as a, ztsdlib.HostTimescale("/localhost/test/timescales/b") as b, \
+            ztsdlib.LinearCorrelator("/localhost/test/correlators/f", a, b, 10, 4, 0) as correlator:
+        with pytest.raises(ztsdlib.ZtsdError) as caught:
+            if step == "correlate before start":
+                correlator.correlate(0, HOST)
+            elif step == "too few samples":
+                correlator.quality()
+            else:
+                correlator.start()
+                if step == "start twice":
+                    correlator.start()
+                else:
+                    correlator.correlate(0, "/localhost/test/timescales/none")
+        assert caught.value.code == code
+
+
+def _requirements(max_offset_ns):
+    return {"version": 1, "syncDomainUri": "/localhost/test/syncDomains/d", "data": {}, "coherencyRequirements": {
+        "requiredTimescaleUri": HOST, "maxOffset_ns": max_offset_ns, "minSyncDuration_ms": 50}}
+
+
+def test_device_follows_the_chassis(own_sim):
+    uri = own_sim.device_uri()
+    with ztsdlib.SyncableDevice(uri) as device:
+        assert device.uri == uri and device.coherency() == (True, 0)
+        device.set_coherency_requirements("/localhost/test/syncDomains/d", _requirements(1000))
+        assert "/localhost/test/syncDomains/d" in json.loads(device.to_json())["syncDomainUris"]
+        with pytest.raises(ztsdlib.ZtsdError) as conflict:
+            device.set_coherency_requirements("/localhost/test/syncDomains/e", _requirements(2000))
+        assert conflict.value.code == -1074100993
+        device.clear_coherency_requirements("/localhost/test/syncDomains/d")
+        device.set_coherency_requirements("/localhost/test/syncDomains/e", json.dumps(_requirements(2000)))
+        own_sim.control(0, "devices/chassis0/loss?count=3")
+        own_sim.control(0, "devices/chassis0/incoherent")
+        assert device.coherency() == (False, 3)
+        assert device.is_coherent() is False
+
+
+@pytest.mark.parametrize("kind", ["pool", "nop"])
+def test_domains_start_and_notice_a_loss(own_sim, kind):
+    with ztsdlib.TimescaleProxy(*own_sim.daemon()) as timescale, ztsdlib.ThreadPool(2) as pool, \
+            ztsdlib.SyncableDevice(own_sim.device_uri()) as device:
+        domain = ztsdlib.SyncDomain("/localhost/test/syncDomains/p", timescale, pool, 1000, 50) \
+            if kind == "pool" else ztsdlib.NopSyncDomain("/localhost/test/syncDomains/n", timescale)
+        with domain:
+            domain.add_syncable_device(device)
+            assert domain.is_member(device) and not domain.is_member(own_sim.device_uri(name="other"))
+            assert domain.timescale_uri == timescale.uri and domain.uri in domain.to_json()
+            assert domain.start(10) and domain.is_running() and domain.is_coherent()
+            own_sim.control(0, "devices/chassis0/loss")
+            assert domain.is_coherent_since_last_checked() is (kind == "nop")
+            domain.stop()
+            assert not domain.is_running()
+
+
+@pytest.mark.parametrize("as_dict", [False, True])
+def test_loading_a_chassis(sim, as_dict):
+    params = sim.chassis[1]["networkDeviceParamsJson"]
+    params = json.loads(params) if as_dict else params
+    device, timescales = ztsdlib.load_proxy_resources(params)
+    with device:
+        assert device.uri == sim.device_uri(1)
+        assert [t.uri for t in timescales] == sim.chassis[1]["timescales"]
+        assert abs(timescales[0].get_time().nanoseconds - ztsdlib.HostTimescale().get_time().nanoseconds
+                   - OFFSET_NS[1]) < SECOND // 10
+        for timescale in timescales:
+            timescale.close()
+    root = "[%s]" % sim.chassis[1]["remoteHost"]
+    assert ztsdlib.uri_roots_to_unload(params) == (root, root)
+
+
+@pytest.mark.parametrize("make,code,constant,message", [
+    (lambda s: ztsdlib.SyncableDevice(s.device_uri(name="nope")).coherency(),
+     -52024, "ztapalerr_communicationsFault", "Server answered 404 Not Found."),
+    (lambda s: ztsdlib.load_proxy_resources({"version": 1, "type": "networkDeviceParams",
+                                             "params": {}}),
+     -52005, "ztapalerr_invalidParameter", "Error parsing 'remoteHost' key from networkDeviceParamsJson"),
+    (lambda s: ztsdlib.ThreadPool(0), -52005, "ztapalerr_invalidParameter", None),
+    (lambda s: ztsdlib.uri_roots_to_unload("{}"), -52005, "ztapalerr_invalidParameter", None),
+])
+def test_failures_map_to_the_innermost_cause(sim, make, code, constant, message):
+    with pytest.raises(ztsdlib.ZtsdError) as caught:
+        make(sim)
+    error = caught.value
+    assert (error.code, error.constant) == (code, constant)
+    assert error.message == message if message else error.message
+    assert error.report["error_constant"] == constant
+
+
+@pytest.mark.parametrize("nanos", [
+    0, -1, ztsdlib._U64_MAX * SECOND + SECOND - 1, -(ztsdlib._U64_MAX * SECOND + SECOND - 1),
+])
+def test_time_values_cross_the_interface_exactly(nanos):
+    with ztsdlib.HostTimescale() as a, ztsdlib.HostTimescale("/localhost/test/timescales/b") as b, \
+            ztsdlib.NopCorrelator("/localhost/test/correlators/n", a, b) as nop:
+        assert nop.correlate(ztsdlib.Timestamp(nanos, 7), HOST) == ztsdlib.Timestamp(nanos, 7)
+        assert nop.correlate(ztsdlib.Timestamp(nanos).to_decimal(), HOST).nanoseconds == nanos
+
+
+@pytest.mark.parametrize("form", ["hosts", "paths"])
+def test_listing_names_every_device_under_the_callers_host(form):
+    from conftest import Simulator
+    simulator = Simulator("--devices-per-chassis", "3", "--listing-form", form)
+    try:
+        params = simulator.chassis[0]["networkDeviceParamsJson"]
+        uris = ztsdlib.list_syncable_device_uris(params)
+        assert uris == [d["uri"] for d in simulator.chassis[0]["devices"]] and len(uris) == 3
+        with ztsdlib.SyncableDevice(uris[2]) as last:
+            assert last.coherency() == (True, 0)
+    finally:
+        simulator.stop()
+    with pytest.raises(ztsdlib.ZtsdError) as refused:  # the chassis is gone
+        ztsdlib.list_syncable_device_uris(params)
+    assert refused.value.code == -52024 and refused.value.message
