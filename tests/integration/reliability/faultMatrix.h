@@ -106,7 +106,7 @@ enum class Injection {
     DeviceWrongUri,        // the device reports another "uri"
     ListingVersionMissing,     // the listing without "version"
     ListingVersionUnsupported, // the listing with "version":2
-    DaemonStopped,         // nothing listens on the daemon's port (the relay in front of it stops)
+    DaemonStopped,         // nothing listens on the daemon's port (it stops; a new one comes back on it)
     DaemonRefuse,          // refuseConnections(count), then dropConnections()
     DaemonDropCalls,       // dropCalls(count)
     DaemonStallCalls,      // stallCalls(count)

@@ -24,7 +24,6 @@
 
 #include "api/exportFrame.h"
 #include "integration/reliability/faultMatrix.h"
-#include "integration/reliability/loopbackRelay.h"
 #include "integration/timestampservice/daemonTestSupport.h"
 #include "syncdomain/syncableDeviceProxy.h"
 #include "timestampservice/timescaleProxy.h"
@@ -106,14 +105,16 @@ class FaultMatrix : public ::testing::TestWithParam<std::string> {
 protected:
     const FaultRow& row() const { return *faultmatrix::findRow(GetParam()); }
 
-    void SetUp() override {
-        daemon.addTimescale(kGmId);
-        daemon.setApiVersion(row().daemonVersionAtCreation);
-        daemon.start();
-        if (row().injection == Injection::DaemonStopped) {
-            relay = std::make_unique<reliability::LoopbackRelay>(daemon.port());
-            relay->start();
-        }
+    void SetUp() override { startDaemon(0); }
+
+    // A daemon on port (0: an ephemeral one). The row that stops the daemon
+    // brings a new one up on the old port, as a restarted daemon would come.
+    void startDaemon(std::uint16_t port) {
+        daemon = std::make_unique<ztsdsim::TimestampDaemonSimulator>();
+        daemon->addTimescale(kGmId);
+        daemon->setApiVersion(row().daemonVersionAtCreation);
+        daemon->start("127.0.0.1", port);
+        daemonPortNumber = daemon->port();
     }
 
     // Receivers before what they refer to; the pool joins its threads before
@@ -125,10 +126,10 @@ protected:
         for (ztsdlib_SyncableDevice* d : devices) ztsdlib_SyncableDevice_delete(d);
         for (ztsdlib_Timescale* t : timescales) ztsdlib_Timescale_delete(t);
         for (auto& c : chassis) c->stop();
-        daemon.stop();
+        daemon->stop();
     }
 
-    std::uint16_t daemonPort() const { return relay ? relay->port() : daemon.port(); }
+    std::uint16_t daemonPort() const { return daemonPortNumber; }
 
     // ---- the world each family needs ----
 
@@ -185,13 +186,13 @@ protected:
     void setFault(bool on) {
         const FaultRow& r = row();
         if (r.injection == Injection::WebStopped) return on ? faulty().stop() : faulty().restart();
-        if (r.injection == Injection::DaemonStopped) return on ? relay->stop() : relay->start();
+        if (r.injection == Injection::DaemonStopped) return on ? daemon->stop() : startDaemon(daemonPortNumber);
         if (r.isWebFault()) {
             return on ? faultmatrix::injectWeb(r, faulty().web(), faulty().device)
                       : faultmatrix::clearWeb(r, faulty().web(), faulty().device);
         }
-        on ? faultmatrix::injectDaemon(r, daemon, kGmId, slowDaemon)
-           : faultmatrix::clearDaemon(r, daemon, kGmId, slowDaemon);
+        on ? faultmatrix::injectDaemon(r, *daemon, kGmId, slowDaemon)
+           : faultmatrix::clearDaemon(r, *daemon, kGmId, slowDaemon);
     }
 
     // ---- the operations ----
@@ -230,10 +231,10 @@ protected:
             case Op::DomainToJson: r.text = owned(ztsdlib_SyncDomain_toJson(domain, &status)); break;
             case Op::LoadResources: r.answer = load(status); break;
             case Op::TimescaleGetTime: {
-                const ztsdlib_Timestamp before = daemon.timeAt(daemontest::hostNow());
+                const ztsdlib_Timestamp before = daemon->timeAt(daemontest::hostNow());
                 ztsdlib_Timestamp reading{};
                 ztsdlib_Timescale_getTime(remote, &reading, &status);
-                const ztsdlib_Timestamp after = daemon.timeAt(daemontest::hostNow());
+                const ztsdlib_Timestamp after = daemon->timeAt(daemontest::hostNow());
                 r.answer = daemontest::notAfter(before, reading) && daemontest::notAfter(reading, after);
                 break;
             }
@@ -248,7 +249,7 @@ protected:
                                                       &status);
                 if (status.s.code != 0) break;
                 // Within 50 ms of the daemon's true mapping (loopback round trips).
-                const ztsdlib_Timestamp truth = daemon.timeAt(hostTime);
+                const ztsdlib_Timestamp truth = daemon->timeAt(hostTime);
                 const std::uint64_t apart_s = remoteTime.seconds > truth.seconds ? remoteTime.seconds - truth.seconds
                                                                                  : truth.seconds - remoteTime.seconds;
                 const long long diff_ns =
@@ -365,9 +366,9 @@ protected:
         }
     }
 
-    ztsdsim::TimestampDaemonSimulator daemon;
+    std::unique_ptr<ztsdsim::TimestampDaemonSimulator> daemon;
+    std::uint16_t daemonPortNumber = 0;
     faultmatrix::SlowDaemon slowDaemon;  // after the daemon: stops first
-    std::unique_ptr<reliability::LoopbackRelay> relay;
     std::vector<std::unique_ptr<RestartableChassis>> chassis;
     std::vector<ztsdlib_SyncableDevice*> devices;
     std::vector<ztsdlib_Timescale*> timescales;

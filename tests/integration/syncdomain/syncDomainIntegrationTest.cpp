@@ -98,6 +98,9 @@ TEST_F(DomainOfChassis, AWaitingStartPacesItsPassesAndTimesOutOnTime) {
     const auto took = std::chrono::steady_clock::now() - began;
     EXPECT_EQ(timedOut.code, -52007);
     EXPECT_EQ(timedOut.number("ztsyncdomain_debug", "timeoutInSeconds"), 1);
+    EXPECT_EQ(timedOut.detail("ztsyncdomain_debug", "message"),
+              "Timed out while waiting for one or more syncable devices to respond.");
+    EXPECT_FALSE(domain->isRunning());
     EXPECT_GE(took, std::chrono::milliseconds(1000));
     EXPECT_LT(took, std::chrono::milliseconds(1050));
     for (int i = 0; i < kChassis; ++i) {

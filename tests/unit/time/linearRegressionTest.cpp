@@ -191,32 +191,6 @@ std::vector<cpp_int> queriesAround(const std::vector<SampleNs>& samples) {
 
 }  // namespace
 
-TEST(LinearRegression, RecoversAKnownSlopeAndInterceptAt1601EpochMagnitudes) {
-    // Second = slope * first + intercept exactly: readings 20 us apart make
-    // slope * first a whole number of nanoseconds for slopes 1 +/- 50 ppm.
-    const struct {
-        long long num, den, intercept_ns;
-    } lines[] = {{20001, 20000, -670000123456LL}, {19999, 20000, 987654321LL}, {1, 1, 42LL}};
-    for (const auto& l : lines) {
-        SCOPED_TRACE("slope " + std::to_string(l.num) + "/" + std::to_string(l.den));
-        auto regression = std::make_shared<LinearRegression>(100);
-        LinearRegressionFilterWrapper wrapper(regression);
-        const cpp_int x0 = cpp_int(13400000000LL) * kNanosPerSecond;
-        auto lineAt = [&](const cpp_int& x) { return x * l.num / l.den + l.intercept_ns; };
-        for (int i = 0; i < 150; ++i) {
-            const cpp_int x = x0 + cpp_int(i) * 20000 * 37;
-            regression->addSample(decimalOfNanos(x), decimalOfNanos(lineAt(x)));
-        }
-        EXPECT_TRUE(near(regression->slope(), cpp_rational(l.num, l.den)));
-        EXPECT_TRUE(near(regression->intercept_s(), cpp_rational(l.intercept_ns, kNanosPerSecond), 18));
-        for (int k : {0, 5, 149, 100000, -100000}) {
-            const cpp_int x = x0 + cpp_int(k) * 20000, y = lineAt(x);
-            EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateSecond(recordOfNanos(x)), recordOfNanos(y))) << x;
-            EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateFirst(recordOfNanos(y)), recordOfNanos(x))) << y;
-        }
-    }
-}
-
 TEST(LinearRegression, MatchesAnExactLeastSquaresFitToTheNanosecondAcrossHistorySizes) {
     std::mt19937_64 rng(99);
     struct Case {
