@@ -50,14 +50,6 @@ def test_host_timescale_reads_the_wall_clock():
     assert abs(read - datetime.datetime.now(UTC)) < datetime.timedelta(seconds=5)
 
 
-@pytest.mark.parametrize("uri", [None])
-def test_bad_uri_raises_with_code_and_message(uri):
-    with pytest.raises(ztsdlib.ZtsdError) as caught:
-        ztsdlib.HostTimescale(uri)
-    assert (caught.value.code, caught.value.constant) == (-52005, "ztapalerr_invalidParameter")
-    assert caught.value.message
-
-
 @pytest.mark.parametrize("report,constant,message", [
     ({"error_constant": "a", "x_debug": {"message": "outer"}}, "a", "outer"),
     ({"error_constant": "a", "message": "outer",

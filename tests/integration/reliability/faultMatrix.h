@@ -70,16 +70,6 @@ inline std::vector<Op> opsOf(Family family) {
     return {};
 }
 
-inline const char* familyName(Family family) {
-    switch (family) {
-        case Family::Device: return "Device";
-        case Family::Domain: return "Domain";
-        case Family::Loading: return "Loading";
-        case Family::RemoteTime: return "RemoteTime";
-    }
-    return "";
-}
-
 // One cell.
 struct Outcome {
     bool applies = false;
