@@ -33,10 +33,7 @@
 // proxy's creation, and the listing rows (nothing here loads a chassis).
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -54,11 +51,8 @@
 
 #include <thrift/TOutput.h>
 
-#include "api/exportFrame.h"
 #include "integration/reliability/faultMatrix.h"
 #include "json/jsonz.h"
-#include "syncdomain/syncableDeviceProxy.h"
-#include "timestampservice/timescaleProxy.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 #include "ztsdlib/ztsdlib.h"
@@ -203,15 +197,8 @@ public:
         std::vector<int> sockets;
         for (auto& sim : sims) {
             for (std::size_t i = 0; i < kSimulatorWorkers; ++i) {
-                const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-                sockaddr_in address{};
-                address.sin_family = AF_INET;
-                address.sin_port = htons(sim->port());
-                address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-                if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
-                    sockets.push_back(fd);
-                else if (fd >= 0)
-                    ::close(fd);
+                const int fd = remotetest::connectLoopback(sim->port());
+                if (fd >= 0) sockets.push_back(fd);
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -280,28 +267,20 @@ private:
     void makeObjects() {
         zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, nullptr};
         host = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status);
-        ztsdlib::TimescaleProxySettings settings;
-        settings.socketTimeout_ms = kSocketTimeout_ms;
-        remote = ztsdlib::api::handleOf<ztsdlib_Timescale>(static_cast<ztsdlib::TimescaleInterface*>(
-            new ztsdlib::TimescaleProxy("/" + sims[0]->remoteHost() + "/ztsdwebs/resources/ztsd/timescales/" + kGmId,
-                                        daemon.host(), daemon.port(), settings)));
+        const std::string remoteUri = "/" + sims[0]->remoteHost() + "/ztsdwebs/resources/ztsd/timescales/" + kGmId;
+        remote = faultmatrix::timescaleProxyHandle(remoteUri, daemon.host(), daemon.port(), kSocketTimeout_ms);
         correlator =
             ztsdlib_LinearCorrelator_create("/localhost/ztsd/correlators/soak", host, remote, 5, 8, 1000, &status);
         pool = ztsdlib_ThreadPool_create(kChassis, &status);
         domain = ztsdlib_SyncDomain_create(kDomainUri, host, 1000, 100, pool, &status);
         for (auto& sim : sims) {
             const std::string uri = sim->deviceUris().front();
-            domainDevices.push_back(device(uri));
-            queryDevices.push_back(device(uri));
+            domainDevices.push_back(faultmatrix::deviceHandle(uri, kRequestTimeout_ms));
+            queryDevices.push_back(faultmatrix::deviceHandle(uri, kRequestTimeout_ms));
             ztsdlib_SyncDomain_addSyncableDevice(domain, domainDevices.back(), &status);
         }
         if (status.code != 0) throw std::runtime_error(std::string("soak set-up: ") + (status.json ? status.json : ""));
         if (status.reallocate) status.reallocate(&status, 0);
-    }
-
-    static ztsdlib_SyncableDevice* device(const std::string& uri) {
-        return ztsdlib::api::handleOf<ztsdlib_SyncableDevice>(
-            static_cast<ztsdlib::SyncableDeviceInterface*>(new ztsdlib::SyncableDeviceProxy(uri, kRequestTimeout_ms)));
     }
 
     // ---- checking one call ----

@@ -26,8 +26,11 @@
 #include <thread>
 #include <vector>
 
+#include "api/exportFrame.h"
 #include "errors/errorCodes.h"
 #include "integration/remote/remoteTestSupport.h"
+#include "syncdomain/syncableDeviceProxy.h"
+#include "timestampservice/timescaleProxy.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 
@@ -435,6 +438,24 @@ inline void clearDaemon(const FaultRow& row, ztsdsim::TimestampDaemonSimulator& 
     if (row.injection == Injection::DaemonRemoveTimescale) daemon.addTimescale(gmId);
     if (row.injection == Injection::DaemonVersionDown || row.injection == Injection::DaemonVersionUp)
         daemon.setApiVersion(row.daemonVersionAtCreation);
+}
+
+// ---- handles with short time-outs ----------------------------------------
+
+// The exports fix a 5000 ms time-out; the matrix and the soak make their
+// proxies with shorter ones and hand them to the exports as handles, so a
+// stall costs little.
+inline ztsdlib_SyncableDevice* deviceHandle(const std::string& uri, unsigned requestTimeout_ms) {
+    return ztsdlib::api::handleOf<ztsdlib_SyncableDevice>(
+        static_cast<ztsdlib::SyncableDeviceInterface*>(new ztsdlib::SyncableDeviceProxy(uri, requestTimeout_ms)));
+}
+
+inline ztsdlib_Timescale* timescaleProxyHandle(const std::string& uri, const std::string& daemonHost,
+                                               std::uint16_t daemonPort, std::uint32_t socketTimeout_ms) {
+    ztsdlib::TimescaleProxySettings settings;
+    settings.socketTimeout_ms = socketTimeout_ms;
+    return ztsdlib::api::handleOf<ztsdlib_Timescale>(static_cast<ztsdlib::TimescaleInterface*>(
+        new ztsdlib::TimescaleProxy(uri, daemonHost, daemonPort, settings)));
 }
 
 // ---- reading a caller's report --------------------------------------------

@@ -22,11 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "api/exportFrame.h"
 #include "integration/reliability/faultMatrix.h"
 #include "integration/timestampservice/daemonTestSupport.h"
-#include "syncdomain/syncableDeviceProxy.h"
-#include "timestampservice/timescaleProxy.h"
 #include "unit/support/statusFixture.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
@@ -134,8 +131,7 @@ protected:
     // ---- the world each family needs ----
 
     ztsdlib_SyncableDevice* shortTimeoutDevice(const std::string& uri) {
-        ztsdlib::SyncableDeviceInterface* object = new ztsdlib::SyncableDeviceProxy(uri, kRequestTimeout_ms);
-        devices.push_back(ztsdlib::api::handleOf<ztsdlib_SyncableDevice>(object));
+        devices.push_back(faultmatrix::deviceHandle(uri, kRequestTimeout_ms));
         return devices.back();
     }
 
@@ -162,12 +158,8 @@ protected:
     }
 
     void makeRemoteTime() {
-        ztsdlib::TimescaleProxySettings settings;
-        settings.socketTimeout_ms = kSocketTimeout_ms;
-        ztsdlib::TimescaleInterface* object = new ztsdlib::TimescaleProxy(
-            "/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/" + std::string(kGmId), "127.0.0.1", daemonPort(),
-            settings);
-        remote = ztsdlib::api::handleOf<ztsdlib_Timescale>(object);
+        const std::string uri = "/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/" + std::string(kGmId);
+        remote = faultmatrix::timescaleProxyHandle(uri, "127.0.0.1", daemonPort(), kSocketTimeout_ms);
         timescales.push_back(remote);
         host = hostTimescale();
         OwnedStatus status;
@@ -217,7 +209,7 @@ protected:
                 if (status.s.code == 0) EXPECT_EQ(losses, 0u);
                 break;
             }
-            case Op::DeviceToJson: r.text = owned(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
+            case Op::DeviceToJson: r.text = remotetest::takeText(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
             case Op::DomainStart: {
                 OwnedStatus stopping;
                 if (ztsdlib_SyncDomain_isRunning(domain, &stopping)) ztsdlib_SyncDomain_stop(domain, &stopping);
@@ -228,7 +220,7 @@ protected:
             case Op::DomainSinceLastChecked:
                 r.answer = ztsdlib_SyncDomain_isCoherentSinceLastChecked(domain, &status);
                 break;
-            case Op::DomainToJson: r.text = owned(ztsdlib_SyncDomain_toJson(domain, &status)); break;
+            case Op::DomainToJson: r.text = remotetest::takeText(ztsdlib_SyncDomain_toJson(domain, &status)); break;
             case Op::LoadResources: r.answer = load(status); break;
             case Op::TimescaleGetTime: {
                 const ztsdlib_Timestamp before = daemon->timeAt(daemontest::hostNow());
@@ -250,14 +242,10 @@ protected:
                 if (status.s.code != 0) break;
                 // Within 50 ms of the daemon's true mapping (loopback round trips).
                 const ztsdlib_Timestamp truth = daemon->timeAt(hostTime);
-                const std::uint64_t apart_s = remoteTime.seconds > truth.seconds ? remoteTime.seconds - truth.seconds
-                                                                                 : truth.seconds - remoteTime.seconds;
-                const long long diff_ns =
-                    apart_s > 1 ? 1000000000LL
-                                : (static_cast<long long>(remoteTime.seconds) - static_cast<long long>(truth.seconds)) *
-                                          1000000000LL +
-                                      (static_cast<long long>(remoteTime.nanos) - truth.nanos);
-                r.answer = !remoteTime.isNegative && diff_ns > -50000000LL && diff_ns < 50000000LL;
+                // (The seconds guard keeps nanosBetween clear of overflow on wild readings.)
+                r.answer = !remoteTime.isNegative &&
+                           std::llabs(static_cast<long long>(remoteTime.seconds - truth.seconds)) <= 1 &&
+                           std::llabs(daemontest::nanosBetween(truth, remoteTime)) < 50000000;
                 break;
             }
             case Op::CorrelatorStop: ztsdlib_TimestampCorrelator_stop(correlator, &status); break;
@@ -268,16 +256,8 @@ protected:
         return filled;
     }
 
-    static std::string owned(char* text) {
-        std::string copy = text ? text : "";
-        std::free(text);
-        return copy;
-    }
-
     bool load(OwnedStatus& status) {
-        const std::string params = "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" +
-                                   faulty().web().remoteHost() +
-                                   "\",\"timestampDaemonPort\":" + std::to_string(daemonPort()) + "}}";
+        const std::string params = remotetest::networkDeviceParams(faulty().web().remoteHost(), daemonPort());
         ztsdlib_SyncableDevice* device = nullptr;
         ztsdlib_Timescale** loaded = nullptr;
         std::uint32_t count = 0;

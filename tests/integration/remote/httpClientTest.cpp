@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -280,12 +278,8 @@ TEST(HttpRequestFraming, APutReachesAServerThatIgnoresExpectAndRefusesChunkedBod
 
     // A request whose Content-Length is no number ends its connection and
     // nothing else: the chassis goes on answering.
-    const int peer = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(chassis.port());
-    ASSERT_EQ(::connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int peer = remotetest::connectLoopback(chassis.port());
+    ASSERT_GE(peer, 0);
     const std::string hostile = "PUT /ztsdwebs/resources/ztsd/syncableDevices/d0 HTTP/1.1\r\nContent-Length: x1\r\n\r\n";
     ASSERT_EQ(::send(peer, hostile.data(), hostile.size(), MSG_NOSIGNAL), static_cast<ssize_t>(hostile.size()));
     char answer[64];

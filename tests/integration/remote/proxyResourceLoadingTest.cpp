@@ -5,16 +5,15 @@
 #include <cstdlib>
 #include <string>
 
+#include "integration/remote/remoteTestSupport.h"
 #include "unit/support/statusFixture.h"
 #include "ztsd-sim/simulatedChassis.h"
 #include "ztsdlib/ztsdlib.h"
 
-namespace {
+using remotetest::networkDeviceParams;
+using remotetest::takeText;
 
-std::string params(const std::string& remoteHost, std::uint16_t daemonPort) {
-    return "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" + remoteHost +
-           "\",\"timestampDaemonPort\":" + std::to_string(daemonPort) + "}}";
-}
+namespace {
 
 int allocations = 0;
 void* countingAllocator(size_t size) {
@@ -25,11 +24,7 @@ void* refusingAllocator(size_t) { return nullptr; }
 
 // What ztsdlib_listSyncableDeviceUris gives, or "(null)" with the status set.
 std::string listed(const std::string& json, ztsdtest::OwnedStatus& status) {
-    char* text = ztsdlib_listSyncableDeviceUris(json.c_str(), &status.s);
-    if (!text) return "(null)";
-    std::string copy(text);
-    std::free(text);
-    return copy;
+    return takeText(ztsdlib_listSyncableDeviceUris(json.c_str(), &status.s));
 }
 
 struct Loaded {
@@ -46,7 +41,7 @@ protected:
         ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, allocator, &status);
         return out;
     }
-    std::string hostParams() { return params(chassis.webService().remoteHost(), chassis.daemonPort()); }
+    std::string hostParams() { return networkDeviceParams(chassis.webService().remoteHost(), chassis.daemonPort()); }
     ztsdsim::SimulatedChassis chassis;
     ztsdtest::OwnedStatus status;
 };
@@ -120,8 +115,7 @@ TEST_F(Loading, RefusesMissingArgumentsAndMalformedDescriptions) {
 
 TEST(UriRoots, BracketIpv6HostsAndNeedRoomForTheNul) {
     auto roots = [](const std::string& host, uint32_t size, std::string& device, std::string& timescale) {
-        const std::string json =
-            "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" + host + "\"}}";
+        const std::string json = networkDeviceParams(host);
         ztsdtest::OwnedStatus st;
         char a[64] = "untouched", b[64] = "untouched";
         ztsdlib_getProxyResourceUriRootsToUnload(json.c_str(), size, a, b, &st);
@@ -163,7 +157,7 @@ TEST(LoadingListingForms, EntriesWithAndWithoutTheirHostLoadUnderTheCallersHost)
         const std::string ts2 = chassis.addTimescale("00-80-2F-AA-BB-02");
         ztsdtest::OwnedStatus status;
         Loaded out;
-        const std::string json = params(chassis.webService().remoteHost(), chassis.daemonPort());
+        const std::string json = networkDeviceParams(chassis.webService().remoteHost(), chassis.daemonPort());
         // Listing names every device under the caller's host as loading does.
         EXPECT_EQ(listed(json, status), "[]");
         const std::string device = chassis.webService().addDevice("chassis0");
@@ -207,7 +201,7 @@ TEST(LoadingIpv6, ABareIpv6HostIsBracketedInEveryHttpAddress) {
     chassis.addDevice("chassis0");
     ztsdtest::OwnedStatus status;
     Loaded out;
-    const std::string json = params("::1", 9);
+    const std::string json = networkDeviceParams("::1", 9);
     ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, countingAllocator, &status);
     ASSERT_EQ(status.s.code, 0) << status.text();
     EXPECT_STREQ(ztsdlib_SyncableDevice_getUri(out.device, &status),

@@ -1,11 +1,16 @@
 // Shared pieces of the remote-access integration tests: a started simulator
-// with one device and one timescale, and a look at this process's TCP
-// connections to it.
+// with one device and one timescale, the loading description of a chassis,
+// a raw loopback connection, and the text an export hands over.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -51,6 +56,32 @@ inline ztsdsim::Fault status(int httpStatus) {
     ztsdsim::Fault f;
     f.httpStatus = httpStatus;
     return f;
+}
+
+// The networkDeviceParams document for a chassis (daemonPort < 0: none named).
+inline std::string networkDeviceParams(const std::string& remoteHost, int daemonPort = -1) {
+    return "{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":\"" + remoteHost + "\"" +
+           (daemonPort < 0 ? "" : ",\"timestampDaemonPort\":" + std::to_string(daemonPort)) + "}}";
+}
+
+// A TCP connection to 127.0.0.1:port; -1 when it cannot be made.
+inline int connectLoopback(std::uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
+}
+
+// The text an export handed over (freed here); "(null)" when it gave none.
+inline std::string takeText(char* text) {
+    if (!text) return "(null)";
+    std::string copy(text);
+    std::free(text);
+    return copy;
 }
 
 }  // namespace remotetest

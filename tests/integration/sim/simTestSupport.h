@@ -1,6 +1,7 @@
 // Helpers for the simulator's own tests: one HTTP exchange over a real
-// loopback connection, read access to the JSON that comes back, and a child
-// process with its output on pipes (the simulator and ztsdctl programs).
+// loopback connection, read access to the JSON that comes back, a child
+// process with its output on pipes (the simulator and ztsdctl programs), and
+// what the ztsd-sim program prints and its control server takes.
 #pragma once
 
 #include <cjson/cJSON.h>
@@ -16,23 +17,21 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "unit/support/statusFixture.h"
 #include "ztsd-sim/chassisSimulator.h"
 
 extern char** environ;
 
 namespace simtest {
 
-struct JsonDeleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
-
-inline Json parse(const std::string& text) { return Json(cJSON_ParseWithLength(text.data(), text.size())); }
+using Json = ztsdtest::CJsonPtr;
+inline Json parse(const std::string& text) { return ztsdtest::parseJson(text); }
 
 inline const cJSON* member(const cJSON* object, const char* key) {
     return object == nullptr ? nullptr : cJSON_GetObjectItemCaseSensitive(object, key);
@@ -93,6 +92,36 @@ inline std::vector<std::string> lines(const std::string& text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) result.push_back(line);
     return result;
+}
+
+// The ztsd-sim program built beside the tests; "" when the build has none.
+#ifdef ZTSD_SIM_PATH
+inline std::string simPath() { return ZTSD_SIM_PATH; }
+#else
+inline std::string simPath() { return ""; }
+#endif
+
+#define ZTSD_SIM_REQUIRED() \
+    if (simtest::simPath().empty()) GTEST_SKIP() << "ztsd-sim is not built"
+
+// The JSON line ztsd-sim prints for each chassis (the lines that start with "{").
+inline std::vector<Json> chassisLines(const std::string& out) {
+    std::vector<Json> found;
+    for (const std::string& line : lines(out)) {
+        if (line.rfind("{", 0) == 0) found.push_back(parse(line));
+    }
+    return found;
+}
+
+// POSTs path under a chassis' control URL (http://host:port/chassis/c/);
+// returns the status, 0 when nothing answered.
+inline int postControl(const std::string& url, const std::string& path) {
+    std::smatch match;
+    if (!std::regex_match(url, match, std::regex(R"(http://([^:/]+):(\d+)(/.*))"))) return 0;
+    httplib::Client client(match[1].str(), std::stoi(match[2].str()));
+    client.set_read_timeout(5, 0);
+    const httplib::Result reply = client.Post((match[3].str() + path).c_str(), "", "text/plain");
+    return reply ? reply->status : 0;
 }
 
 // A child process (argv[0] is the program) with both output streams on

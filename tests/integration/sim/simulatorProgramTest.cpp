@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <regex>
@@ -16,21 +14,13 @@
 #include "platform/clock.h"
 #include "ztsdlib/ztsdlib.h"
 
+using simtest::chassisLines;
 using simtest::ChildProcess;
 using simtest::member;
+using simtest::postControl;
+using simtest::simPath;
 
 namespace {
-
-// The program is built beside this test binary: <build>/tools/ztsd-sim.
-std::string programPath() {
-    char self[PATH_MAX] = {};
-    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) return "";
-    std::string path(self, static_cast<std::size_t>(length));
-    path = path.substr(0, path.rfind('/'));
-    path = path.substr(0, path.rfind('/')) + "/tools/ztsd-sim";
-    return ::access(path.c_str(), X_OK) == 0 ? path : "";
-}
 
 // The "result" of a GET on the chassis at port.
 simtest::Json getResult(int port, const std::string& path) {
@@ -39,28 +29,6 @@ simtest::Json getResult(int port, const std::string& path) {
     const httplib::Result reply = client.Get(path.c_str());
     simtest::Json document = simtest::parse(reply ? reply->body : "");
     return simtest::Json(document ? cJSON_DetachItemFromObjectCaseSensitive(document.get(), "result") : nullptr);
-}
-
-// The JSON line of each chassis (the lines that start with "{").
-std::vector<simtest::Json> chassisLines(const std::string& out) {
-    std::vector<simtest::Json> found;
-    for (const std::string& line : simtest::lines(out)) {
-        if (line.rfind("{", 0) == 0) found.push_back(simtest::parse(line));
-    }
-    return found;
-}
-
-// POSTs a control; returns the status (0 when nothing answered).
-int control(const std::string& url, const std::string& path) {
-    const std::smatch match = [&] {
-        std::smatch m;
-        std::regex_match(url, m, std::regex(R"(http://([^:/]+):(\d+)/.*)"));
-        return m;
-    }();
-    httplib::Client client(match[1].str(), std::stoi(match[2].str()));
-    client.set_read_timeout(5, 0);
-    const httplib::Result reply = client.Post(("/" + url.substr(url.find('/', 7) + 1) + path).c_str(), "", "text/plain");
-    return reply ? reply->status : 0;
 }
 
 // remote - host of the first timescale the params describe, read through
@@ -89,9 +57,8 @@ double offsetThroughLibrary_ms(const std::string& paramsJson) {
 }  // namespace
 
 TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
-    const std::string program = programPath();
-    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
-    ChildProcess child({program, "--port", "0", "--chassis", "2", "--devices-per-chassis", "2", "--timescales", "1",
+    ZTSD_SIM_REQUIRED();
+    ChildProcess child({simPath(), "--port", "0", "--chassis", "2", "--devices-per-chassis", "2", "--timescales", "1",
                         "--incoherent"});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
@@ -134,12 +101,11 @@ TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
 }
 
 TEST(SimulatorProgram, RefusesArgumentsOutOfRange) {
-    const std::string program = programPath();
-    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
-    ChildProcess zeroChassis({program, "--chassis", "0"});
+    ZTSD_SIM_REQUIRED();
+    ChildProcess zeroChassis({simPath(), "--chassis", "0"});
     ASSERT_TRUE(zeroChassis.started());
     EXPECT_GT(zeroChassis.finish(5000), 0);  // -1 would mean it kept running
-    ChildProcess pastLastPort({program, "--port", "65535", "--chassis", "2"});
+    ChildProcess pastLastPort({simPath(), "--port", "65535", "--chassis", "2"});
     ASSERT_TRUE(pastLastPort.started());
     EXPECT_EQ(pastLastPort.finish(5000), 2);
 }
@@ -147,9 +113,8 @@ TEST(SimulatorProgram, RefusesArgumentsOutOfRange) {
 // Each chassis' JSON line names a daemon whose clock runs at the chassis'
 // offset; the paste-ready address and params agree with it.
 TEST(SimulatorProgram, PrintsOneJsonLinePerChassisWithAWorkingDaemon) {
-    const std::string program = programPath();
-    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
-    ChildProcess child({program, "--chassis", "3", "--clock-offset-ns", "0,2500000000,-4000000000"});
+    ZTSD_SIM_REQUIRED();
+    ChildProcess child({simPath(), "--chassis", "3", "--clock-offset-ns", "0,2500000000,-4000000000"});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
     const std::vector<simtest::Json> chassis = chassisLines(child.out());
@@ -175,9 +140,8 @@ TEST(SimulatorProgram, PrintsOneJsonLinePerChassisWithAWorkingDaemon) {
 // The control server changes what a chassis serves; a chassis taken down
 // refuses connections and comes back on its ports with its state.
 TEST(SimulatorProgram, ControlsChangeWhatTheChassisServes) {
-    const std::string program = programPath();
-    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
-    ChildProcess child({program, "--chassis", "2", "--devices-per-chassis", "2", "--clock-offset-ns", "1000000000"});
+    ZTSD_SIM_REQUIRED();
+    ChildProcess child({simPath(), "--chassis", "2", "--devices-per-chassis", "2", "--clock-offset-ns", "1000000000"});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out();
     const std::vector<simtest::Json> chassis = chassisLines(child.out());
@@ -199,23 +163,23 @@ TEST(SimulatorProgram, ControlsChangeWhatTheChassisServes) {
         {"clock/step", 400},               {"clock/step?ns=1.5", 400},         {"devices/chassis1/loss?count=0", 400},
         {"clock/slew?ppb=99999999999999999999", 400},
     };
-    for (const Case& c : refused) EXPECT_EQ(control(url, c.path), c.status) << c.path;
-    EXPECT_EQ(control(url.substr(0, url.size() - 2) + "7/", "down"), 404);  // no chassis 7
+    for (const Case& c : refused) EXPECT_EQ(postControl(url, c.path), c.status) << c.path;
+    EXPECT_EQ(postControl(url.substr(0, url.size() - 2) + "7/", "down"), 404);  // no chassis 7
 
-    ASSERT_EQ(control(url, "devices/chassis1-1/loss?count=3"), 200);
-    ASSERT_EQ(control(url, "devices/chassis1/incoherent"), 200);
+    ASSERT_EQ(postControl(url, "devices/chassis1-1/loss?count=3"), 200);
+    ASSERT_EQ(postControl(url, "devices/chassis1/incoherent"), 200);
     EXPECT_EQ(cJSON_GetNumberValue(member(device("chassis1-1").get(), "coherencyLossCount")), 3);
     EXPECT_TRUE(cJSON_IsFalse(member(device("chassis1").get(), "isCoherent")));
     EXPECT_TRUE(cJSON_IsTrue(member(device("chassis1-1").get(), "isCoherent")));
 
-    ASSERT_EQ(control(url, "clock/step?ns=-3000000000"), 200);
+    ASSERT_EQ(postControl(url, "clock/step?ns=-3000000000"), 200);
     EXPECT_NEAR(offsetThroughLibrary_ms(params), -2000, 100);
 
-    ASSERT_EQ(control(url, "down"), 200);
+    ASSERT_EQ(postControl(url, "down"), 200);
     EXPECT_EQ(device("chassis1").get(), nullptr);  // nothing listens
     EXPECT_TRUE(std::isnan(offsetThroughLibrary_ms(params)));
-    ASSERT_EQ(control(url, "devices/chassis1-1/loss"), 200);  // a loss while down is kept
-    ASSERT_EQ(control(url, "up"), 200);
+    ASSERT_EQ(postControl(url, "devices/chassis1-1/loss"), 200);  // a loss while down is kept
+    ASSERT_EQ(postControl(url, "up"), 200);
     EXPECT_EQ(cJSON_GetNumberValue(member(device("chassis1-1").get(), "coherencyLossCount")), 4);
     EXPECT_TRUE(cJSON_IsFalse(member(device("chassis1").get(), "isCoherent")));
     EXPECT_NEAR(offsetThroughLibrary_ms(params), -2000, 100);
@@ -232,9 +196,8 @@ TEST(SimulatorProgram, ControlsChangeWhatTheChassisServes) {
 // A second simulator on a port the first one serves is refused, for the
 // web service and for the daemon.
 TEST(SimulatorProgram, RefusesAPortAlreadyTaken) {
-    const std::string program = programPath();
-    if (program.empty()) GTEST_SKIP() << "ztsd-sim is not built";
-    ChildProcess first({program});
+    ZTSD_SIM_REQUIRED();
+    ChildProcess first({simPath()});
     ASSERT_TRUE(first.started());
     ASSERT_TRUE(first.waitForOutput("\nready\n", 5000)) << first.out();
     const std::vector<simtest::Json> chassis = chassisLines(first.out());
@@ -244,7 +207,7 @@ TEST(SimulatorProgram, RefusesAPortAlreadyTaken) {
     const std::string daemonPort = std::to_string(static_cast<int>(cJSON_GetNumberValue(member(chassis[0].get(), "daemonPort"))));
     const std::vector<std::vector<std::string>> taken{{"--port", webPort}, {"--daemon-port", daemonPort}};
     for (const auto& flags : taken) {
-        ChildProcess second({program, flags[0], flags[1]});
+        ChildProcess second({simPath(), flags[0], flags[1]});
         ASSERT_TRUE(second.started());
         EXPECT_EQ(second.finish(5000), 1) << flags[0];
         EXPECT_EQ(second.out().find("ready"), std::string::npos);

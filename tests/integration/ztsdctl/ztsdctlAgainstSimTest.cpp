@@ -2,7 +2,6 @@
 // that refuse before any library call, the one-line errors (and the same as
 // one JSON object on stderr with --json), a start that times out naming its
 // members, and SIGTERM ending a watch cleanly.
-#include <httplib.h>
 #include <signal.h>
 
 #include <map>
@@ -18,12 +17,6 @@ using ctltest::str;
 
 namespace {
 
-#ifdef ZTSD_SIM_PATH
-const char* const kSimPath = ZTSD_SIM_PATH;
-#else
-const char* const kSimPath = "";
-#endif
-
 // libcurl's message says how long the connect took; runs differ in that.
 std::string withoutDuration(const std::string& text) {
     return std::regex_replace(text, std::regex(R"(after \d+ ms)"), "after N ms");
@@ -35,13 +28,11 @@ class ZtsdctlAgainstSim : public ::testing::Test {
 protected:
     void SetUp() override {
         ZTSDCTL_REQUIRED();
-        if (std::string(kSimPath).empty()) GTEST_SKIP() << "ztsd-sim is not built";
+        ZTSD_SIM_REQUIRED();
         sim = std::make_unique<simtest::ChildProcess>(
-            std::vector<std::string>{kSimPath, "--chassis", "2", "--devices-per-chassis", "2"});
+            std::vector<std::string>{simtest::simPath(), "--chassis", "2", "--devices-per-chassis", "2"});
         ASSERT_TRUE(sim->waitForOutput("\nready\n", 5000)) << sim->out();
-        for (const std::string& line : simtest::lines(sim->out())) {
-            if (line.rfind("{", 0) == 0) chassis.push_back(simtest::parse(line));
-        }
+        chassis = simtest::chassisLines(sim->out());
         ASSERT_EQ(chassis.size(), 2u);
     }
     void TearDown() override {
@@ -53,13 +44,7 @@ protected:
     std::string deviceUri(int c, int d) {
         return str(at(cJSON_GetArrayItem(at(chassis[c].get(), "devices"), d), "uri"));
     }
-    int control(int c, const std::string& path) {
-        const std::string url = str(at(chassis[c].get(), "control"));  // http://127.0.0.1:P/chassis/c/
-        const std::size_t colon = url.rfind(':');
-        httplib::Client client("127.0.0.1", std::stoi(url.substr(colon + 1)));
-        const httplib::Result reply = client.Post((url.substr(url.find('/', colon)) + path).c_str(), "", "text/plain");
-        return reply ? reply->status : 0;
-    }
+    int control(int c, const std::string& path) { return simtest::postControl(str(at(chassis[c].get(), "control")), path); }
     std::vector<std::string> domain(int c, std::vector<std::string> more) {
         std::vector<std::string> args{"domain", address(c), "--max-offset-ns", "1000", "--min-sync-ms", "10",
                                       "--timescale", "/localhost/ztsds/timescales/system"};
