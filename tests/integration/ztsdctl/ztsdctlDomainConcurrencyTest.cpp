@@ -133,12 +133,17 @@ TEST_F(ZtsdctlDomainConcurrency, WaitsForALateMemberWithAProgressLine) {
     EXPECT_GE(std::stod(coherentAfter[1]), 0.5);
 }
 
+// A start that times out: the library's report, naming the member that was
+// not coherent.
 TEST_F(ZtsdctlDomainConcurrency, CoherencyNotReachedInTimeExits1WithTheLibrarysReport) {
     web(1).setCoherent(name(1), false);
     const ctltest::Run human = ctltest::run(domain({"--timeout-s", "1"}));
     EXPECT_EQ(human.exitStatus, 1) << human.err;
     EXPECT_NE(human.out.find("coherency NOT reached within 1 s"), std::string::npos) << human.out;
-    EXPECT_NE(human.err.find("[ztapalerr_operationTimedOut -52007]"), std::string::npos) << human.err;
+    EXPECT_NE(human.err.find("ztsdctl: coherency not reached within 1 s; not coherent: " + uris[1] +
+                             " [ztapalerr_operationTimedOut -52007]\n"),
+              std::string::npos)
+        << human.err;
 
     const ctltest::Run json = ctltest::run(domain({"--timeout-s", "1", "--json"}));
     EXPECT_EQ(json.exitStatus, 1);
@@ -148,6 +153,10 @@ TEST_F(ZtsdctlDomainConcurrency, CoherencyNotReachedInTimeExits1WithTheLibrarysR
     EXPECT_EQ(num(at(events[0].get(), "code")), -52007);
     EXPECT_EQ(str(at(at(events[0].get(), "report"), "error_constant")), "ztapalerr_operationTimedOut");
     EXPECT_GE(num(at(events[0].get(), "elapsed_ms")), 1000);
+    EXPECT_TRUE(std::regex_match(str(at(events[0].get(), "time")), ctltest::kRfc3339));
+    const cJSON* members = at(events[0].get(), "notCoherentMembers");
+    ASSERT_EQ(cJSON_GetArraySize(members), 1);
+    EXPECT_EQ(str(cJSON_GetArrayItem(members, 0)), uris[1]);
 }
 
 // Ctrl-C while the start waits for a member that is not coherent ends the

@@ -6,6 +6,7 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ using simtest::parse;
 inline const cJSON* at(const cJSON* object, const char* key) { return simtest::member(object, key); }
 inline std::string str(const cJSON* item) { return simtest::text(item); }
 inline double num(const cJSON* item) { return cJSON_IsNumber(item) ? item->valuedouble : -1e300; }
+
+// The "time" of every event.
+inline const std::regex kRfc3339(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
 
 // A running ztsdctl with these arguments; killed if still running when destroyed.
 class Ztsdctl : public simtest::ChildProcess {
