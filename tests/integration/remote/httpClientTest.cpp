@@ -177,7 +177,6 @@ TEST_F(HttpClient, UnreadableBodiesAndMalformedEnvelopesAreInvalidResponses) {
     const std::vector<Case> cases = {
         {"{\"result\":1} x", 9, ""},
         {std::string("{\"result\":1}\0{}", 15), 9, ""},
-        {std::string(500000, '[') + std::string(500000, ']'), 0, ""},  // valid, deeper than the reader goes
         {"{\"result\":\"\\ud800\"}", 0, ""},                               // valid, a lone surrogate
         {"{\"error\":\"bad\"}", 0, "error"},
         {"{\"error\":{\"success\":true},\"Error\":{\"success\":false,\"errorCode\":5},\"result\":1}", 0, "error"},

@@ -281,7 +281,6 @@ TEST_F(TimescaleProxyExportTest, CreateReadDescribeDelete) {
                                      ",\"localUriOfTarget\":\"/localhost/ztsds/timescales/" + daemontest::kGmId +
                                      "\",\"serverApiVersion\":2}");
     ztsdlib_Timescale_delete(ts);
-    EXPECT_EQ(json[0], '{');  // the caller's copy outlives the handle
     std::free(json);
     EXPECT_EQ(status.s.json, nullptr);
 }
