@@ -16,14 +16,8 @@ using ztsdtest::Raised;
 
 namespace {
 
-void expectSite(const Raised& r, int code, const char* constant, const char* file, int line) {
-    EXPECT_EQ(r.code, code) << r.json;
-    EXPECT_EQ(r.text("error_constant"), constant);
-    EXPECT_EQ(r.text("file"), file);
-    const cJSON* l = r.member("line");
-    ASSERT_TRUE(cJSON_IsNumber(l));
-    EXPECT_EQ(l->valueint, line);
-    EXPECT_EQ(r.text("component"), "ztsdlib");
+void expectJsonSite(const Raised& r, int code, const char* constant, const char* file, int line) {
+    ztsdtest::expectSite(r, code, constant, file, line);
     EXPECT_FALSE(r.detail("ztsync_debug", "message").empty()) << r.json;
 }
 
@@ -37,10 +31,10 @@ TEST(CppJson, ParsesValidTextAndRefusesMalformedOrMissingText) {
     for (const char* bad : {"", "{\"a\":}", "[1,]"}) {
         SCOPED_TRACE(bad);
         const Raised r = captureRaise([&] { ztjsonlh::parse(bad); });
-        expectSite(r, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
+        expectJsonSite(r, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
     }
     const Raised nullText = captureRaise([] { ztjsonlh::parse(static_cast<const char*>(nullptr)); });
-    expectSite(nullText, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
+    expectJsonSite(nullText, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
 }
 
 TEST(CppJson, NestingBeyondTheReaderLimitIsACleanParseErrorEvenAMillionDeep) {
@@ -102,7 +96,7 @@ TEST(CjsonUtils, EachTypeCheckPassesOnlyForItsTypes) {
                 EXPECT_NO_THROW(c.fn(item(k.c_str())));
             } else {
                 const Raised r = captureRaise([&] { c.fn(item(k.c_str())); });
-                expectSite(r, -52004, c.constant, c.file, c.line);
+                expectJsonSite(r, -52004, c.constant, c.file, c.line);
             }
         }
         SCOPED_TRACE(std::string(c.name) + " on a missing node");
@@ -119,7 +113,7 @@ TEST(CjsonUtils, MemberLookupIgnoresCaseAndReportsWhatIsMissing) {
     EXPECT_EQ(v->valueint, 1);  // the first match
 
     const Raised missing = captureRaise([&] { ztjsonlh::getObjectItem(doc.get(), "absent"); });
-    expectSite(missing, -52006, "jsonErrorsObjectItemNotFound", "ztjsonlh\\cJSONUtils", 92);
+    expectJsonSite(missing, -52006, "jsonErrorsObjectItemNotFound", "ztjsonlh\\cJSONUtils", 92);
     EXPECT_EQ(missing.detail("ztsync_debug", "key"), "absent");
 
     ztjsonlh::CppJson array = ztjsonlh::parse("[{\"version\":1}]");
@@ -158,7 +152,7 @@ TEST(ArrayIterator, WalksElementsInOrderAndGuardsItsEnds) {
     EXPECT_TRUE(ztjsonlh::ArrayIterator::begin(empty) == ztjsonlh::ArrayIterator::end(empty));
 
     auto it = ztjsonlh::ArrayIterator::begin(empty);
-    expectSite(captureRaise([&] { *it; }), -52006, "jsonErrorsArrayItemOutOfBounds", "ztjsonlh/ArrayIterator", 102);
+    expectJsonSite(captureRaise([&] { *it; }), -52006, "jsonErrorsArrayItemOutOfBounds", "ztjsonlh/ArrayIterator", 102);
     ++it;  // advancing at the end stays there
     EXPECT_TRUE(it == ztjsonlh::ArrayIterator::end(empty));
 

@@ -11,11 +11,9 @@
 #include "unit/support/raisedError.h"
 
 using ztsdtest::captureRaise;
+using ztsdtest::expectSite;
+using ztsdtest::kDebug;
 using ztsdtest::Raised;
-
-namespace {
-const char* kDebug = "ztsyncdomain_debug";
-}
 
 TEST(ValidateJsonString, AcceptsOneValueAndReportsTheValidatorErrorWithTheRestOfTheText) {
     for (const char* ok : {" \r\n{}\t \n", "\"x\""}) EXPECT_NO_THROW(ztsdtools::validateJsonString(ok, "m", "s")) << ok;
@@ -38,10 +36,7 @@ TEST(ValidateJsonString, AcceptsOneValueAndReportsTheValidatorErrorWithTheRestOf
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         const Raised r = captureRaise([&] { ztsdtools::validateJsonString(c.text, "the message", "the source"); });
-        EXPECT_EQ(r.code, -52005);
-        EXPECT_EQ(r.text("error_constant"), "ztapalerr_invalidParameter");
-        EXPECT_EQ(r.text("file"), "ztsdtools_json\\jsonHelperFunctions");
-        EXPECT_EQ(r.member("line") ? r.member("line")->valueint : 0, 38);
+        expectSite(r, -52005, "ztapalerr_invalidParameter", "ztsdtools_json\\jsonHelperFunctions", 38);
         EXPECT_EQ(r.detailKeys(kDebug),
                   (std::vector<std::string>{"message", "jsonzError", "position", "jsonString", "source"}));
         EXPECT_EQ(r.detail(kDebug, "message"), "the message");
@@ -64,10 +59,7 @@ TEST(CheckRemoteApiVersion, AcceptsZeroOneAndNullAndRefusesTheRest) {
         EXPECT_NO_THROW(ztsdtools::checkRemoteApiVersion("/u", ok, "missing", "mismatch")) << ok;
 
     const Raised two = captureRaise([] { ztsdtools::checkRemoteApiVersion("/u", "{\"version\":2}", "missing", "mismatch"); });
-    EXPECT_EQ(two.code, -52002);
-    EXPECT_EQ(two.text("error_constant"), "ztapalerr_featureUnsupported");
-    EXPECT_EQ(two.text("file"), "ztsdtools_json\\jsonHelperFunctions");
-    EXPECT_EQ(two.member("line") ? two.member("line")->valueint : 0, 58);
+    expectSite(two, -52002, "ztapalerr_featureUnsupported", "ztsdtools_json\\jsonHelperFunctions", 58);
     EXPECT_EQ(two.detailKeys(kDebug),
               (std::vector<std::string>{"message", "remoteVersion", "maxSupportedVersion", "uri"}));
     EXPECT_EQ(two.detail(kDebug, "message"), "mismatch");
@@ -76,10 +68,7 @@ TEST(CheckRemoteApiVersion, AcceptsZeroOneAndNullAndRefusesTheRest) {
     EXPECT_EQ(two.detail(kDebug, "uri"), "/u");
 
     const Raised absent = captureRaise([] { ztsdtools::checkRemoteApiVersion("/h/x", "{}", "No version.", "m"); });
-    EXPECT_EQ(absent.code, -52005);
-    EXPECT_EQ(absent.text("error_constant"), "ztapalerr_invalidParameter");
-    EXPECT_EQ(absent.text("file"), "ztsdtools_json/jsonHelperFunctions");
-    EXPECT_EQ(absent.member("line") ? absent.member("line")->valueint : 0, 27);
+    expectSite(absent, -52005, "ztapalerr_invalidParameter", "ztsdtools_json/jsonHelperFunctions", 27);
     EXPECT_EQ(absent.detailKeys(kDebug), (std::vector<std::string>{"message", "JsonKey", "uri"}));
     EXPECT_EQ(absent.detail(kDebug, "message"), "No version.");
     EXPECT_EQ(absent.detail(kDebug, "JsonKey"), "version");

@@ -20,10 +20,7 @@ using namespace ztsynctools;
 namespace {
 
 void expectTypeError(const Raised& r, const std::string& key, const std::string& json) {
-    EXPECT_EQ(r.code, -52004) << r.json;
-    EXPECT_EQ(r.text("error_constant"), "errCode");
-    EXPECT_EQ(r.text("file"), "ztsynctools_cjson/jsonHelperFunctions");
-    EXPECT_EQ(r.member("line") ? r.member("line")->valueint : 0, 50);
+    ztsdtest::expectSite(r, -52004, "errCode", "ztsynctools_cjson/jsonHelperFunctions", 50);
     EXPECT_EQ(r.detailKeys("ztsync_debug"), (std::vector<std::string>{"message", "key", "JSON"}));
     EXPECT_EQ(r.detail("ztsync_debug", "message"),
               "Error parsing: expected data type does not match the parsed value.");

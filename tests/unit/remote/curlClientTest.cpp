@@ -17,11 +17,10 @@ using zt::vela::shared::CurlApi;
 using zt::vela::shared::joinAddress;
 using zt::vela::shared::tCURL;
 using ztsdtest::captureRaise;
+using ztsdtest::kDebug;
 using ztsdtest::Raised;
 
 namespace {
-
-const char* kDebug = "ztsyncdomain_debug";
 
 // One fake libcurl: records what the client asks of it.
 struct Fake {

@@ -11,10 +11,10 @@
 
 using zt::vela::shared::CurlApi;
 using ztsdtest::captureRaise;
+using ztsdtest::kDebug;
 using ztsdtest::Raised;
 
 namespace {
-const char* kDebug = "ztsyncdomain_debug";
 
 std::shared_ptr<const CurlApi> absentLibrary() {
     return CurlApi::load({"libztsd-curl-absent.so.4", "libztsd-curl-absent.so"});

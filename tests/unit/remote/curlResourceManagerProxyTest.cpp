@@ -12,10 +12,10 @@
 using zt::syncdomain::CurlResourceManagerProxy;
 using zt::syncdomain::parseResourceListing;
 using ztsdtest::captureRaise;
+using ztsdtest::kDebug;
 using ztsdtest::Raised;
 
 namespace {
-const char* kDebug = "ztsyncdomain_debug";
 const char* kBadType = "ResourceType in one of the resources returned from chassis is missing or invalid.";
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include "unit/support/raisedError.h"
 
 using ztsdtest::captureRaise;
+using ztsdtest::kDebug;
 using Parts = std::unordered_map<std::string, std::string>;
 
 namespace {
@@ -56,11 +57,11 @@ TEST(UriKeyParser, RefusesEmptyInputsContiguousDelimitersAndCountMismatches) {
         const auto r = captureRaise([&] { ztsdtools::parseUriKeys(c.uri, c.keys, parts); });
         EXPECT_EQ(r.code, -52005);
         EXPECT_EQ(r.text("error_constant"), "ztapalerr_invalidParameter");
-        EXPECT_EQ(r.detailKeys("ztsyncdomain_debug"),
+        EXPECT_EQ(r.detailKeys(kDebug),
                   (std::vector<std::string>{"message", "uri", "uriKeys.size()"}));
-        EXPECT_EQ(r.detail("ztsyncdomain_debug", "message"), c.message);
-        EXPECT_EQ(r.detail("ztsyncdomain_debug", "uri"), c.uri);
-        EXPECT_EQ(r.number("ztsyncdomain_debug", "uriKeys.size()"), static_cast<double>(c.keys.size()));
+        EXPECT_EQ(r.detail(kDebug, "message"), c.message);
+        EXPECT_EQ(r.detail(kDebug, "uri"), c.uri);
+        EXPECT_EQ(r.number(kDebug, "uriKeys.size()"), static_cast<double>(c.keys.size()));
     }
 }
 

@@ -13,6 +13,9 @@
 
 namespace ztsdtest {
 
+// The library's own diagnostic object in its reports.
+inline constexpr const char* kDebug = "ztsyncdomain_debug";
+
 // What one raise left behind: its code and its parsed report.
 struct Raised {
     bool raised = false;
@@ -44,6 +47,8 @@ struct Raised {
         const cJSON* n = d ? cJSON_GetObjectItemCaseSensitive(d, key) : nullptr;
         return cJSON_IsNumber(n) ? n->valuedouble : -1e300;
     }
+    double number(const char* key) const { return number(kDebug, key); }
+    std::string message() const { return detail(kDebug, "message"); }
     // The member names of the diagnostic object, in order.
     std::vector<std::string> detailKeys(const char* debugKey) const {
         std::vector<std::string> keys;
@@ -55,7 +60,22 @@ struct Raised {
     static std::string textOf(const cJSON* node) {
         return cJSON_IsString(node) && node->valuestring ? node->valuestring : "";
     }
+    // A report handed back by code and text (a status record, an exception).
+    static Raised fromReport(std::int32_t code, const char* json) {
+        Raised r{true, code, json ? json : ""};
+        r.doc = parseJson(r.json);
+        return r;
+    }
 };
+
+// The site a report names; line < 0 leaves the line unchecked.
+inline void expectSite(const Raised& r, int code, const char* constant, const char* file, int line = -1) {
+    EXPECT_EQ(r.code, code) << r.json;
+    EXPECT_EQ(r.text("error_constant"), constant);
+    EXPECT_EQ(r.text("file"), file);
+    if (line >= 0) EXPECT_EQ(r.member("line") ? r.member("line")->valueint : -1, line);
+    EXPECT_EQ(r.text("component"), "ztsdlib");
+}
 
 // Runs f and captures the zterr::Exception it throws; a report that is not
 // strictly valid JSON, or no exception at all, fails the test.

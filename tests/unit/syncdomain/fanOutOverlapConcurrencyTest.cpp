@@ -18,19 +18,17 @@
 #include "syncdomain/syncDomain.h"
 #include "time/hostTimescale.h"
 #include "unit/support/raisedError.h"
+#include "unit/support/timing.h"
 #include "unit/syncdomain/fakeDevice.h"
 
 using ztsdlib::CompletionSignal;
+using ztsdtest::msSince;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 namespace {
 
 int taskA = 0, taskB = 0;  // two distinct addresses stand for two tasks
-
-long long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
-}
 
 // A domain of a quick member and a slow one whose first check takes
 // firstCheck_ms; declared so that the domain goes first, then the pool.

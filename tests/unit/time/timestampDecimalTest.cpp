@@ -13,7 +13,7 @@
 #include "time/timestamp.h"
 #include "time/timestampDecimal.h"
 #include "unit/support/literalTimestampConversion.h"
-#include "unit/support/errorReport.h"
+#include "unit/support/raisedError.h"
 
 using ztsdlib::TimestampDecimal;
 using ztsdlib::toDecimal;
@@ -42,12 +42,9 @@ std::string show(const ztsdlib_Timestamp& t) {
 
 // The message of a library error, checked to be the conversions' report.
 std::string libraryMessage(const zterr::Exception& e) {
-    const ztsdtest::ErrorReport r = ztsdtest::readReport(e.code(), e.status().json);
-    EXPECT_EQ(r.code, -52005);
-    EXPECT_EQ(r.errorConstant, "ztapalerr_invalidParameter");
-    EXPECT_EQ(r.file, "source\\ztsdlib\\linearRegressionFilterWrapper");
-    EXPECT_NE(r.text.find("\"component\":\"ztsdlib\""), std::string::npos) << r.text;
-    return r.message;
+    const auto r = ztsdtest::Raised::fromReport(e.code(), e.status().json);
+    ztsdtest::expectSite(r, -52005, "ztapalerr_invalidParameter", "source\\ztsdlib\\linearRegressionFilterWrapper");
+    return r.message();
 }
 
 // What one conversion did: a value, or a failure as "<kind>: <message>".

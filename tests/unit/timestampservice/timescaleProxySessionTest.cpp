@@ -27,6 +27,7 @@ using apache::thrift::protocol::TProtocolException;
 using apache::thrift::transport::TTransportException;
 using ztsdlib::TimescaleProxySession;
 using ztsdtest::captureRaise;
+using ztsdtest::kDebug;
 namespace tss = ztsdlib::timestampservice;
 
 // A stand-in for a version 2 daemon's RPC client: each time call runs the
@@ -62,7 +63,6 @@ private:
 };
 
 constexpr const char* kUri = "/10.0.0.1:8080/ztsdwebs/resources/ztsd/timescales/GM";
-constexpr const char* kDebug = "ztsyncdomain_debug";
 
 struct TimescaleProxySessionTest : ::testing::Test {
     std::shared_ptr<ScriptedThriftClient> client = std::make_shared<ScriptedThriftClient>();

@@ -1,0 +1,24 @@
+// Wall-clock helpers for tests that time, or wait for, what other threads do.
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace ztsdtest {
+
+inline long long msSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Polls pred every millisecond until it holds (true) or limit passes (false).
+template <typename Pred>
+bool eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+}  // namespace ztsdtest
