@@ -62,9 +62,8 @@ struct Raised {
     }
     // A report handed back by code and text (a status record, an exception).
     static Raised fromReport(std::int32_t code, const char* json) {
-        Raised r{true, code, json ? json : ""};
-        r.doc = parseJson(r.json);
-        return r;
+        const std::string text = json ? json : "";
+        return Raised{true, code, text, parseJson(text)};
     }
 };
 
@@ -73,7 +72,9 @@ inline void expectSite(const Raised& r, int code, const char* constant, const ch
     EXPECT_EQ(r.code, code) << r.json;
     EXPECT_EQ(r.text("error_constant"), constant);
     EXPECT_EQ(r.text("file"), file);
-    if (line >= 0) EXPECT_EQ(r.member("line") ? r.member("line")->valueint : -1, line);
+    if (line >= 0) {
+        EXPECT_EQ(r.member("line") ? r.member("line")->valueint : -1, line);
+    }
     EXPECT_EQ(r.text("component"), "ztsdlib");
 }
 
