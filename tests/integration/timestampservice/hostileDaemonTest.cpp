@@ -98,10 +98,8 @@ TEST(HostileDaemon, HugeAnnouncedSizesFailAtOnceWithoutBeingAllocated) {
         ztsdlib_Timescale_getTime(proxy, &t, &status);
         EXPECT_LT(msSince(began), 1000) << c.type;
         EXPECT_EQ(status.s.code, -52024) << c.type;
-        ztsdtest::Raised report;
-        report.json = status.text();
-        report.doc = ztsdtest::parseJson(report.json);
-        EXPECT_EQ(report.detail("ztsyncdomain_debug", "type"), c.type) << report.json;
+        const auto report = ztsdtest::Raised::fromReport(status.s.code, status.s.json);
+        EXPECT_EQ(report.detail(ztsdtest::kDebug, "type"), c.type) << report.json;
         EXPECT_EQ(daemon.callCount(), 2u) << c.type;  // not retried
         ztsdlib_Timescale_delete(proxy);
     }
