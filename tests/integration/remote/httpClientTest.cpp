@@ -24,6 +24,7 @@
 #include "remote/curlClient.h"
 #include "remote/httpRequests.h"
 #include "unit/support/raisedError.h"
+#include "unit/support/timing.h"
 
 using remotetest::rawBody;
 using remotetest::SimulatorTest;
@@ -34,7 +35,7 @@ using ztsdtest::Raised;
 
 namespace {
 
-const char* kDebug = "ztsyncdomain_debug";
+using ztsdtest::kDebug;
 
 class HttpClient : public SimulatorTest {
 protected:
@@ -295,8 +296,7 @@ TEST_F(HttpClient, StalledAndRefusedRequestsFailWithinTheTimeOut) {
     client.setTimeoutInMS(300);
     const auto start = std::chrono::steady_clock::now();
     const Raised stalled = clientError();
-    const auto elapsed_ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    const long long elapsed_ms = ztsdtest::msSince(start);
     EXPECT_EQ(stalled.code, -411361);
     EXPECT_EQ(stalled.number(kDebug, "CURLcode"), CURLE_OPERATION_TIMEDOUT);
     EXPECT_FALSE(stalled.detail(kDebug, "CURLOPT_ERRORBUFFER").empty());

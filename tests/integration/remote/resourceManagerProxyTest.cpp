@@ -13,6 +13,7 @@
 #include "json/jsonKeyGetters.h"
 #include "remote/curlResourceManagerProxy.h"
 #include "unit/support/raisedError.h"
+#include "unit/support/timing.h"
 
 using remotetest::SimulatorTest;
 using zt::syncdomain::CurlResourceManagerProxy;
@@ -21,7 +22,7 @@ using ztsdtest::Raised;
 
 namespace {
 
-const char* kDebug = "ztsyncdomain_debug";
+using ztsdtest::kDebug;
 
 class ResourceManagerProxy : public SimulatorTest {
 protected:
@@ -88,8 +89,7 @@ TEST_F(ResourceManagerProxy, AStallEndsAtTheTimeOutAndOtherPathsStillAnswer) {
     proxy->setTimeoutInMS(250);
     const auto start = std::chrono::steady_clock::now();
     const Raised stalled = captureRaise([&] { proxy->putResource(devicePath, "{}"); });
-    const auto elapsed_ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    const long long elapsed_ms = ztsdtest::msSince(start);
     EXPECT_EQ(stalled.code, -52024);
     EXPECT_EQ(stalled.detail(kDebug, "callingFn"), "ztsdtools::sendPutRequest");
     EXPECT_EQ(stalled.detail(kDebug, "data"), "{}");

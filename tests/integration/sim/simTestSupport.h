@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "unit/support/statusFixture.h"
+#include "unit/support/timing.h"
 #include "ztsd-sim/chassisSimulator.h"
 
 extern char** environ;
@@ -75,16 +76,7 @@ inline Reply exchange(const ztsdsim::ChassisSimulator& simulator, const std::str
 
 // Polls condition every millisecond until it holds or timeout_ms passes.
 inline bool waitFor(const std::function<bool()>& condition, int timeout_ms = 3000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-inline std::int64_t elapsed_ms(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
+    return ztsdtest::eventually(condition, std::chrono::milliseconds(timeout_ms));
 }
 
 inline std::vector<std::string> lines(const std::string& text) {

@@ -12,7 +12,7 @@
 #include "integration/sim/simTestSupport.h"
 #include "ztsd-sim/chassisSimulator.h"
 
-using simtest::elapsed_ms;
+using ztsdtest::msSince;
 using simtest::exchange;
 using simtest::member;
 using simtest::waitFor;
@@ -163,7 +163,7 @@ TEST_F(SimulatorFaults, StopEndsStalledDelayedAndIdleKeptAliveConnectionsPromptl
     const auto start = Clock::now();
     sim.stop();
     // Not the 20 s delay, nor the 5 s keep-alive time-out of the idle connection.
-    EXPECT_LT(elapsed_ms(start), 1000);
+    EXPECT_LT(msSince(start), 1000);
     EXPECT_FALSE(sim.isRunning());
     for (auto* held : {&stalled, &delayed}) {
         ASSERT_EQ(held->wait_for(std::chrono::seconds(2)), std::future_status::ready);

@@ -16,6 +16,7 @@
 #include "time/hostTimescale.h"
 #include "unit/support/raisedError.h"
 #include "unit/support/statusFixture.h"
+#include "unit/support/timing.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsdlib/ztsdlib.h"
 
@@ -78,8 +79,7 @@ TEST_F(DomainOfChassis, PlacesRequirementsOnEveryChassisAndStartsInEachMode) {
     const auto before = sims[1]->getCountOf("chassis1");
     const auto began = std::chrono::steady_clock::now();
     EXPECT_TRUE(domain->start(5));  // waiting: passes until chassis1 comes round
-    const auto took_ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began).count();
+    const long long took_ms = ztsdtest::msSince(began);
     recover.join();
     // Passes start at least 50 ms apart: one at once, then one per 50 ms.
     const auto gets = sims[1]->getCountOf("chassis1") - before;

@@ -12,6 +12,7 @@
 
 #include "time/hostTimescale.h"
 #include "timestampservice/timescaleProxy.h"
+#include "unit/support/timing.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 
 namespace daemontest {
@@ -88,7 +89,7 @@ template <typename F>
 long long elapsed_ms(F&& f) {
     const auto start = std::chrono::steady_clock::now();
     f();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    return ztsdtest::msSince(start);
 }
 
 }  // namespace daemontest

@@ -16,6 +16,7 @@
 #include "timestampservice/timescaleProxyThriftClient.h"
 #include "unit/support/raisedError.h"
 #include "unit/support/statusFixture.h"
+#include "unit/support/timing.h"
 #include "ztsd-sim/rawTimestampDaemon.h"
 #include "ztsdlib/ztsdlib.h"
 
@@ -24,10 +25,6 @@ using Personality = ztsdsim::RawTimestampDaemon::Personality;
 namespace {
 
 const char* kUri = "/127.0.0.1/ztsdwebs/resources/ztsd/timescales/00-80-2F-AA-BB-CC";
-
-long long msSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
 
 ztsdsim::RawTimestampDaemon::Options daemonOptions(Personality personality, std::int32_t apiVersion = 1) {
     ztsdsim::RawTimestampDaemon::Options options;
@@ -96,7 +93,7 @@ TEST(HostileDaemon, HugeAnnouncedSizesFailAtOnceWithoutBeingAllocated) {
         ztsdlib_Timestamp t{};
         const auto began = std::chrono::steady_clock::now();
         ztsdlib_Timescale_getTime(proxy, &t, &status);
-        EXPECT_LT(msSince(began), 1000) << c.type;
+        EXPECT_LT(ztsdtest::msSince(began), 1000) << c.type;
         EXPECT_EQ(status.s.code, -52024) << c.type;
         const auto report = ztsdtest::Raised::fromReport(status.s.code, status.s.json);
         EXPECT_EQ(report.detail(ztsdtest::kDebug, "type"), c.type) << report.json;
@@ -125,7 +122,7 @@ TEST(HostileDaemon, ADrippingReplyEndsEachAttemptAtItsDeadline) {
     const auto refused = ztsdtest::captureRaise([&] { ztsdlib::TimescaleProxySession(client, kUri, 5); });
     EXPECT_EQ(refused.code, -52024);
     EXPECT_EQ(refused.detail("ztsyncdomain_debug", "type"), "TTransportException::TIMED_OUT") << refused.json;
-    EXPECT_LT(msSince(handshake), 1000);
+    EXPECT_LT(ztsdtest::msSince(handshake), 1000);
 
     const auto reading = std::chrono::steady_clock::now();
     std::uint32_t attempts = 0;
@@ -139,7 +136,7 @@ TEST(HostileDaemon, ADrippingReplyEndsEachAttemptAtItsDeadline) {
             client->close();
         }
     }
-    const long long took = msSince(reading);
+    const long long took = ztsdtest::msSince(reading);
     EXPECT_GE(took, 5 * kDeadline_ms - 50);
     EXPECT_LT(took, 5 * kDeadline_ms + 1000);
 }

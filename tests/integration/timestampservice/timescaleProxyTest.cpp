@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "integration/timestampservice/daemonTestSupport.h"
 #include "unit/support/raisedError.h"
@@ -24,7 +23,7 @@ using ztsdsim::TimestampDaemonSimulator;
 using ztsdtest::captureRaise;
 using ztsdtest::OwnedStatus;
 
-constexpr const char* kDebug = "ztsyncdomain_debug";
+using ztsdtest::kDebug;
 const std::string kLocalUri = TimestampDaemonSimulator::localTimescaleUri(kGmId);
 
 const std::vector<std::string> kSiteMembers{"error_constant", "file", "line", "component"};
@@ -61,14 +60,9 @@ TEST_F(TimescaleProxyDaemonTest, KeepsOneConnectionAcrossReadings) {
     EXPECT_EQ(daemon.connectionCount(), 2u);
     EXPECT_EQ(daemon.callCount(), 21u);  // one round trip per reading
     // The daemon's side of a closed connection ends a moment after the client's.
-    const auto openConnectionsOnceSettledAt = [&](std::size_t expected) {
-        for (int i = 0; i < 200 && daemon.openConnectionCount() != expected; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return daemon.openConnectionCount();
-    };
-    EXPECT_EQ(openConnectionsOnceSettledAt(1), 1u);  // the handshake's is gone
+    EXPECT_TRUE(ztsdtest::eventually([&] { return daemon.openConnectionCount() == 1; }));  // the handshake's is gone
     proxy.reset();
-    EXPECT_EQ(openConnectionsOnceSettledAt(0), 0u);  // the proxy closes it when deleted
+    EXPECT_TRUE(ztsdtest::eventually([&] { return daemon.openConnectionCount() == 0; }));  // closed when deleted
 }
 
 TEST_F(TimescaleProxyDaemonTest, VersionOneTimestampOnAnotherTimescaleIsResourceRemoved) {
