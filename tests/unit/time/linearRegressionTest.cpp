@@ -393,6 +393,15 @@ TEST(LinearRegression, QualityFiguresMatchAnExactComputationAndRecoverTheNoise) 
             EXPECT_NEAR(static_cast<double>(got.residualStdDev_s) * 1e9, expected_ns, expected_ns * 0.1);
         }
     }
+    // Samples exactly on a line at 10^7 s magnitudes (1 ms apart, 50 ppm
+    // fast), three at a time: the sums' cancellation lands a few digits below
+    // zero there, which is no residual at all (not a negative variance).
+    LinearRegression onLine(3);
+    for (int i = 0; i < 20; ++i)
+        onLine.addSample(decimalOfNanos(cpp_int(10000000000000000LL) + cpp_int(i) * 1000000),
+                         decimalOfNanos(cpp_int(20000000000000000LL) + cpp_int(i) * 1000050));
+    EXPECT_EQ(onLine.quality().residualStdDev_s, 0);
+    EXPECT_EQ(onLine.quality().slopeStdError, 0);
     // No quality without a fit, for the fit's reasons.
     LinearRegression one(4);
     one.addSample(decimalOfNanos(5), decimalOfNanos(7));
