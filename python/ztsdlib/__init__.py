@@ -619,10 +619,17 @@ class _Domain(_Object):
         # The start runs on a worker thread while this one waits in short
         # joins, so that a KeyboardInterrupt reaches it: the start is then
         # cancelled, its end awaited (within about 50 ms) and the interrupt
-        # passed on.
+        # passed on. Whatever the call raises there (ctypes refusing an
+        # argument, say) is raised here, as a direct call would raise it.
         outcome = []
-        worker = threading.Thread(target=lambda: outcome.append(_invoke(function, *args)),
-                                  name="ztsdlib start", daemon=True)
+
+        def run():
+            try:
+                outcome.append(_invoke(function, *args))
+            except BaseException as error:
+                outcome.append(error)
+
+        worker = threading.Thread(target=run, name="ztsdlib start", daemon=True)
         worker.start()
         try:
             while worker.is_alive():
@@ -631,6 +638,8 @@ class _Domain(_Object):
             self.cancel_start()
             worker.join()
             raise
+        if isinstance(outcome[0], BaseException):
+            raise outcome[0]
         return _outcome(*outcome[0])
 
     def cancel_start(self):
