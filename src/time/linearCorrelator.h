@@ -130,9 +130,8 @@ private:
     // The pause after a round: short while the history fills.
     void pauseAfterRound(const LinearRegressionFilterWrapper& holder);
     [[noreturn]] void raiseTooFewSamples(int line, std::uint64_t size) const;
-    // The quality record of the holder's present fit, made afresh.
-    // The record of the holder's current fit, and how many samples had been
-    // added when it was made.
+    // The quality record of the holder's present fit, made afresh, and how
+    // many samples had been added when it was made.
     ztsdlib_CorrelationQuality makeQuality(const LinearRegressionFilterWrapper& holder,
                                            std::uint64_t* samplesAdded = nullptr) const;
     // Called by the sampling task after each add.
