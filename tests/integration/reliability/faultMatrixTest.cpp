@@ -209,7 +209,7 @@ protected:
                 if (status.s.code == 0) EXPECT_EQ(losses, 0u);
                 break;
             }
-            case Op::DeviceToJson: r.text = remotetest::takeText(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
+            case Op::DeviceToJson: r.text = ztsdtest::takeText(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
             case Op::DomainStart: {
                 OwnedStatus stopping;
                 if (ztsdlib_SyncDomain_isRunning(domain, &stopping)) ztsdlib_SyncDomain_stop(domain, &stopping);
@@ -220,7 +220,7 @@ protected:
             case Op::DomainSinceLastChecked:
                 r.answer = ztsdlib_SyncDomain_isCoherentSinceLastChecked(domain, &status);
                 break;
-            case Op::DomainToJson: r.text = remotetest::takeText(ztsdlib_SyncDomain_toJson(domain, &status)); break;
+            case Op::DomainToJson: r.text = ztsdtest::takeText(ztsdlib_SyncDomain_toJson(domain, &status)); break;
             case Op::LoadResources: r.answer = load(status); break;
             case Op::TimescaleGetTime: {
                 const ztsdlib_Timestamp before = daemon->timeAt(daemontest::hostNow());

@@ -11,7 +11,7 @@
 #include "ztsdlib/ztsdlib.h"
 
 using remotetest::networkDeviceParams;
-using remotetest::takeText;
+using ztsdtest::takeText;
 
 namespace {
 

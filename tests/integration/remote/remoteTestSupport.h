@@ -76,12 +76,4 @@ inline int connectLoopback(std::uint16_t port) {
     return -1;
 }
 
-// The text an export handed over (freed here); "(null)" when it gave none.
-inline std::string takeText(char* text) {
-    if (!text) return "(null)";
-    std::string copy(text);
-    std::free(text);
-    return copy;
-}
-
 }  // namespace remotetest

@@ -14,16 +14,11 @@
 #include "ztsdlib/ztsdlib.h"
 
 using ztsdtest::OwnedStatus;
+using ztsdtest::takeText;
 
 namespace {
 
 const char* kOtherClockUri = "/localhost/ztsds/timescales/second";
-
-std::string takeText(char* text) {
-    std::string copy = text ? text : "<null>";
-    std::free(text);
-    return copy;
-}
 
 struct HostClocks {
     OwnedStatus status;

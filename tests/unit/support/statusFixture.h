@@ -15,6 +15,14 @@
 namespace ztsdtest {
 
 // A status record that frees itself; uses the library's default callback.
+// The text an export handed over (freed here); "(null)" when it gave none.
+inline std::string takeText(char* text) {
+    if (!text) return "(null)";
+    std::string copy(text);
+    std::free(text);
+    return copy;
+}
+
 struct OwnedStatus {
     zterr_Status s = zterr::makeOwnedStatus();
     OwnedStatus() = default;
