@@ -1,7 +1,7 @@
 // The one delete entry point behind every family's _delete export. It does
 // not include the public header: the four exports are the same function
 // under four names (aliases), each declared there with its own handle type.
-#include "api/exportedObject.h"
+#include "core/exportedObject.h"
 
 #define ZTSD_DELETE_ALIAS __attribute__((visibility("default"), alias("ztsdlib_Timescale_delete")))
 

@@ -12,7 +12,7 @@
 
 #include "api/exportFrame.h"
 #include "errors/exception.h"
-#include "remote/proxyResourceLoading.h"
+#include "loading/proxyResourceLoading.h"
 
 namespace {
 

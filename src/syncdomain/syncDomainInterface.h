@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "api/exportedObject.h"
+#include "core/exportedObject.h"
 #include "syncdomain/syncableDeviceInterface.h"
 
 namespace ztsdlib {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "api/exportedObject.h"
+#include "core/exportedObject.h"
 #include "ztsdlib/ztsdlib.h"
 
 namespace ztsdlib {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "api/exportedObject.h"
+#include "core/exportedObject.h"
 #include "errors/exception.h"
 #include "time/timescaleInterface.h"
 #include "ztsdlib/ztsdlib.h"

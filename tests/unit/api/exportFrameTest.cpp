@@ -6,7 +6,7 @@
 #include <string>
 
 #include "api/exportFrame.h"
-#include "api/exportedObject.h"
+#include "core/exportedObject.h"
 #include "errors/exception.h"
 #include "unit/support/statusFixture.h"
 #include "ztsdlib/ztsdlib.h"

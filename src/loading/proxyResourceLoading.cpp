@@ -1,4 +1,4 @@
-#include "remote/proxyResourceLoading.h"
+#include "loading/proxyResourceLoading.h"
 
 #include "errors/exception.h"
 #include "json/jsonChecks.h"
