@@ -26,10 +26,7 @@ bool resolve(const ztsdlib::platform::DynamicLibrary& library, const char* name,
 
 }  // namespace
 
-const std::vector<std::string>& CurlApi::defaultLibraryNames() {
-    static const std::vector<std::string> names = {"libcurl.so.4", "libcurl.so"};
-    return names;
-}
+const std::vector<std::string>& CurlApi::defaultLibraryNames() { return ztsdlib::platform::libcurlNames(); }
 
 std::shared_ptr<const CurlApi> CurlApi::load(const std::vector<std::string>& names) {
     std::string failures;

@@ -4,10 +4,12 @@
 
 namespace ztsdtools {
 
-std::int64_t steadyNow_ns() noexcept {
-    const std::int64_t counter = ztsdlib::platform::steadyCounter();
-    const std::int64_t frequency = ztsdlib::platform::steadyFrequency();
+std::int64_t countsToNs(std::int64_t counter, std::int64_t frequency) noexcept {
     return (counter / frequency) * 1000000000LL + ((counter % frequency) * 1000000000LL) / frequency;
+}
+
+std::int64_t steadyNow_ns() noexcept {
+    return countsToNs(ztsdlib::platform::steadyCounter(), ztsdlib::platform::steadyFrequency());
 }
 
 MonotonicStopWatch::MonotonicStopWatch() noexcept : startTime_ns(steadyNow_ns()) {}

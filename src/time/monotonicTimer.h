@@ -11,6 +11,14 @@ namespace ztsdtools {
 // (counter / frequency) * 1e9 + ((counter % frequency) * 1e9) / frequency.
 std::int64_t steadyNow_ns() noexcept;
 
+// A count of a steady counter running at `frequency` counts per second, in
+// nanoseconds: (counter / frequency) * 1e9 + ((counter % frequency) * 1e9) /
+// frequency, which is exactly the floor of counter * 1e9 / frequency without
+// forming that product: it holds for any counter worth up to 292 years and
+// any frequency up to 9.2 GHz (the performance counter of Windows runs at
+// 10 MHz, or at the processor's or a chipset timer's own odd rate).
+std::int64_t countsToNs(std::int64_t counter, std::int64_t frequency) noexcept;
+
 class MonotonicStopWatch {
 public:
     MonotonicStopWatch() noexcept;

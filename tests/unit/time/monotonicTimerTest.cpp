@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <thread>
 
@@ -43,6 +44,26 @@ TEST(MonotonicStopWatch, ReadsTheSteadyClockAndCountsWholeMillisecondsFromItsLas
     EXPECT_LE(elapsed_ms, bound_ms);
     watch.restart();
     EXPECT_LT(watch.elapsed_ms(), elapsed_ms);
+}
+
+// The conversion is the exact floor of counter * 1e9 / frequency at the
+// rates performance counters run at and at counts of long uptimes, where
+// the plain product would overflow.
+TEST(MonotonicStopWatch, CountsBecomeExactNanosecondsAtOddFrequenciesAndLongUptimes) {
+    const std::int64_t frequencies[] = {1, 3, 1000, 3579545, 10000000, 14318180, 2441406, 24000000,
+                                        1000000000, 2399999999, 3000000007LL, 9223372036LL};
+    for (const std::int64_t frequency : frequencies) {
+        // From zero to about 292 years' worth, the largest the result can hold.
+        const std::int64_t largest = static_cast<std::int64_t>(
+            (static_cast<__int128>(INT64_MAX) * frequency) / 1000000000 - frequency);
+        for (const std::int64_t counter : {std::int64_t{0}, std::int64_t{1}, frequency - 1, frequency,
+                                           frequency * 7 + frequency / 3, largest / 1000003, largest / 3,
+                                           largest - 1, largest}) {
+            const __int128 exact = static_cast<__int128>(counter) * 1000000000 / frequency;
+            ASSERT_EQ(static_cast<__int128>(ztsdtools::countsToNs(counter, frequency)), exact)
+                << "counter " << counter << " at " << frequency << " Hz";
+        }
+    }
 }
 
 TEST(MonotonicTimer, ExpiresOnceItsTimeoutHasElapsedAndRestartsClearTheExpiry) {

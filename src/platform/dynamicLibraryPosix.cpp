@@ -44,6 +44,11 @@ void* DynamicLibrary::symbol(const char* symbolName) const noexcept {
     return ::dlsym(handle_, symbolName);
 }
 
+const std::vector<std::string>& libcurlNames() {
+    static const std::vector<std::string> names = {"libcurl.so.4", "libcurl.so"};
+    return names;
+}
+
 void DynamicLibrary::close() noexcept {
     if (handle_) {
         ::dlclose(handle_);

@@ -1,31 +1,18 @@
 #include "platform/debugOutput.h"
 
-#include <cstdio>
-#include <cstdlib>
-
-#if defined(_WIN32)
 #include <windows.h>
-#endif
+
+#include <cstdlib>
 
 namespace ztsdlib {
 namespace platform {
 
 void writeDebugOutput(const char* text) noexcept {
-    if (!text) return;
-#if defined(_WIN32)
-    OutputDebugStringA(text);
-#else
-    std::fputs(text, stderr);
-    std::fflush(stderr);
-#endif
+    if (text) OutputDebugStringA(text);
 }
 
 void writeDebugTrace(const char* text) noexcept {
-#if defined(_WIN32)
     if (text) OutputDebugStringA(text);
-#else
-    (void)text;
-#endif
 }
 
 void stopProcess() noexcept { std::abort(); }
