@@ -1,32 +1,54 @@
 # Fails unless the shared library's dynamic symbols are exactly the functions
 # that the public header declares with ZTSDLIB_API (nothing missing, nothing
 # more), and the four family delete exports are one entry point (one address).
-# Arguments: -DLIBRARY=<the shared object> -DHEADER=<include/ztsdlib/ztsdlib.h>
-find_program(NM nm REQUIRED)
-execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
-  OUTPUT_VARIABLE out RESULT_VARIABLE rc)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${LIBRARY}")
-endif()
-
-# What the library exports, with each symbol's address.
-string(REPLACE "\n" ";" lines "${out}")
+# Arguments: -DLIBRARY=<the shared object or DLL> -DHEADER=<include/ztsdlib/ztsdlib.h>
+#            [-DOBJDUMP=<objdump that reads PE files>] for a DLL
 set(exported "")
-foreach(line IN LISTS lines)
-  # "<address> <type> <name>"; absolute symbols (version nodes) are not code
-  # or data that the library exports.
-  if(NOT line MATCHES "^([0-9a-fA-F]+) ([A-Za-z]) ([^ ]+)$")
-    continue()
+if(LIBRARY MATCHES "\\.dll$")
+  # A DLL's export table: the address table (index -> RVA) and the name
+  # table (name -> index).
+  execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "objdump failed on ${LIBRARY}")
   endif()
-  set(address "${CMAKE_MATCH_1}")
-  set(type "${CMAKE_MATCH_2}")
-  set(sym "${CMAKE_MATCH_3}")
-  if(type STREQUAL "A")
-    continue()
+  string(REPLACE "\n" ";" lines "${out}")
+  set(section "")
+  foreach(line IN LISTS lines)
+    if(line MATCHES "^Export Address Table --")
+      set(section addresses)
+    elseif(line MATCHES "^\\[Ordinal/Name Pointer\\] Table")
+      set(section names)
+    elseif(line STREQUAL "")
+      set(section "")
+    elseif(section STREQUAL "addresses" AND line MATCHES "^\t\\[ *([0-9]+)\\] \\+base\\[ *[0-9]+\\] ([0-9a-fA-F]+) ")
+      set(rva_${CMAKE_MATCH_1} "${CMAKE_MATCH_2}")
+    elseif(section STREQUAL "names" AND line MATCHES "^\t\\[ *([0-9]+)\\] ([^ ]+)$")
+      list(APPEND exported "${CMAKE_MATCH_2}")
+      set(address_${CMAKE_MATCH_2} "${rva_${CMAKE_MATCH_1}}")
+    endif()
+  endforeach()
+else()
+  find_program(NM nm REQUIRED)
+  execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
+    OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "nm failed on ${LIBRARY}")
   endif()
-  list(APPEND exported "${sym}")
-  set(address_${sym} "${address}")
-endforeach()
+  # What the library exports, with each symbol's address.
+  string(REPLACE "\n" ";" lines "${out}")
+  foreach(line IN LISTS lines)
+    # "<address> <type> <name>"; absolute symbols (version nodes) are not code
+    # or data that the library exports.
+    if(NOT line MATCHES "^([0-9a-fA-F]+) ([A-Za-z]) ([^ ]+)$")
+      continue()
+    endif()
+    if(CMAKE_MATCH_2 STREQUAL "A")
+      continue()
+    endif()
+    list(APPEND exported "${CMAKE_MATCH_3}")
+    set(address_${CMAKE_MATCH_3} "${CMAKE_MATCH_1}")
+  endforeach()
+endif()
 
 # What the header promises: every "ztsdlib_<name>(" on a line that starts a
 # ZTSDLIB_API declaration (the return type never precedes a "(").
