@@ -9,6 +9,7 @@ import sys
 import threading
 import time
 import warnings
+from unittest.mock import ANY
 
 import pytest
 
@@ -161,6 +162,45 @@ def test_a_missing_library_names_every_place_tried(monkeypatch):
         ztsdlib.load_library()
     for place in ("/nonexistent/libztsdlib.so", "libztsdlib-none.so.9", "ztsdlib/libztsdlib.so"):
         assert place in str(caught.value)
+
+
+# Where the library is looked for, in order, with a fake loader that finds
+# only the places given: "add" and "close" are os.add_dll_directory and the
+# closing of what it returned, "load" an attempt to load; P the package.
+@pytest.mark.parametrize("platform,explicit,on_path,present,events", [
+    ("win32", None, {}, r"P\libztsdlib.dll", r"add P,load P\libztsdlib.dll"),
+    ("win32", None, {}, r"P\ztsdlib.dll", r"add P,load P\libztsdlib.dll,close P,add P,load P\ztsdlib.dll"),
+    ("win32", r"D:\b\libztsdlib.dll", {}, r"D:\b\libztsdlib.dll,P\libztsdlib.dll",
+     r"add D:\b,load D:\b\libztsdlib.dll"),
+    ("win32", None, {"ztsdlib": r"E:\bin\ztsdlib.dll"}, r"E:\bin\ztsdlib.dll", r"add P,load P\libztsdlib.dll,"
+     r"close P,add P,load P\ztsdlib.dll,close P,load libztsdlib.dll,add E:\bin,load E:\bin\ztsdlib.dll"),
+    ("win32", r"D:\missing\x.dll", {}, "", r"add P,load P\libztsdlib.dll,close P,add P,load P\ztsdlib.dll,"
+     "close P,load libztsdlib.dll,load ztsdlib.dll"),
+    ("linux", None, {}, "libztsdlib.so.1", "load P/libztsdlib.so,load libztsdlib.so.1"),
+])
+def test_the_library_search_order(platform, explicit, on_path, present, events):
+    log, package = [], r"C:\py\ztsdlib"
+    present, events = present.replace("P", package).split(","), events.replace("P", package).split(",")
+
+    def load(path):
+        log.append("load " + path)
+        if path not in present:
+            raise OSError("not here")
+        return path
+
+    def add_dll_directory(directory):
+        if "missing" in directory:
+            raise FileNotFoundError(directory)
+        log.append("add " + directory)
+        return type("Added", (), {"close": lambda self: log.append("close " + directory)})()
+
+    try:
+        assert ztsdlib._search_library(platform, load, explicit, package, on_path.get, add_dll_directory) == (
+            events[-1][len("load "):], None if platform != "win32" else ANY)
+    except OSError as error:  # found nowhere: the error names every place tried
+        places = [explicit] + [event[len("load "):] for event in events if event.startswith("load ")]
+        assert present == [""] and all("%s (" % place in str(error) for place in places)
+    assert log == events
 
 
 def _incoherent_domain(sim, timescale, pool, device):

@@ -20,7 +20,10 @@ import ctypes.util
 import datetime
 import decimal
 import json
+import ntpath
 import os
+import posixpath
+import sys
 import threading
 import warnings
 
@@ -101,21 +104,53 @@ class _CTimestamp(ctypes.Structure):
                 ("fractionalNanos", ctypes.c_uint32), ("isNegative", ctypes.c_bool)]
 
 
-def load_library():
-    """The library named by ZTSDLIB_LIBRARY, else one next to the package,
-    else the system loader's; OSError names every place tried."""
+def _search_library(platform, load, explicit, package_dir, find_library, add_dll_directory=None):
+    """(library, DLL directory handle or None): load(path) of the first place
+    that has the library: explicit (ZTSDLIB_LIBRARY) when given, then the
+    package directory, then the system loader. On Windows (platform
+    "win32") the DLL is looked for as libztsdlib.dll (the name the build
+    gives it), then ztsdlib.dll, and before loading from a directory that
+    directory is given to add_dll_directory (os.add_dll_directory), so that
+    the DLLs beside the library (libcurl's) are found; it is taken back when
+    the load fails. OSError names every place tried."""
+    windows = platform == "win32"
+    path = ntpath if windows else posixpath
+    stems = ["libztsdlib", "ztsdlib"] if windows else ["libztsdlib"]
+    candidates = [explicit] if explicit else []
+    candidates += [path.join(package_dir, stem + (".dll" if windows else ".so")) for stem in stems]
+    if windows:  # a bare name is not looked for along PATH, so find_library does that
+        candidates += [find_library(stem) or stem + ".dll" for stem in stems]
+    else:
+        candidates.append(find_library("ztsdlib") or "libztsdlib.so.1")
     tried = []
-    candidates = []
-    if os.environ.get("ZTSDLIB_LIBRARY"):
-        candidates.append(os.environ["ZTSDLIB_LIBRARY"])
-    candidates.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "libztsdlib.so"))
-    candidates.append(ctypes.util.find_library("ztsdlib") or "libztsdlib.so.1")
-    for path in candidates:
+    for candidate in candidates:
+        directory = path.dirname(candidate) if windows else ""
+        handle = None
         try:
-            return ctypes.CDLL(path)
+            if directory:
+                handle = add_dll_directory(directory)
+            return load(candidate), handle
         except OSError as error:
-            tried.append("%s (%s)" % (path, error))
+            tried.append("%s (%s)" % (candidate, error))
+            if handle is not None:
+                handle.close()
     raise OSError("libztsdlib not found; tried: " + "; ".join(tried))
+
+
+# The directory os.add_dll_directory was given for the loaded DLL, kept
+# for the life of the process.
+_dll_directory = None
+
+
+def load_library():
+    """The library named by ZTSDLIB_LIBRARY, else one next to the package
+    (libztsdlib.so; on Windows libztsdlib.dll or ztsdlib.dll), else the
+    system loader's; OSError names every place tried."""
+    global _dll_directory
+    library, _dll_directory = _search_library(
+        sys.platform, ctypes.CDLL, os.environ.get("ZTSDLIB_LIBRARY"), os.path.dirname(os.path.abspath(__file__)),
+        ctypes.util.find_library, getattr(os, "add_dll_directory", None))
+    return library
 
 
 _P = ctypes.c_void_p
@@ -203,8 +238,9 @@ def _library():
                 function.restype, function.argtypes = result, arguments
             # malloc and free as the process resolves them, so the library's
             # allocations and ours meet the same allocator (also when a
-            # sanitizer's runtime is preloaded and replaces both).
-            crt = ctypes.CDLL(None)
+            # sanitizer's runtime is preloaded and replaces both); on Windows
+            # those of msvcrt.dll, the C runtime a mingw-w64 build uses.
+            crt = ctypes.CDLL("msvcrt" if sys.platform == "win32" else None)
             crt.malloc.restype, crt.malloc.argtypes = ctypes.c_void_p, [ctypes.c_size_t]
             crt.free.restype, crt.free.argtypes = None, [ctypes.c_void_p]
             _crt = crt
