@@ -173,3 +173,32 @@ def test_listing_names_every_device_under_the_callers_host(form):
     with pytest.raises(ztsdlib.ZtsdError) as refused:  # the chassis is gone
         ztsdlib.list_syncable_device_uris(params)
     assert refused.value.code == -52024 and refused.value.message
+
+
+U32_END, LINEAR = 1 << 32, lambda o, **settings: ztsdlib.LinearCorrelator("/l/c", o.a, o.b, **settings)
+
+
+# Each integer argument of every family, out of its C type's range or of
+# the wrong kind, refused by name before the call.
+@pytest.mark.parametrize("call,error,name", [
+    (lambda o: ztsdlib.ThreadPool(-1), ValueError, "thread_count"),
+    (lambda o: ztsdlib.ThreadPool(True), TypeError, "thread_count"),
+    (lambda o: ztsdlib.TimescaleProxy("/h/ztsdwebs/resources/p/timescales/x", "127.0.0.1", -1), ValueError, "port"),
+    (lambda o: LINEAR(o, sampling_interval_ms=-1), ValueError, "sampling_interval_ms"),
+    (lambda o: LINEAR(o, max_sample_size=U32_END, symmetric=True), OverflowError, "max_sample_size"),
+    (lambda o: LINEAR(o, max_wait_for_first_correlate_ms=False), TypeError, "max_wait_for_first_correlate_ms"),
+    (lambda o: ztsdlib.SyncDomain("/l/d", o.a, o.pool, max_offset_ns=5 * SECOND), OverflowError, "max_offset_ns"),
+    (lambda o: ztsdlib.SyncDomain("/l/d", o.a, o.pool, 1, -1), ValueError, "min_sync_duration_ms"),
+    (lambda o: o.domain.start(-1), ValueError, "timeout_s"),
+    (lambda o: o.domain.start_v2(True, False, U32_END), OverflowError, "timeout_s"),
+    (lambda o: o.domain.start_v2(2, False, 1), TypeError, "wait_to_become_coherent"),
+    (lambda o: o.domain.start_v2(True, 1.0, 1), TypeError, "save_initial_coherency"),
+])
+def test_integer_arguments_are_checked_against_their_c_type(call, error, name):
+    class Objects:
+        a, b, pool = ztsdlib.HostTimescale(), ztsdlib.HostTimescale("/l/b"), ztsdlib.ThreadPool(1)
+        domain = ztsdlib.NopSyncDomain("/l/n", ztsdlib.HostTimescale())
+    with pytest.raises(error, match=name):
+        call(Objects)
+    o = Objects  # nothing is kept on failure
+    assert (o.a._users, o.b._users, o.pool._users, o.domain.is_running()) == (0, 0, 0, False)

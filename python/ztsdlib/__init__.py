@@ -168,18 +168,50 @@ class _CQuality(ctypes.Structure):
                 ("offsetStdError_ns", ctypes.c_double)]
 
 
-# Every export: name -> (result type, argument types). Text an object owns
-# (getUri) comes back as c_char_p, which copies it; text the caller owns
-# (toJson) comes back as a plain address so that it can be given to free().
+# The ctypes codes of C's integer types, each with whether it is signed
+# (None for bool). ctypes itself wraps an int that does not fit silently
+# (-1 becomes 4294967295 as a uint32_t), so _check_integer comes first.
+_INTEGER_CODES = {"?": None, "b": True, "h": True, "i": True, "l": True, "q": True,
+                  "B": False, "H": False, "I": False, "L": False, "Q": False}
+
+
+def _check_integer(name, value, ctype):
+    """Refuses value as the argument name of C integer type ctype unless it
+    is an int within that type's range: TypeError for a bool (but for a C
+    bool), a float or anything else, ValueError below the range,
+    OverflowError above it."""
+    if ctype._type_ == "?":
+        if isinstance(value, bool) or (type(value) is int and value in (0, 1)):
+            return
+        raise TypeError("%s must be a bool, not %r" % (name, value))
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise TypeError("%s must be an int, not %r (a %s)" % (name, value, type(value).__name__))
+    bits = 8 * ctypes.sizeof(ctype)
+    low, high = (-(1 << (bits - 1)), (1 << (bits - 1)) - 1) if _INTEGER_CODES[ctype._type_] else (0, (1 << bits) - 1)
+    if value < low:
+        raise ValueError("%s must be at least %d, not %d" % (name, low, value))
+    if value > high:
+        raise OverflowError("%s must be at most %d (it is a %d-bit C integer), not %d" % (name, high, bits, value))
+
+
+# The three settings of both linear correlator exports.
+_LINEAR_SETTINGS = [("sampling_interval_ms", _U32), ("max_sample_size", _U32),
+                    ("max_wait_for_first_correlate_ms", _U32)]
+
+# Every export: name -> (result type, argument types). An integer argument
+# is written (name, type): every call checks it with _check_integer first.
+# Text an object owns (getUri) comes back as c_char_p, which copies it; text
+# the caller owns (toJson) comes back as a plain address so that it can be
+# given to free().
 _EXPORTS = {
-    "ztsdlib_Status_defaultReallocate": (_B, [_S, _U32]),
+    "ztsdlib_Status_defaultReallocate": (_B, [_S, ("new_capacity", _U32)]),
     "ztsdlib_HostTimescale_create": (_P, [_TEXT, _S]),
-    "ztsdlib_TimescaleProxy_create": (_P, [_TEXT, _TEXT, _U32, _S]),
+    "ztsdlib_TimescaleProxy_create": (_P, [_TEXT, _TEXT, ("port", _U32), _S]),
     "ztsdlib_Timescale_getUri": (_TEXT, [_P, _S]),
     "ztsdlib_Timescale_getTime": (None, [_P, _T, _S]),
     "ztsdlib_Timescale_toJson": (_P, [_P, _S]),
-    "ztsdlib_LinearCorrelator_create": (_P, [_TEXT, _P, _P, _U32, _U32, _U32, _S]),
-    "ztsdlib_LinearCorrelator_createSymmetric": (_P, [_TEXT, _P, _P, _U32, _U32, _U32, _S]),
+    "ztsdlib_LinearCorrelator_create": (_P, [_TEXT, _P, _P, *_LINEAR_SETTINGS, _S]),
+    "ztsdlib_LinearCorrelator_createSymmetric": (_P, [_TEXT, _P, _P, *_LINEAR_SETTINGS, _S]),
     "ztsdlib_CachingCorrelator_create": (_P, [_TEXT, _P, _S]),
     "ztsdlib_NopCorrelator_create": (_P, [_TEXT, _P, _P, _S]),
     "ztsdlib_TimestampCorrelator_correlate": (None, [_P, _T, _TEXT, _T, _S]),
@@ -197,17 +229,18 @@ _EXPORTS = {
     "ztsdlib_SyncableDevice_isCoherent": (_B, [_P, ctypes.POINTER(_U32), _S]),
     "ztsdlib_SyncableDevice_getUri": (_TEXT, [_P, _S]),
     "ztsdlib_SyncableDevice_toJson": (_P, [_P, _S]),
-    "ztsdlib_ThreadPool_create": (_P, [_U32, _S]),
+    "ztsdlib_ThreadPool_create": (_P, [("thread_count", _U32), _S]),
     "ztsdlib_ThreadPool_delete": (None, [_P]),
-    "ztsdlib_SyncDomain_create": (_P, [_TEXT, _P, _U32, _U32, _P, _S]),
+    "ztsdlib_SyncDomain_create": (_P, [_TEXT, _P, ("max_offset_ns", _U32), ("min_sync_duration_ms", _U32), _P, _S]),
     "ztsdlib_NopSyncDomain_create": (_P, [_TEXT, _P, _S]),
     "ztsdlib_SyncDomain_isMember": (_B, [_P, _TEXT, _S]),
     "ztsdlib_SyncDomain_addSyncableDevice": (None, [_P, _P, _S]),
     "ztsdlib_SyncDomain_isCoherent": (_B, [_P, _S]),
     "ztsdlib_SyncDomain_isCoherentSinceLastChecked": (_B, [_P, _S]),
     "ztsdlib_SyncDomain_isRunning": (_B, [_P, _S]),
-    "ztsdlib_SyncDomain_start": (_B, [_P, _U32, _S]),
-    "ztsdlib_SyncDomain_startV2": (None, [_P, _B, _B, _U32, _S]),
+    "ztsdlib_SyncDomain_start": (_B, [_P, ("timeout_s", _U32), _S]),
+    "ztsdlib_SyncDomain_startV2": (None, [_P, ("wait_to_become_coherent", _B), ("save_initial_coherency", _B),
+                                          ("timeout_s", _U32), _S]),
     "ztsdlib_SyncDomain_stop": (None, [_P, _S]),
     "ztsdlib_SyncDomain_cancelStart": (_B, [_P, _S]),
     "ztsdlib_SyncDomain_getTimescaleUri": (_TEXT, [_P, _S]),
@@ -216,7 +249,8 @@ _EXPORTS = {
     "ztsdlib_loadProxyResources": (None, [_TEXT, ctypes.POINTER(_P), ctypes.POINTER(ctypes.POINTER(_P)),
                                           ctypes.POINTER(_U32), _P, _S]),
     "ztsdlib_listSyncableDeviceUris": (_P, [_TEXT, _S]),
-    "ztsdlib_getProxyResourceUriRootsToUnload": (None, [_TEXT, _U32, ctypes.c_char_p, ctypes.c_char_p, _S]),
+    "ztsdlib_getProxyResourceUriRootsToUnload": (None, [_TEXT, ("buffer_size", _U32), ctypes.c_char_p,
+                                                        ctypes.c_char_p, _S]),
     "ztsdlib_Timescale_delete": (None, [_P]),
     "ztsdlib_TimestampCorrelator_delete": (None, [_P]),
     "ztsdlib_SyncableDevice_delete": (None, [_P]),
@@ -235,7 +269,12 @@ def _library():
             lib = load_library()
             for name, (result, arguments) in _EXPORTS.items():
                 function = getattr(lib, name)
-                function.restype, function.argtypes = result, arguments
+                named = [kind if isinstance(kind, tuple) else (None, kind) for kind in arguments]
+                function.restype, function.argtypes = result, [ctype for _, ctype in named]
+                # Every integer argument, checked by _invoke before each call.
+                function.integers = [(index, ctype, label or "argument %d of %s" % (index + 1, name))
+                                     for index, (label, ctype) in enumerate(named)
+                                     if getattr(ctype, "_type_", None) in _INTEGER_CODES]
             # malloc and free as the process resolves them, so the library's
             # allocations and ours meet the same allocator (also when a
             # sanitizer's runtime is preloaded and replaces both); on Windows
@@ -252,6 +291,8 @@ def _invoke(function, *args):
     """Calls function with a fresh status record: (result, code, report),
     the report parsed and the library's copy of it freed."""
     lib = _library()
+    for index, ctype, name in getattr(function, "integers", ()):
+        _check_integer(name, args[index], ctype)
     status = _Status(0, 0, ctypes.cast(lib.ztsdlib_Status_defaultReallocate, ctypes.c_void_p).value, None)
     try:
         result = function(*args, ctypes.byref(status))
@@ -748,7 +789,7 @@ def uri_roots_to_unload(params):
     describes; no network traffic."""
     lib = _library()
     text = _text(_params_text(params))
-    size = len(text) + 16  # the root is made from remoteHost, which the text holds
+    size = min(len(text) + 16, 0xFFFFFFFF)  # the root is made from remoteHost, which the text holds
     device, timescale = ctypes.create_string_buffer(size), ctypes.create_string_buffer(size)
     _call(lib.ztsdlib_getProxyResourceUriRootsToUnload, text, size, device, timescale)
     return device.value.decode(), timescale.value.decode()
