@@ -148,14 +148,17 @@ def test_failures_map_to_the_innermost_cause(sim, make, code, constant, message)
     assert error.report["error_constant"] == constant
 
 
-@pytest.mark.parametrize("nanos", [
-    0, -1, ztsdlib._U64_MAX * SECOND + SECOND - 1, -(ztsdlib._U64_MAX * SECOND + SECOND - 1),
+# A nop correlator hands every record back as it is, its fraction included.
+@pytest.mark.parametrize("nanos,fraction", [
+    (0, 7), (-1, -7), (0, -(1 << 31)), (ztsdlib._U64_MAX * SECOND + SECOND - 1, (1 << 32) - 1),
+    (-(ztsdlib._U64_MAX * SECOND + SECOND - 1), 1 - (1 << 32)),
 ])
-def test_time_values_cross_the_interface_exactly(nanos):
+def test_time_values_cross_the_interface_exactly(nanos, fraction):
     with ztsdlib.HostTimescale() as a, ztsdlib.HostTimescale("/localhost/test/timescales/b") as b, \
             ztsdlib.NopCorrelator("/localhost/test/correlators/n", a, b) as nop:
-        assert nop.correlate(ztsdlib.Timestamp(nanos, 7), HOST) == ztsdlib.Timestamp(nanos, 7)
-        assert nop.correlate(ztsdlib.Timestamp(nanos).to_decimal(), HOST).nanoseconds == nanos
+        stamp = ztsdlib.Timestamp(nanos, fraction)
+        assert nop.correlate(stamp, HOST) == stamp
+        assert nop.correlate(stamp.to_decimal(), HOST) == stamp
 
 
 @pytest.mark.parametrize("form", ["hosts", "paths"])

@@ -1,5 +1,6 @@
 import datetime
 import decimal
+import fractions
 import os
 import sys
 
@@ -31,6 +32,38 @@ def test_decimal_round_trip_is_exact(text, nanos):
 def test_decimal_rejects(text, error):
     with pytest.raises(error):
         ztsdlib.Timestamp.from_decimal(decimal.Decimal(text))
+
+
+# Every conversion of (nanoseconds, fractional_nanos) agrees with its exact value as a Fraction.
+@pytest.mark.parametrize("nanos,fraction,text", [
+    (1, 1 << 31, "1.5E-9"), (7, 1, "7.00000000023283064365386962890625E-9"), (-1, -(1 << 31), "-1.5E-9"),
+    (0, -(1 << 31), "-5E-10"), (0, 1, "2.3283064365386962890625E-19"),
+    (U64 * 10**9 + 999_999_999, (1 << 32) - 1, None), (-(U64 * 10**9 + 999_999_999), 1 - (1 << 32), None),
+])
+def test_the_fraction_of_a_nanosecond_is_kept(nanos, fraction, text):
+    stamp = ztsdlib.Timestamp(nanos, fraction)
+    exact = (fractions.Fraction(nanos) + fractions.Fraction(fraction, 1 << 32)) / 10**9
+    assert fractions.Fraction(stamp.to_decimal()) == exact
+    assert ztsdlib.Timestamp.from_decimal(stamp.to_decimal()) == stamp
+    assert text is None or ztsdlib.Timestamp.from_decimal(decimal.Decimal(text)) == stamp
+    record = stamp._to_c()
+    assert (record.isNegative, record.fractionalNanos, T._from_c(record)) == (exact < 0, abs(fraction), stamp)
+
+
+T, F, D, FINER = ztsdlib.Timestamp, ztsdlib.Timestamp.from_decimal, decimal.Decimal, r"2\*\*-32 ns"
+
+
+@pytest.mark.parametrize("make,value,error,words", [
+    (T, 1.7, TypeError, "Decimal"), (lambda f: T(1, f), 0.5, TypeError, "Decimal"), (T, True, TypeError, "int"),
+    (T, D("1.5"), TypeError, "from_decimal"), (lambda f: T(0, f), 1 << 32, ValueError, r"2\*\*32"),
+    (lambda f: T(1, f), -1, ValueError, "sign"), (F, 0.5, TypeError, "Decimal"), (F, 0.1, TypeError, "Decimal"),
+    (F, D("1." + "0" * 69 + "1"), ValueError, FINER), (F, D("3E-19"), ValueError, FINER),
+    (F, D("1E-42"), ValueError, FINER), (F, D("NaN"), ValueError, "finite"),
+    (F, D("1E+999999999"), OverflowError, "64 bits"),
+])
+def test_floats_and_inexact_values_are_refused(make, value, error, words):
+    with pytest.raises(error, match=words):
+        make(value)
 
 
 @pytest.mark.parametrize("moment,nanos", [

@@ -325,49 +325,118 @@ def _call(function, *args):
 
 
 class Timestamp:
-    """An exact time value: signed integer nanoseconds plus a carried
-    fraction of a nanosecond (in units of 2**-32 ns)."""
+    """An exact time value: nanoseconds (an int, the whole nanoseconds,
+    truncated toward zero) plus fractional_nanos, the rest in units of
+    2**-32 ns (an int of the value's sign, below 2**32 in magnitude). Its
+    value is nanoseconds + fractional_nanos / 2**32 ns, and every
+    conversion the class makes is exact: Decimal seconds both ways keep the
+    fraction, a value finer than 2**-32 ns or beyond the C record's 64-bit
+    seconds is refused, and a float is refused everywhere (pass a Decimal or
+    an int). A datetime has microseconds only: to_datetime() rounds down.
+
+    The C library carries fractionalNanos through as it is (a nop
+    correlator, a caching correlator's key, a remote daemon's readings) but
+    its exact decimal arithmetic ignores it: a linear correlator maps the
+    whole nanoseconds and answers fractional_nanos 0."""
 
     __slots__ = ("nanoseconds", "fractional_nanos")
 
     def __init__(self, nanoseconds=0, fractional_nanos=0):
+        for name, value in (("nanoseconds", nanoseconds), ("fractional_nanos", fractional_nanos)):
+            if isinstance(value, bool) or not isinstance(value, int):
+                raise TypeError("%s must be an int, not %r: pass int nanoseconds, or Decimal seconds to "
+                                "Timestamp.from_decimal" % (name, value))
+        if abs(fractional_nanos) >> 32:
+            raise ValueError("fractional_nanos counts 2**-32 ns and must be below 2**32 in magnitude, not %d"
+                             % fractional_nanos)
+        if nanoseconds * fractional_nanos < 0:
+            raise ValueError("fractional_nanos (%d) must have the sign of nanoseconds (%d)"
+                             % (fractional_nanos, nanoseconds))
         if abs(nanoseconds) // _NANOS > _U64_MAX:
-            raise OverflowError("seconds do not fit 64 bits")
+            raise OverflowError("seconds do not fit 64 bits: %d ns" % nanoseconds)
         self.nanoseconds = int(nanoseconds)
         self.fractional_nanos = int(fractional_nanos)
 
     @classmethod
+    def _from_units(cls, units):
+        """The Timestamp of units * 2**-32 ns."""
+        magnitude = abs(units)
+        sign = -1 if units < 0 else 1
+        return cls(sign * (magnitude >> 32), sign * (magnitude & 0xFFFFFFFF))
+
+    def _units(self):
+        """The value in 2**-32 ns, exactly."""
+        return (self.nanoseconds << 32) + self.fractional_nanos
+
+    @classmethod
     def from_decimal(cls, seconds):
-        with decimal.localcontext() as context:
-            context.prec = 60
-            nanos = decimal.Decimal(seconds) * _NANOS
-        if nanos != nanos.to_integral_value():
-            raise ValueError("finer than a nanosecond: %s" % seconds)
-        return cls(int(nanos))
+        """The Timestamp of seconds (a Decimal, an int or a decimal text),
+        converted exactly: ValueError when it is finer than 2**-32 ns or not
+        a number, OverflowError beyond 2**64 s."""
+        if isinstance(seconds, float):
+            raise TypeError("a float is not exact: pass a Decimal or an int of seconds, not %r" % (seconds,))
+        if isinstance(seconds, bool) or not isinstance(seconds, (decimal.Decimal, int, str)):
+            raise TypeError("pass a Decimal or an int of seconds, not %r" % (seconds,))
+        try:
+            sign, digits, exponent = decimal.Decimal(seconds).as_tuple()
+        except decimal.InvalidOperation:
+            raise ValueError("not a number of seconds: %r" % (seconds,)) from None
+        if not isinstance(exponent, int):
+            raise ValueError("not a finite number of seconds: %s" % (seconds,))
+        # Integer arithmetic on coefficient * 10**exponent s, trailing zeros
+        # dropped first. An exponent below -41 then leaves a value finer than
+        # 2**-32 ns = 5**32 * 10**-41 s; from 10**20 s on it exceeds 2**64 s.
+        # Both bounds keep the integers small whatever the Decimal holds.
+        kept = len(digits)
+        while kept > 1 and digits[kept - 1] == 0:
+            kept -= 1
+        digits, exponent = digits[:kept], exponent + len(digits) - kept
+        if digits == (0,):
+            return cls()
+        if exponent + len(digits) > 20:
+            raise OverflowError("seconds do not fit 64 bits: %s" % (seconds,))
+        if exponent < -41:
+            raise ValueError("finer than 2**-32 ns: %s" % (seconds,))
+        units = int("".join(map(str, digits))) << 32
+        if exponent + 9 >= 0:
+            units *= 10 ** (exponent + 9)
+        else:
+            units, rest = divmod(units, 10 ** -(exponent + 9))
+            if rest:
+                raise ValueError("finer than 2**-32 ns: %s" % (seconds,))
+        return cls._from_units(-units if sign else units)
 
     def to_decimal(self):
-        with decimal.localcontext() as context:
-            context.prec = 60
-            return decimal.Decimal(self.nanoseconds).scaleb(-9)
+        """The value in seconds as an exact Decimal: 9 decimal places for
+        whole nanoseconds, up to 41 with a fraction (2**-32 ns is
+        5**32 * 10**-41 s)."""
+        units = self._units()
+        coefficient, exponent = abs(units) * 5 ** 32, -41
+        while exponent < -9 and coefficient % 10 == 0:
+            coefficient, exponent = coefficient // 10, exponent + 1
+        return decimal.Decimal("%s%dE%d" % ("-" if units < 0 else "", coefficient, exponent))
 
     @classmethod
     def from_datetime(cls, moment):
+        if not isinstance(moment, datetime.datetime):
+            raise TypeError("not a datetime: %r" % (moment,))
         if moment.tzinfo is None:
             raise ValueError("a naive datetime is ambiguous; give it a time zone")
         delta = moment - _EPOCH
         return cls(((delta.days * 86400 + delta.seconds) * 1_000_000 + delta.microseconds) * 1000)
 
     def to_datetime(self):
-        return _EPOCH + datetime.timedelta(microseconds=self.nanoseconds // 1000)
+        return _EPOCH + datetime.timedelta(microseconds=self._units() // (1000 << 32))
 
     @classmethod
     def _from_c(cls, value):
-        magnitude = value.seconds * _NANOS + value.nanos
-        return cls(-magnitude if value.isNegative else magnitude, value.fractionalNanos)
+        magnitude = (((value.seconds * _NANOS + value.nanos) << 32) + value.fractionalNanos)
+        return cls._from_units(-magnitude if value.isNegative else magnitude)
 
     def _to_c(self):
-        seconds, nanos = divmod(abs(self.nanoseconds), _NANOS)
-        return _CTimestamp(seconds, nanos, self.fractional_nanos, self.nanoseconds < 0)
+        magnitude = abs(self._units())
+        seconds, nanos = divmod(magnitude >> 32, _NANOS)
+        return _CTimestamp(seconds, nanos, magnitude & 0xFFFFFFFF, self._units() < 0)
 
     def __eq__(self, other):
         return isinstance(other, Timestamp) and (self.nanoseconds, self.fractional_nanos) == (
@@ -396,8 +465,11 @@ def _as_timestamp(value):
     an aware datetime; a float is refused because it is not exact."""
     if isinstance(value, Timestamp):
         return value
-    if isinstance(value, bool) or isinstance(value, float):
-        raise TypeError("give a Timestamp, int nanoseconds, Decimal seconds or datetime, not %r" % (value,))
+    if isinstance(value, float):
+        raise TypeError("a float is not exact: pass a Decimal (seconds), an int (nanoseconds), a Timestamp "
+                        "or an aware datetime, not %r" % (value,))
+    if isinstance(value, bool):
+        raise TypeError("not a time value: %r" % (value,))
     if isinstance(value, int):
         return Timestamp(value)
     if isinstance(value, decimal.Decimal):
