@@ -16,12 +16,12 @@ extern "C" {
 
 // Invokes the object's virtual deleting destructor; a null handle is ignored.
 // Nothing is reported: deletion never fails.
-ZTSD_DELETE_EXPORT void ztsdlib_Timescale_delete(void* handle) {
+ZTSD_DELETE_EXPORT void ztsdlib_Timescale_delete(void* handle) noexcept {
     delete static_cast<ztsdlib::ExportedObject*>(handle);
 }
 
-ZTSD_DELETE_ALIAS void ztsdlib_TimestampCorrelator_delete(void* handle);
-ZTSD_DELETE_ALIAS void ztsdlib_SyncableDevice_delete(void* handle);
-ZTSD_DELETE_ALIAS void ztsdlib_SyncDomain_delete(void* handle);
+ZTSD_DELETE_ALIAS void ztsdlib_TimestampCorrelator_delete(void* handle) noexcept;
+ZTSD_DELETE_ALIAS void ztsdlib_SyncableDevice_delete(void* handle) noexcept;
+ZTSD_DELETE_ALIAS void ztsdlib_SyncDomain_delete(void* handle) noexcept;
 
 }  // extern "C"
