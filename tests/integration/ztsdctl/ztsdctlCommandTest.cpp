@@ -128,26 +128,49 @@ TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
         << version.out;
 }
 
+namespace {
+
+std::string output(const std::string& command) {
+    std::string text;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return text;
+    char buffer[4096];
+    std::size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, got);
+    ::pclose(pipe);
+    return text;
+}
+
+}  // namespace
+
 TEST(ZtsdctlBinary, TakesEveryLibraryCallFromTheSharedLibrary) {
     ZTSDCTL_REQUIRED();
     // The tool links the simulator's archive for its demo; none of the
     // library's exports may come along with it.
-    auto output = [](const std::string& command) {
-        std::string text;
-        FILE* pipe = ::popen(command.c_str(), "r");
-        if (pipe == nullptr) return text;
-        char buffer[4096];
-        std::size_t got;
-        while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, got);
-        ::pclose(pipe);
-        return text;
-    };
     const std::string defined = output("nm --defined-only '" + ctltest::programPath() + "' 2>/dev/null");
     ASSERT_NE(defined.find(" main\n"), std::string::npos) << "nm gave no symbols";
     EXPECT_FALSE(std::regex_search(defined, std::regex(" [TtWw] ztsdlib_"))) << "ztsdctl defines a ztsdlib_ export";
     const std::string undefined = output("nm --undefined-only '" + ctltest::programPath() + "' 2>/dev/null");
     EXPECT_NE(undefined.find("ztsdlib_loadProxyResources"), std::string::npos);
     EXPECT_NE(output("readelf -d '" + ctltest::programPath() + "'").find("libztsdlib.so"), std::string::npos);
+}
+
+// An empty run path entry is the current directory to the loader: a tool
+// run from the build tree must not load libraries from where it is started.
+TEST(ZtsdctlBinary, BuildTreeToolsHaveNoEmptyRunPathEntry) {
+    ZTSDCTL_REQUIRED();
+    ZTSD_SIM_REQUIRED();
+    for (const std::string& program : {ctltest::programPath(), simtest::simPath()}) {
+        const std::string dynamic = output("readelf -d '" + program + "'");
+        ASSERT_NE(dynamic.find("(NEEDED)"), std::string::npos) << "readelf gave nothing for " << program;
+        std::smatch path;
+        for (auto at = dynamic.cbegin();
+             std::regex_search(at, dynamic.cend(), path, std::regex(R"(\((?:RUNPATH|RPATH)\).*\[(.*)\])"));
+             at = path[0].second) {
+            const std::string entries = ":" + path[1].str() + ":";
+            EXPECT_EQ(entries.find("::"), std::string::npos) << program << ": " << path[1];
+        }
+    }
 }
 
 TEST_F(ZtsdctlCommand, ListShowsEveryDeviceAndEveryTimescale) {
