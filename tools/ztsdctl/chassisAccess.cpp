@@ -16,12 +16,26 @@ void* allocateArray(size_t size) { return std::malloc(size); }
 
 }  // namespace
 
+bool isHostName(const std::string& text) {
+    return !text.empty() && text.find_first_not_of(kHostNameCharacters) == std::string::npos;
+}
+
+bool isIpv6Address(const std::string& text) {
+    return text.find(':') != std::string::npos && text.find_first_not_of("0123456789abcdefABCDEF:.") == std::string::npos;
+}
+
 ChassisAddress parseChassisAddress(const std::string& text) {
     ChassisAddress address;
-    const std::size_t at = text.rfind('@');
+    const std::size_t at = text.find('@');
+    if (at != std::string::npos && text.find('@', at + 1) != std::string::npos)
+        throw std::invalid_argument("'" + text + "' has more than one '@' (HOST[:PORT][@DAEMONPORT])");
     address.remoteHost = text.substr(0, at);
     if (address.remoteHost.empty()) throw std::invalid_argument("'" + text + "' names no host");
-    if (address.remoteHost.find_first_of("\"\\ /") != std::string::npos)
+    const std::string& remote = address.remoteHost;
+    const std::string hostPart = remote[0] == '[' ? remote.substr(1, remote.find(']') - 1)
+                                                  : remote.substr(0, remote.find(':'));
+    if (remote[0] == '[' ? remote.find(']') != std::string::npos && !isIpv6Address(hostPart)
+                         : !hostPart.empty() && !isHostName(hostPart))
         throw std::invalid_argument("'" + address.remoteHost + "' is not a host name or address");
     const std::size_t colon = address.remoteHost.find(':');
     if (colon != std::string::npos && address.remoteHost[0] != '[' &&
@@ -56,6 +70,14 @@ std::string addressText(const ChassisAddress& address) {
     return address.remoteHost + (address.daemonPort ? "@" + std::to_string(*address.daemonPort) : "");
 }
 
+std::string daemonAddressText(const ChassisAddress& address) {
+    // remoteHost is "host", "host:port" or "[v6]:port".
+    const std::string& remote = address.remoteHost;
+    const std::size_t close = remote.find(']');
+    const std::string host = remote[0] == '[' ? remote.substr(0, close + 1) : remote.substr(0, remote.find(':'));
+    return host + ":" + std::to_string(address.daemonPort.value_or(kDefaultDaemonPort));
+}
+
 std::string networkDeviceParamsJson(const ChassisAddress& address) {
     JsonObject params;
     params.addString("remoteHost", address.remoteHost);
@@ -77,7 +99,9 @@ LoadedChassis loadChassis(const ChassisAddress& address) {
             ztsdlib_loadProxyResources(params.c_str(), &device, &timescales, &count, allocateArray, status);
         });
     } catch (LibraryError& error) {
-        error.setContext("chassis " + addressText(address));
+        // Loading also shakes hands with the chassis' daemon (a failure
+        // there names no request URL).
+        error.setContext("chassis " + addressText(address)).setDaemon(daemonAddressText(address));
         throw;
     }
     // Take ownership of every handle before anything else can throw.

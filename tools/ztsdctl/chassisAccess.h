@@ -24,11 +24,22 @@ struct ChassisAddress {
 };
 
 // Throws std::invalid_argument with a readable reason when the text is not
-// an address.
+// an address: HOST is a host name (letters, digits, '.', '-', '_') or an
+// IPv6 address in brackets; nothing else (no user@, no path, one '@').
 ChassisAddress parseChassisAddress(const std::string& text);
+
+constexpr const char* kHostNameCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
+bool isHostName(const std::string& text);
+// Hexadecimal groups, ':' and '.' only (no brackets).
+bool isIpv6Address(const std::string& text);
 
 // The address as the user writes it.
 std::string addressText(const ChassisAddress& address);
+
+// The daemon port the library uses for an address without one.
+constexpr std::uint32_t kDefaultDaemonPort = 9090;
+// host:port of the chassis' timestamp daemon ("[v6]:port" for IPv6).
+std::string daemonAddressText(const ChassisAddress& address);
 
 // {"version":1,"type":"networkDeviceParams","params":{"remoteHost":..[,"timestampDaemonPort":..]}}
 std::string networkDeviceParamsJson(const ChassisAddress& address);

@@ -78,9 +78,13 @@ std::string correlationJson(const CorrelationResult& result) {
 int runCorrelate(const CorrelateOptions& options, bool json) {
     catchInterrupt();
     const TimescaleHandle host = makeHostTimescale();
-    const TimescaleHandle remote = makeTimescaleProxy(options.uri, options.host, options.port);
-    const std::optional<CorrelationResult> result =
-        correlateHostWith(host.get(), remote.get(), options.settings, options.at, options.atIsRemote);
+    std::optional<CorrelationResult> result;
+    try {
+        const TimescaleHandle remote = makeTimescaleProxy(options.uri, options.host, options.port);
+        result = correlateHostWith(host.get(), remote.get(), options.settings, options.at, options.atIsRemote);
+    } catch (LibraryError& error) {
+        throw error.setContext(options.uri).setDaemon(hostPortText(options.host, options.port));
+    }
     if (!result) {
         std::cerr << "ztsdctl: interrupted\n";
         return kExitFailure;

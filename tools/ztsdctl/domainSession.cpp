@@ -49,9 +49,13 @@ DomainSession::DomainSession(std::vector<LoadedChassis> chassis, const DomainSet
                                        }),
                                   "ztsdlib_SyncDomain_create");
     for (const LoadedChassis& member : chassis_) {
-        call("ztsdlib_SyncDomain_addSyncableDevice", [&](zterr_Status* status) {
-            ztsdlib_SyncDomain_addSyncableDevice(domain_.get(), member.device.get(), status);
-        });
+        try {  // adding a device places the domain's requirements on it
+            call("ztsdlib_SyncDomain_addSyncableDevice", [&](zterr_Status* status) {
+                ztsdlib_SyncDomain_addSyncableDevice(domain_.get(), member.device.get(), status);
+            });
+        } catch (LibraryError& error) {
+            throw error.setContext(uriOf(member.device.get()));
+        }
     }
 }
 
@@ -98,7 +102,13 @@ StartResult DomainSession::start(std::uint32_t timeout_s,
         result.cancelled = cancelTaken;
         return result;
     }
-    if (code < 0) throw LibraryError(code, report);
+    if (code < 0) {
+        // The report names the request that failed; the error names its member.
+        std::vector<std::string> uris;
+        for (const LoadedChassis& member : chassis_) uris.push_back(uriOf(member.device.get()));
+        LibraryError error(code, report);
+        throw error.setContext(memberOfUrl(failedUrl(report), uris));
+    }
     running_ = true;
     result.coherent = true;
     checks_ = 0;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "libraryCalls.h"
 
@@ -17,7 +18,15 @@ struct ErrorSummary {
     std::string member;     // what the command was working on (LibraryError::context)
 };
 
+// The daemon the command named (LibraryError::daemon) stands for host:port
+// when the report names no request URL.
 ErrorSummary summarize(const LibraryError& error);
+
+// The first request URL a report names ("" when none).
+std::string failedUrl(const std::string& report);
+// The URI among uris ("/<remoteHost>/<path>") served at url
+// ("http://<remoteHost>/<path>"); "" when none is.
+std::string memberOfUrl(const std::string& url, const std::vector<std::string>& uris);
 
 // "ztsdctl: <member>: <host:port>: <message> (HTTP <n>) [<constant> <code>]"
 std::string summaryLine(const LibraryError& error);

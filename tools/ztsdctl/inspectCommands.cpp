@@ -14,7 +14,8 @@ struct DeviceState {
     std::string json;
 };
 
-DeviceState askDevice(ztsdlib_SyncableDevice* device) {
+// Every failure names the device (its URI).
+DeviceState askDevice(ztsdlib_SyncableDevice* device, const std::string& uri) try {
     DeviceState state;
     state.coherent = call("ztsdlib_SyncableDevice_isCoherent", [&](zterr_Status* status) {
         return ztsdlib_SyncableDevice_isCoherent(device, &state.lossCount, status);
@@ -22,6 +23,9 @@ DeviceState askDevice(ztsdlib_SyncableDevice* device) {
     state.json = takeText(call("ztsdlib_SyncableDevice_toJson",
                                [&](zterr_Status* status) { return ztsdlib_SyncableDevice_toJson(device, status); }));
     return state;
+} catch (LibraryError& error) {
+    error.setContext(uri);
+    throw;
 }
 
 std::string timescaleJson(ztsdlib_Timescale* timescale) {
@@ -46,10 +50,10 @@ int runList(const ListOptions& options, bool json) {
     std::vector<Device> devices;
     for (const std::string& uri : listDeviceUris(options.chassis)) {
         if (uri == uriOf(chassis.device.get())) {
-            devices.push_back({uri, askDevice(chassis.device.get())});
+            devices.push_back({uri, askDevice(chassis.device.get(), uri)});
         } else {
             const DeviceHandle other = makeDeviceProxy(uri);
-            devices.push_back({uri, askDevice(other.get())});
+            devices.push_back({uri, askDevice(other.get(), uri)});
         }
     }
     std::vector<std::string> timescaleUris, timescaleTexts;
@@ -99,11 +103,8 @@ int runList(const ListOptions& options, bool json) {
 }
 
 int runDevice(const DeviceOptions& options, bool json) {
-    const DeviceHandle device = owned<DeviceHandle>(
-        call("ztsdlib_SyncableDeviceProxy_create",
-             [&](zterr_Status* status) { return ztsdlib_SyncableDeviceProxy_create(options.uri.c_str(), status); }),
-        "ztsdlib_SyncableDeviceProxy_create");
-    const DeviceState state = askDevice(device.get());
+    const DeviceHandle device = makeDeviceProxy(options.uri);
+    const DeviceState state = askDevice(device.get(), options.uri);
     if (json) {
         std::cout << JsonObject()
                          .addString("uri", options.uri)
@@ -121,7 +122,7 @@ int runDevice(const DeviceOptions& options, bool json) {
     return state.coherent ? kExitOk : kExitNotCoherent;
 }
 
-int runTime(const TimeOptions& options, bool json) {
+int runTime(const TimeOptions& options, bool json) try {
     const TimescaleHandle host = makeHostTimescale();
     const TimescaleHandle remote = makeTimescaleProxy(options.uri, options.host, options.port);
 
@@ -153,6 +154,8 @@ int runTime(const TimeOptions& options, bool json) {
               << "remote - host  " << durationText(difference_ns) << "  (host read before and after, "
               << durationText(bracket_ns).substr(1) << " apart)\n";
     return kExitOk;
+} catch (LibraryError& error) {
+    throw error.setContext(options.uri).setDaemon(hostPortText(options.host, options.port));
 }
 
 }  // namespace ztsdctl

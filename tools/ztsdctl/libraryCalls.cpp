@@ -27,6 +27,11 @@ void Status::check(const char* what) const {
     }
 }
 
+std::string hostPortText(const std::string& host, std::uint32_t port) {
+    const bool v6 = host.find(':') != std::string::npos && host[0] != '[';
+    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 std::string takeText(char* text) {
     if (text == nullptr) return "";
     std::string copy(text);

@@ -38,12 +38,24 @@ public:
         context_ = std::move(context);
         return *this;
     }
+    // host:port of the timestamp daemon the failed call addressed, as the
+    // command knows it ("" when the call reached no daemon). The library's
+    // reports of a daemon's failures do not name it.
+    const std::string& daemon() const { return daemon_; }
+    LibraryError& setDaemon(std::string hostPort) {
+        daemon_ = std::move(hostPort);
+        return *this;
+    }
 
 private:
     std::int32_t code_;
     std::string report_;
     std::string context_;
+    std::string daemon_;
 };
+
+// "host:port", an IPv6 address in brackets ("[::1]:9090").
+std::string hostPortText(const std::string& host, std::uint32_t port);
 
 // A status record with the library's own allocation callback; releases the
 // report text when it goes.

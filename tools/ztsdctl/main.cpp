@@ -29,6 +29,21 @@ const CLI::Validator kChassisAddress(
     },
     "HOST[:PORT][@DAEMONPORT]", "chassis address");
 
+// The daemon's host for time and correlate: a host name or an IPv6 address,
+// with or without brackets (taken off: the daemon is reached by the bare
+// address).
+const CLI::Validator kDaemonHost(
+    [](std::string& text) -> std::string {
+        if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+            const std::string inner = text.substr(1, text.size() - 2);
+            if (!isIpv6Address(inner)) return "'" + text + "' is not an IPv6 address in brackets";
+            text = inner;
+            return "";
+        }
+        return isHostName(text) || isIpv6Address(text) ? "" : "'" + text + "' is not a host name or address";
+    },
+    "HOST", "daemon host");
+
 const CLI::Validator kTimeText(
     [](std::string& text) -> std::string {
         return parseTime(text) ? "" : "'" + text + "' is neither decimal seconds nor YYYY-MM-DDTHH:MM:SS[.fff]Z";
@@ -64,6 +79,16 @@ std::optional<std::string> unknownCommand(int argc, char** argv) {
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// --json anywhere on the command line asks for JSON errors, also for a
+// command line the parser refuses before it has read the flag.
+bool asksForJson(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--") break;
+        if (std::string(argv[i]) == "--json") return true;
+    }
+    return false;
+}
 
 void printUsageError(const std::string& message, bool json) {
     if (json) {
@@ -127,7 +152,7 @@ int main(int argc, char** argv) {
     CLI::App* timeCommand = app.add_subcommand("time", "A remote timescale's time next to the host's");
     timeCommand->add_option("URI", time.uri, "/<remoteHost>/ztsdwebs/resources/<plugin>/timescales/<gmId>")
         ->required();
-    timeCommand->add_option("HOST", time.host, "Host of the timestamp daemon")->required();
+    timeCommand->add_option("HOST", time.host, "Host of the timestamp daemon")->required()->transform(kDaemonHost);
     timeCommand->add_option("PORT", time.port, "TCP port of the timestamp daemon")
         ->required()
         ->check(CLI::Range(1u, 65535u));
@@ -137,7 +162,9 @@ int main(int argc, char** argv) {
     CLI::App* correlateCommand = app.add_subcommand(
         "correlate", "Fit the host clock against a remote timescale: offset, rate and one correlated time");
     correlateCommand->add_option("URI", correlate.uri, "The remote timescale's URI")->required();
-    correlateCommand->add_option("HOST", correlate.host, "Host of the timestamp daemon")->required();
+    correlateCommand->add_option("HOST", correlate.host, "Host of the timestamp daemon")
+        ->required()
+        ->transform(kDaemonHost);
     correlateCommand->add_option("PORT", correlate.port, "TCP port of the timestamp daemon")
         ->required()
         ->check(CLI::Range(1u, 65535u));
@@ -224,13 +251,18 @@ int main(int argc, char** argv) {
     app.add_subcommand("demo", "Three simulated chassis in this process, from start to coherent, a loss, a correlation");
 
     if (const std::optional<std::string> word = unknownCommand(argc, argv)) {
-        std::cerr << "ztsdctl: unknown command '" << *word << "'; the commands are list, device, time, correlate, "
-                     "domain, demo (ztsdctl --help)\n";
+        printUsageError("unknown command '" + *word +
+                            "'; the commands are list, device, time, correlate, domain, demo (ztsdctl --help)",
+                        asksForJson(argc, argv));
         return kExitUsage;
     }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0 && asksForJson(argc, argv)) {
+            printUsageError(error.what(), true);
+            return kExitUsage;
+        }
         const int code = app.exit(error);
         return code == 0 ? kExitOk : kExitUsage;
     }

@@ -56,26 +56,47 @@ protected:
 
 }  // namespace
 
-// Library errors: one line with the innermost message and where; with
-// --json the same as the only thing on stderr, one JSON object.
+// Library errors: one line with the innermost message and where (the
+// member: a device by its URI, a chassis by its address, a timescale by its
+// URI; and host:port of the peer that failed, the daemon's when it was the
+// daemon); with --json the same as the only thing on stderr, one JSON object.
 TEST_F(ZtsdctlAgainstSim, LibraryErrorsAreOneLineOrOneJsonObject) {
     ASSERT_EQ(control(1, "down"), 200);
     struct Case {
         std::vector<std::string> args;
         std::string line;  // the line, a regular expression
         int httpStatus;
+        std::string member;
+        std::string hostPort;
     };
+    const std::string closedDaemon = std::to_string(static_cast<int>(num(at(chassis[1].get(), "daemonPort"))));
+    const std::string timescale = str(cJSON_GetArrayItem(at(chassis[0].get(), "timescales"), 0));
+    const std::string nobody = "/" + host(0) + "/ztsdwebs/resources/ztsd/syncableDevices/nobody";
     const std::vector<Case> cases{
         {{"device", host(0), "nobody"},
-         "ztsdctl: " + host(0) + ": Server answered 404 Not Found\\. \\(HTTP 404\\) \\[ztapalerr_communicationsFault -52024\\]",
-         404},
+         "ztsdctl: " + nobody + ": Server answered 404 Not Found\\. \\(HTTP 404\\) \\[ztapalerr_communicationsFault -52024\\]",
+         404, nobody, host(0)},
         {{"device", deviceUri(1, 0)},
-         "ztsdctl: " + host(1) + ": Failed to connect to 127\\.0\\.0\\.1 port \\d+.* \\[ztapalerr_communicationsFault -52024\\]",
-         0},
+         "ztsdctl: " + deviceUri(1, 0) +
+             ": Failed to connect to 127\\.0\\.0\\.1 port \\d+.* \\[ztapalerr_communicationsFault -52024\\]",
+         0, deviceUri(1, 0), host(1)},
         {{"list", address(1)},
-         "ztsdctl: chassis " + address(1) + ": .*\\[ztapalerr_communicationsFault -52024\\]", 0},
-        {{"list", host(0) + "@" + host(1).substr(host(1).rfind(':') + 1)},  // the daemon port is closed
-         "ztsdctl: chassis " + host(0) + "@\\d+: .*Connection refused \\[ztapalerr_communicationsFault -52024\\]", 0},
+         "ztsdctl: chassis " + address(1) + ": .*\\[ztapalerr_communicationsFault -52024\\]", 0, "chassis " + address(1),
+         host(1)},
+        {{"list", host(0) + "@" + closedDaemon},
+         "ztsdctl: chassis " + host(0) + "@" + closedDaemon + ": 127\\.0\\.0\\.1:" + closedDaemon +
+             ": .*Connection refused \\[ztapalerr_communicationsFault -52024\\]",
+         0, "chassis " + host(0) + "@" + closedDaemon, "127.0.0.1:" + closedDaemon},
+        {{"time", timescale, "127.0.0.1", closedDaemon},
+         "ztsdctl: " + timescale + ": 127\\.0\\.0\\.1:" + closedDaemon +
+             ": .*Connection refused \\[ztapalerr_communicationsFault -52024\\]",
+         0, timescale, "127.0.0.1:" + closedDaemon},
+        {{"time", timescale, "::1", closedDaemon},
+         "ztsdctl: " + timescale + ": \\[::1\\]:" + closedDaemon + ": .* \\[ztapalerr_communicationsFault -52024\\]", 0,
+         timescale, "[::1]:" + closedDaemon},
+        {domain(0, {"--device", nobody}),
+         "ztsdctl: " + nobody + ": Server answered 404 Not Found\\. \\(HTTP 404\\) \\[ztapalerr_communicationsFault -52024\\]",
+         404, nobody, host(0)},
     };
     for (const Case& c : cases) {
         const ctltest::Run text = ctltest::run(c.args);
@@ -94,6 +115,8 @@ TEST_F(ZtsdctlAgainstSim, LibraryErrorsAreOneLineOrOneJsonObject) {
         EXPECT_EQ(num(at(body, "code")), -52024);
         EXPECT_EQ(str(at(body, "constant")), "ztapalerr_communicationsFault");
         EXPECT_EQ(num(at(body, "httpStatus")), c.httpStatus);
+        EXPECT_EQ(str(at(body, "member")), c.member);
+        EXPECT_EQ(str(at(body, "hostPort")), c.hostPort);
         EXPECT_NE(withoutDuration(text.err).find(withoutDuration(str(at(body, "message")))), std::string::npos)
             << json.err;
         EXPECT_EQ(str(at(at(body, "report"), "error_constant")), "ztapalerr_communicationsFault");

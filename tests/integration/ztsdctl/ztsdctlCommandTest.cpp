@@ -106,6 +106,15 @@ TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
         {{"device", "/bad"}, "ztsdctl: '/bad' is neither a device URI .*"},
         {{"device", kAddress, "chassis0"}, "ztsdctl: a device needs no @DAEMONPORT.*"},
         {{"device", "/x/syncableDevices/y", "--plugin", "p"}, ".*--plugin requires NAME.*"},
+        // Addresses with more than HOST[:PORT][@DAEMONPORT] in them.
+        {{"list", "user@127.0.0.1:1@2"}, ".*'user@127.0.0.1:1@2' has more than one '@'.*"},
+        {{"list", "user@127.0.0.1:1"}, ".*'127.0.0.1:1' after '@' is not a TCP port.*"},
+        {{"list", "127.0.0.1:1/x"}, ".*'1/x' after ':' is not a TCP port.*"},
+        {{"list", "ex%61mple:1@2"}, ".*'ex%61mple:1' is not a host name or address.*"},
+        {{"device", "a/b:1", "chassis0"}, ".*'a/b:1' is not a host name or address.*"},
+        {{"list", "[::1;x]:1@2"}, ".*'\\[::1;x\\]:1' is not a host name or address.*"},
+        {{"time", timescale, "user@127.0.0.1", "2"}, "HOST: 'user@127.0.0.1' is not a host name or address"},
+        {{"correlate", timescale, "[127.0.0.1]", "2"}, "HOST: '\\[127.0.0.1\\]' is not an IPv6 address in brackets"},
     };
     for (const auto& c : cases) {
         std::string line;
@@ -116,6 +125,22 @@ TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
         ASSERT_FALSE(lines.empty()) << line;
         EXPECT_TRUE(std::regex_match(lines[0], std::regex(c.err))) << line << "\n" << result.err;
         EXPECT_EQ(result.out, "") << line;
+
+        // With --json, wherever it stands, stderr holds one JSON object and
+        // nothing else, whichever part of the command line found the fault.
+        std::vector<std::string> withJson = c.args;
+        withJson.insert(c.args.empty() ? withJson.end() : withJson.begin() + 1, "--json");
+        const ctltest::Run json = run(withJson);
+        EXPECT_EQ(json.exitStatus, 64) << line << "--json\n" << json.err;
+        EXPECT_EQ(json.out, "") << line;
+        ASSERT_EQ(ctltest::lines(json.err).size(), 1u) << line << "--json\n" << json.err;
+        const ctltest::Json error = parse(json.err);
+        ASSERT_TRUE(error) << json.err;
+        ASSERT_EQ(cJSON_GetArraySize(error.get()), 1) << json.err;
+        ASSERT_EQ(cJSON_GetArraySize(at(error.get(), "error")), 1) << json.err;
+        const std::string usage = str(at(at(error.get(), "error"), "usage"));
+        const std::string expected = std::string(c.err).rfind("ztsdctl: ", 0) == 0 ? c.err + 9 : c.err;
+        EXPECT_TRUE(std::regex_match(usage, std::regex(expected))) << line << "--json\n" << json.err;
     }
     const ctltest::Run help = run({"--help"});
     EXPECT_EQ(help.exitStatus, 0);
