@@ -192,8 +192,7 @@ void ChassisSimulator::start() {
         port = options_.port;
     }
     if (port <= 0) {
-        throw std::runtime_error("ztsd-sim: cannot listen on " + options_.host + ":" +
-                                 std::to_string(options_.port));
+        throw std::runtime_error("ztsd-sim: cannot listen on " + hostPortText(options_.host, options_.port));
     }
     net::setListenBacklog(*listeningSocket, options_.listenBacklog);
     {
@@ -270,9 +269,12 @@ std::string ChassisSimulator::remoteHost() const {
 
 std::string ChassisSimulator::remoteHostLocked() const {
     if (!started_) throw std::logic_error("ztsd-sim: the simulator has no address before start()");
-    const std::string& host = options_.host;
+    return hostPortText(options_.host, port_);
+}
+
+std::string hostPortText(const std::string& host, unsigned port) {
     const bool bracket = host.find(':') != std::string::npos && host.front() != '[';
-    return (bracket ? "[" + host + "]" : host) + ":" + std::to_string(port_);
+    return (bracket ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
 // ---------------------------------------------------------------------------

@@ -74,6 +74,9 @@ class StrictHttpFront;
 
 // The media type of every reply.
 extern const char* const kMediaType;   // "vnd.zt.syncDomain.v0/json; charset=utf-8"
+
+// "host:port" as a client takes it: an IPv6 address in brackets ("[::1]:8080").
+std::string hostPortText(const std::string& host, unsigned port);
 // The service name, first segment of every resource path.
 extern const char* const kWebService;  // "ztsdwebs"
 

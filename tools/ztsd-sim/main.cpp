@@ -180,8 +180,7 @@ public:
     void slewClock(std::int64_t rate_ppb) { setClock(currentOffset_ns(), rate_ppb); }
 
     std::string remoteHost() const {
-        const bool v6 = settings_.host.find(':') != std::string::npos;
-        return (v6 ? "[" + settings_.host + "]" : settings_.host) + ":" + std::to_string(webPort_);
+        return ztsdsim::hostPortText(settings_.host, webPort_);
     }
     std::string address() const { return remoteHost() + "@" + std::to_string(daemonPort_); }
     std::string paramsJson() const {
@@ -232,7 +231,7 @@ public:
         for (const std::string& uri : deviceUris_) out << "  " << uri << "\n";
         for (const std::string& uri : timescaleUris_) out << "  " << uri << "\n";
         out << "  ztsdctl address: " << address() << "\n";
-        out << "  daemon: " << settings_.host << ":" << daemonPort_ << "\n";
+        out << "  daemon: " << ztsdsim::hostPortText(settings_.host, daemonPort_) << "\n";
         out << "  clock: offset " << offset_ns_ << " ns, rate " << rate_ppb_ << " ppb (remote - host)\n";
         out << "  networkDeviceParamsJson: " << paramsJson() << "\n";
     }
@@ -277,6 +276,26 @@ private:
     std::unique_ptr<ztsdsim::SimulatedChassis> live_;
 };
 
+// A transformer from a name (any case) to its enumerator; a name that is
+// none of them is refused with the list of the names.
+template <typename Enum>
+CLI::Validator namedChoice(const std::vector<std::pair<std::string, Enum>>& names, const std::string& what,
+                           const std::string& plural) {
+    std::string list;
+    for (const auto& [name, value] : names) list += (list.empty() ? "" : ", ") + name;
+    return CLI::Validator(
+        [names, what, plural, list](std::string& text) -> std::string {
+            for (const auto& [name, value] : names) {
+                if (CLI::detail::to_lower(text) == name) {
+                    text = std::to_string(static_cast<int>(value));
+                    return "";
+                }
+            }
+            return "'" + text + "' is not a " + what + "; the " + plural + " are " + list;
+        },
+        "NAME", what);
+}
+
 // Spreads one or per-chassis values: a single value applies to every chassis.
 std::optional<std::vector<std::int64_t>> perChassis(const std::vector<std::int64_t>& values, unsigned count) {
     if (values.empty()) return std::vector<std::int64_t>(count, 0);
@@ -318,9 +337,8 @@ public:
             }
         });
         int bound = port == 0 ? server_.bind_to_any_port(host) : (server_.bind_to_port(host, port) ? port : -1);
-        if (bound <= 0) throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
-        const bool v6 = host.find(':') != std::string::npos;
-        url_ = "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(bound) + "/";
+        if (bound <= 0) throw std::runtime_error("cannot listen on " + ztsdsim::hostPortText(host, port));
+        url_ = "http://" + ztsdsim::hostPortText(host, static_cast<unsigned>(bound)) + "/";
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         for (int waited = 0; !server_.is_running() && waited < 10000; ++waited) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -451,29 +469,33 @@ int main(int argc, char** argv) {
         ->capture_default_str()->check(CLI::Range(0u, 1000000u));
     app.add_option("--max-workers", settings.maxWorkers, "Connections served at once per chassis")
         ->capture_default_str();
-    const std::map<std::string, ztsdsim::ListingForm> listingForms = {
+    const std::vector<std::pair<std::string, ztsdsim::ListingForm>> listingForms = {
         {"hosts", ztsdsim::ListingForm::withHosts},
         {"paths", ztsdsim::ListingForm::pathsOnly},
         {"mixed", ztsdsim::ListingForm::mixed}};
     app.add_option("--listing-form", settings.listingForm,
                    "How the listing names resources: hosts (/<host>/ztsdwebs/...), paths (/ztsdwebs/..., "
                    "without the host, as chassis that do not know the name they were reached by) or mixed")
-        ->transform(CLI::CheckedTransformer(listingForms, CLI::ignore_case))
+        ->transform(namedChoice(listingForms, "listing form", "listing forms"))
         ->default_str("hosts");
     app.add_flag("--strict-http", settings.strictHttp,
                  "Web services with the habits of minimal web servers: Expect: 100-continue never answered, "
                  "chunked request bodies refused (411)");
-    std::map<std::string, ztsdsim::DaemonPersonality> personalities;
-    for (const auto& [name, personality] : ztsdsim::daemonPersonalityNames()) personalities.emplace(name, personality);
     app.add_option("--daemon-personality", settings.daemonPersonality,
                    "How the daemons answer time calls: faithful, or a broken daemon (wrong-method-name, "
                    "invalid-message-type, wrong-sequence-id, huge-lengths, http-server, byte-at-a-time)")
-        ->transform(CLI::CheckedTransformer(personalities, CLI::ignore_case))
+        ->transform(namedChoice(ztsdsim::daemonPersonalityNames(), "daemon personality", "daemon personalities"))
         ->default_str("faithful");
     app.add_option("--daemon-drip-ms", settings.dripInterval_ms,
                    "Milliseconds between the bytes of a byte-at-a-time reply")
         ->capture_default_str()->check(CLI::Range(1, 60000));
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help is not an error; every wrong command line exits 2 (CLI11's
+        // own codes are its internal numbers).
+        return app.exit(error) == 0 ? 0 : 2;
+    }
 
     for (const auto& [name, first] : {std::pair<const char*, unsigned>{"ports", port}, {"daemon ports", daemonPort}}) {
         if (first != 0 && first + chassisCount - 1 > 65535) {

@@ -100,14 +100,77 @@ TEST(SimulatorProgram, ServesThePrintedUrisAndStopsOnSigterm) {
     EXPECT_EQ(simtest::lines(child.out()).back(), "stopped on SIGTERM");
 }
 
-TEST(SimulatorProgram, RefusesArgumentsOutOfRange) {
+// Every wrong command line exits 2 with its reason on stderr, before
+// anything listens; a name that is none of an option's names is refused with
+// the list of them.
+TEST(SimulatorProgram, WrongCommandLinesExit2) {
     ZTSD_SIM_REQUIRED();
-    ChildProcess zeroChassis({simPath(), "--chassis", "0"});
-    ASSERT_TRUE(zeroChassis.started());
-    EXPECT_GT(zeroChassis.finish(5000), 0);  // -1 would mean it kept running
-    ChildProcess pastLastPort({simPath(), "--port", "65535", "--chassis", "2"});
-    ASSERT_TRUE(pastLastPort.started());
-    EXPECT_EQ(pastLastPort.finish(5000), 2);
+    const struct {
+        std::vector<std::string> args;
+        const char* err;  // a regular expression stderr's first line matches
+    } cases[] = {
+        {{"--bogus"}, ".*--bogus.*"},
+        {{"stray"}, ".*stray.*"},
+        {{"--chassis", "0"}, "--chassis: .*"},
+        {{"--port", "abc"}, "--port: .*"},
+        {{"--port", "65535", "--chassis", "2"}, "ztsd-sim: ports 65535 to 65536 do not all exist"},
+        {{"--clock-offset-ns", "1,2", "--chassis", "3"}, "ztsd-sim: --clock-offset-ns .*"},
+        {{"--daemon-personality", "nonsense"},
+         "--daemon-personality: 'nonsense' is not a daemon personality; the daemon personalities are faithful, "
+         "wrong-method-name, invalid-message-type, wrong-sequence-id, huge-lengths, http-server, byte-at-a-time"},
+        {{"--listing-form", "trees"},
+         "--listing-form: 'trees' is not a listing form; the listing forms are hosts, paths, mixed"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), simPath());
+        ChildProcess child(args);
+        ASSERT_TRUE(child.started());
+        EXPECT_EQ(child.finish(5000), 2) << args[1];  // -1 would mean it kept running
+        const std::vector<std::string> lines = simtest::lines(child.err());
+        ASSERT_FALSE(lines.empty()) << args[1];
+        EXPECT_TRUE(std::regex_match(lines[0], std::regex(c.err))) << lines[0];
+        EXPECT_EQ(child.out(), "") << args[1];
+    }
+    ChildProcess help({simPath(), "--help"});
+    EXPECT_EQ(help.finish(5000), 0);
+}
+
+// Listening on IPv6, every address it prints is one a client takes as it
+// stands: [::1]:PORT (a web service, its daemon, the control server), and the
+// daemon answers the library at the host and port the JSON line gives.
+TEST(SimulatorProgram, PrintsIpv6AddressesInBrackets) {
+    ZTSD_SIM_REQUIRED();
+    ChildProcess child({simPath(), "--host", "::1"});
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.waitForOutput("\nready\n", 5000)) << child.out() << child.err();
+    const std::vector<simtest::Json> chassis = chassisLines(child.out());
+    ASSERT_EQ(chassis.size(), 1u);
+    const cJSON* line = chassis[0].get();
+    const std::string daemonPort = std::to_string(static_cast<int>(cJSON_GetNumberValue(member(line, "daemonPort"))));
+    const std::string remoteHost = simtest::text(member(line, "remoteHost"));
+    EXPECT_TRUE(std::regex_match(remoteHost, std::regex(R"(\[::1\]:\d+)"))) << remoteHost;
+    EXPECT_EQ(simtest::text(member(line, "address")), remoteHost + "@" + daemonPort);
+    EXPECT_EQ(simtest::text(member(line, "daemonHost")), "::1");
+    EXPECT_TRUE(std::regex_match(simtest::text(member(line, "control")), std::regex(R"(http://\[::1\]:\d+/chassis/0/)")));
+    for (const std::string& expected : {"chassis 0 http://" + remoteHost + "/", "  daemon: [::1]:" + daemonPort,
+                                        "  ztsdctl address: " + remoteHost + "@" + daemonPort})
+        EXPECT_NE(child.out().find(expected + "\n"), std::string::npos) << expected << "\n" << child.out();
+    // No line holds an IPv6 address with a port glued on unbracketed.
+    EXPECT_FALSE(std::regex_search(child.out(), std::regex(R"((^|[^\[:])::1:\d)"))) << child.out();
+
+    zterr_Status status{};
+    ztsdlib_Timescale* timescale = ztsdlib_TimescaleProxy_create(
+        simtest::text(cJSON_GetArrayItem(member(line, "timescales"), 0)).c_str(),
+        simtest::text(member(line, "daemonHost")).c_str(), std::stoul(daemonPort), &status);
+    EXPECT_EQ(status.code, 0);
+    ztsdlib_Timestamp now{};
+    if (timescale != nullptr) ztsdlib_Timescale_getTime(timescale, &now, &status);
+    EXPECT_EQ(status.code, 0);
+    EXPECT_GT(now.seconds, 0u);
+    ztsdlib_Timescale_delete(timescale);
+    child.signal(SIGTERM);
+    EXPECT_EQ(child.finish(5000), 0);
 }
 
 // Each chassis' JSON line names a daemon whose clock runs at the chassis'
