@@ -145,10 +145,6 @@ int runDomain(const DomainOptions& options, bool json) {
         std::string url;
         try {
             url = metrics->start(options.metricsListen);
-        } catch (const std::invalid_argument& error) {
-            session.stop();
-            std::cerr << "ztsdctl: --metrics-listen: " << error.what() << "\n";
-            return kExitUsage;
         } catch (const std::exception& error) {
             session.stop();
             std::cerr << "ztsdctl: " << error.what() << "\n";

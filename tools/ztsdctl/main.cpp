@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "errorSummary.h"
 #include "jsonText.h"
+#include "metrics.h"
 
 using namespace ztsdctl;
 
@@ -223,7 +224,17 @@ int main(int argc, char** argv) {
         domainCommand
             ->add_option("--metrics-listen", domain.metricsListen,
                          "With --watch: serve Prometheus metrics at http://ADDR:PORT/metrics (PORT 0: any)")
-            ->needs(watchOption);
+            ->needs(watchOption)
+            ->check(CLI::Validator(
+                [](std::string& text) -> std::string {
+                    try {
+                        parseListenAddress(text);
+                        return "";
+                    } catch (const std::invalid_argument& error) {
+                        return error.what();
+                    }
+                },
+                "ADDR:PORT", "listen address"));
     (void)metricsOption;
     domainCommand
         ->add_option("--device", domain.extraDevices,

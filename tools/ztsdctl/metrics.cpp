@@ -1,8 +1,5 @@
 #include "metrics.h"
 
-#include <httplib.h>
-
-#include <chrono>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
@@ -38,7 +35,7 @@ MetricsServer::MetricsServer(std::string domainUri)
 
 MetricsServer::~MetricsServer() { stop(); }
 
-std::string MetricsServer::start(const std::string& listen) {
+std::pair<std::string, std::uint16_t> parseListenAddress(const std::string& listen) {
     std::string host;
     std::string portText;
     if (!listen.empty() && listen[0] == '[') {
@@ -56,34 +53,20 @@ std::string MetricsServer::start(const std::string& listen) {
     if (host.empty() || portText.empty() || portText.size() > 5 ||
         portText.find_first_not_of("0123456789") != std::string::npos || std::stoul(portText) > 65535)
         throw std::invalid_argument("'" + listen + "' is not ADDR:PORT (port 0 to 65535)");
+    return {host, static_cast<std::uint16_t>(std::stoul(portText))};
+}
 
-    server_ = std::make_unique<httplib::Server>();
-    server_->set_socket_options([](socket_t sock) {
-        int yes = 1;
-        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+std::string MetricsServer::start(const std::string& listen) {
+    const auto [host, wanted] = parseListenAddress(listen);
+    const std::uint16_t port = server_.start(host, wanted, [this](const std::string& path) {
+        if (path != "/metrics") return ScrapeAnswer{404, "", "not found: the metrics are at /metrics\n"};
+        return ScrapeAnswer{200, "text/plain; version=0.0.4; charset=utf-8", text()};
     });
-    server_->Get("/metrics", [this](const httplib::Request&, httplib::Response& response) {
-        response.set_content(text(), "text/plain; version=0.0.4; charset=utf-8");
-    });
-    const int wanted = static_cast<int>(std::stoul(portText));
-    const int port = wanted == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, wanted) ? wanted : -1);
-    if (port <= 0) {
-        server_.reset();
-        throw std::runtime_error("the metrics server cannot listen on " + listen);
-    }
-    httplib::Server* raw = server_.get();
-    thread_ = std::thread([raw] { raw->listen_after_bind(); });
-    for (int waited = 0; !raw->is_running() && waited < 5000; ++waited)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const bool v6 = host.find(':') != std::string::npos;
     return "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/metrics";
 }
 
-void MetricsServer::stop() {
-    if (server_) server_->stop();
-    if (thread_.joinable()) thread_.join();
-    server_.reset();
-}
+void MetricsServer::stop() { server_.stop(); }
 
 void MetricsServer::update(const CheckResult& check, double duration_s) {
     std::lock_guard<std::mutex> lock(mutex_);

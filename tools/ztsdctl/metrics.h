@@ -9,23 +9,27 @@
 //   ztsd_check_duration_seconds{domain}          histogram of how long each check took
 //   ztsd_check_errors_total{domain,code}         counter of failed member queries by library code
 //
+// The server is a ScrapeServer: idle or slow clients cannot keep a scrape
+// waiting (see scrapeServer.h for its limits).
+//
 // Threads: update() from the watch's thread, answers from the server's; one
 // mutex between them.
 #pragma once
 
 #include <map>
-#include <memory>
+#include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 
 #include "domainSession.h"
-
-namespace httplib {
-class Server;
-}
+#include "scrapeServer.h"
 
 namespace ztsdctl {
+
+// "127.0.0.1:9464", "[::1]:0" -> host and port (0 = any). Throws
+// std::invalid_argument for anything else.
+std::pair<std::string, std::uint16_t> parseListenAddress(const std::string& listen);
 
 class MetricsServer {
 public:
@@ -60,8 +64,7 @@ private:
     std::vector<std::uint64_t> buckets_;  // cumulative counts per bound of kBounds
     double durationSum_ = 0;
     std::uint64_t checks_ = 0;
-    std::unique_ptr<httplib::Server> server_;
-    std::thread thread_;
+    ScrapeServer server_;
 };
 
 }  // namespace ztsdctl

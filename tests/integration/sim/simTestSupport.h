@@ -162,14 +162,9 @@ public:
     const std::string& out() const { return outText_; }
     const std::string& err() const { return errText_; }
 
-    // Reads output until stdout holds `text` or timeout_ms passes.
-    bool waitForOutput(const std::string& text, int timeout_ms) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-        while (outText_.find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() >= deadline || !pump(50)) return outText_.find(text) != std::string::npos;
-        }
-        return true;
-    }
+    // Reads output until stdout (stderr) holds `text` or timeout_ms passes.
+    bool waitForOutput(const std::string& text, int timeout_ms) { return waitFor(outText_, text, timeout_ms); }
+    bool waitForError(const std::string& text, int timeout_ms) { return waitFor(errText_, text, timeout_ms); }
 
     // Reads all output and waits for the exit; returns the exit status, or
     // -1 when the program did not end within timeout_ms (it is killed then)
@@ -190,6 +185,14 @@ public:
     }
 
 private:
+    bool waitFor(const std::string& stream, const std::string& text, int timeout_ms) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (stream.find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() >= deadline || !pump(50)) return stream.find(text) != std::string::npos;
+        }
+        return true;
+    }
+
     // Waits up to ms for output and reads what arrived; false once both
     // streams are closed.
     bool pump(int ms) {

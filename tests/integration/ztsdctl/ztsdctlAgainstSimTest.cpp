@@ -2,9 +2,15 @@
 // the same as one JSON object on stderr with --json), devices by host and
 // name, watches (SIGTERM ending one cleanly, an unreachable member, CSV and
 // metrics).
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <map>
+#include <thread>
 #include <regex>
 #include <string>
 #include <vector>
@@ -21,6 +27,33 @@ namespace {
 std::string withoutDuration(const std::string& text) {
     return std::regex_replace(text, std::regex(R"(after \d+ ms)"), "after N ms");
 }
+
+// A TCP connection to 127.0.0.1:port, closed when it goes; -1 when refused.
+class LoopbackConnection {
+public:
+    explicit LoopbackConnection(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const timeval limit{2, 0};  // a connect or send waits 2 s at most
+        ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~LoopbackConnection() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    LoopbackConnection(const LoopbackConnection&) = delete;
+    LoopbackConnection& operator=(const LoopbackConnection&) = delete;
+    bool open() const { return fd_ >= 0; }
+    void send(char byte) { (void)::send(fd_, &byte, 1, MSG_NOSIGNAL); }
+
+private:
+    int fd_;
+};
 
 class ZtsdctlAgainstSim : public ::testing::Test {
 protected:
@@ -296,4 +329,49 @@ TEST_F(ZtsdctlAgainstSim, MetricsAreScrapedInTheExpositionFormat) {
     EXPECT_GE(count, 2);
     EXPECT_EQ(values["ztsd_check_duration_seconds_bucket{" + domainLabel + ",le=\"+Inf\"}"], count);
     EXPECT_LE(values["ztsd_check_duration_seconds_bucket{" + domainLabel + ",le=\"0.005\"}"], count);
+}
+
+// Idle and slow clients of the metrics port cannot keep a scrape waiting:
+// with 500 connections that send nothing and one that sends a byte a second,
+// GET /metrics is answered within 1 s, again and again.
+TEST_F(ZtsdctlAgainstSim, MetricsAreAnsweredWhateverIdleClientsHold) {
+    ctltest::Ztsdctl child(domain(0, {"--watch", "0.2", "--checks", "100", "--metrics-listen", "127.0.0.1:0"}));
+    ASSERT_TRUE(child.waitForError("/metrics\n", 6000)) << child.err();
+    std::smatch url;
+    const std::string err = child.err();
+    ASSERT_TRUE(std::regex_search(err, url, std::regex(R"(metrics at http://127\.0\.0\.1:(\d+)/metrics)"))) << err;
+    const int port = std::stoi(url[1].str());
+
+    std::vector<std::unique_ptr<LoopbackConnection>> idle;
+    for (int i = 0; i < 500; ++i) idle.push_back(std::make_unique<LoopbackConnection>(port));
+    EXPECT_TRUE(idle.back()->open());
+    std::atomic<bool> scraped{false};
+    std::thread slow([&] {
+        LoopbackConnection connection(port);
+        const std::string request = "GET /metrics HTTP/1.1\r\n";
+        for (std::size_t i = 0; i < request.size() && !scraped; ++i) {
+            connection.send(request[i]);
+            for (int ms = 0; ms < 1000 && !scraped; ms += 10) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
+    [&] {  // a failed assertion leaves this lambda only: the slow client is still joined
+        for (int scrape = 0; scrape < 3; ++scrape) {
+            httplib::Client client("127.0.0.1", port);
+            client.set_connection_timeout(1, 0);
+            client.set_read_timeout(1, 0);
+            client.set_write_timeout(1, 0);
+            const httplib::Result reply = client.Get("/metrics");
+            ASSERT_TRUE(reply) << "scrape " << scrape << ": " << httplib::to_string(reply.error());
+            EXPECT_EQ(reply->status, 200);
+            EXPECT_NE(reply->body.find("ztsd_domain_coherent"), std::string::npos);
+            const httplib::Result elsewhere = client.Get("/");
+            ASSERT_TRUE(elsewhere);
+            EXPECT_EQ(elsewhere->status, 404);
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        }
+    }();
+    scraped = true;
+    slow.join();
+    child.signal(SIGTERM);
+    EXPECT_EQ(child.finish(5000), 0);
 }

@@ -99,6 +99,7 @@ TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
         {domain({"--timeout-s", "0"}), "--timeout-s: Value 0 not in range 1 to .*"},
         {domain({"--checks", "3"}), ".*--checks requires --watch.*"},
         {domain({"--metrics-listen", "127.0.0.1:0"}), ".*--metrics-listen requires --watch.*"},
+        {domain({"--watch", "1", "--metrics-listen", "1.2.3.4"}), ".*'1.2.3.4' is not ADDR:PORT.*"},
         {domain({"--device", "chassis0-1"}), ".*'chassis0-1' is not a device URI.*"},
         {domain({"--format", "csv"}), "ztsdctl: --format csv prints checks: it needs --watch"},
         {{"domain", kAddress, "--max-offset-ns", "1", "--min-sync-ms", "1", "--timescale", "x"},
