@@ -81,12 +81,14 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// --json anywhere on the command line asks for JSON errors, also for a
-// command line the parser refuses before it has read the flag.
+// --json (or --format json) anywhere on the command line asks for JSON
+// errors, also for a command line the parser refuses before it has read it.
 bool asksForJson(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        if (std::string(argv[i]) == "--") break;
-        if (std::string(argv[i]) == "--json") return true;
+        const std::string word = argv[i];
+        if (word == "--") break;
+        if (word == "--json" || word == "--format=json") return true;
+        if (word == "--format" && i + 1 < argc && std::string(argv[i + 1]) == "json") return true;
     }
     return false;
 }

@@ -143,6 +143,12 @@ TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
         const std::string expected = std::string(c.err).rfind("ztsdctl: ", 0) == 0 ? c.err + 9 : c.err;
         EXPECT_TRUE(std::regex_match(usage, std::regex(expected))) << line << "--json\n" << json.err;
     }
+    // --format json is --json, for a refusal too.
+    const ctltest::Run formatJson = run(domain({"--format", "json", "--checks", "3"}));
+    EXPECT_EQ(formatJson.exitStatus, 64);
+    EXPECT_TRUE(std::regex_match(str(at(at(parse(formatJson.err).get(), "error"), "usage")),
+                                 std::regex(".*--checks requires --watch.*")))
+        << formatJson.err;
     const ctltest::Run help = run({"--help"});
     EXPECT_EQ(help.exitStatus, 0);
     for (const char* command : {"list", "device", "time", "correlate", "domain", "demo"})
