@@ -1,15 +1,6 @@
 #include "scrapeServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <stdexcept>
 #include <vector>
@@ -18,10 +9,11 @@ namespace ztsdctl {
 
 namespace {
 
+namespace net = serverSockets;
 using Clock = std::chrono::steady_clock;
 
 struct Connection {
-    int fd;
+    net::Handle socket;
     Clock::time_point deadline;  // of the whole exchange
     std::string request;         // received so far
     std::string answer;          // once the request is complete: what is left to send
@@ -62,10 +54,6 @@ std::string answerTo(const std::string& head, const ScrapeServer::Handler& handl
     return response(answer.status, answer.contentType, answer.body, method == "GET");
 }
 
-void closeQuietly(int fd) {
-    if (fd >= 0) ::close(fd);
-}
-
 }  // namespace
 
 ScrapeServer::~ScrapeServer() { stop(); }
@@ -73,36 +61,14 @@ ScrapeServer::~ScrapeServer() { stop(); }
 std::uint16_t ScrapeServer::start(const std::string& host, std::uint16_t port, Handler handler) {
     stop();
     handler_ = std::move(handler);
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE;
-    addrinfo* found = nullptr;
-    const int resolved = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (resolved != 0) throw std::runtime_error("cannot listen on " + host + ": " + ::gai_strerror(resolved));
-    for (const addrinfo* at = found; at != nullptr && listener_ < 0; at = at->ai_next) {
-        const int fd = ::socket(at->ai_family, at->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, at->ai_protocol);
-        if (fd < 0) continue;
-        const int yes = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        if (::bind(fd, at->ai_addr, at->ai_addrlen) == 0 && ::listen(fd, 128) == 0) {
-            listener_ = fd;
-        } else {
-            ::close(fd);
-        }
-    }
-    ::freeaddrinfo(found);
-    if (listener_ < 0) throw std::runtime_error("cannot listen on " + host + " port " + std::to_string(port));
-    sockaddr_storage bound{};
-    socklen_t length = sizeof bound;
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&bound), &length);
-    const std::uint16_t boundPort = ntohs(bound.ss_family == AF_INET6
-                                              ? reinterpret_cast<const sockaddr_in6*>(&bound)->sin6_port
-                                              : reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
-    if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
-        closeQuietly(listener_);
-        listener_ = -1;
-        throw std::runtime_error("the metrics server has no wake-up pipe");
+    std::uint16_t boundPort = 0;
+    listener_ = net::listenOn(host, port, boundPort);
+    try {
+        wakeup_ = std::make_unique<net::Wakeup>();
+    } catch (...) {
+        net::closeSocket(listener_);
+        listener_ = net::kNone;
+        throw;
     }
     thread_ = std::thread([this] { serve(); });
     return boundPort;
@@ -110,27 +76,24 @@ std::uint16_t ScrapeServer::start(const std::string& host, std::uint16_t port, H
 
 void ScrapeServer::stop() {
     if (thread_.joinable()) {
-        const char stopByte = 0;
-        while (::write(wake_[1], &stopByte, 1) < 0 && errno == EINTR) {
-        }
+        wakeup_->wake();
         thread_.join();
     }
-    for (int* fd : {&listener_, &wake_[0], &wake_[1]}) {
-        closeQuietly(*fd);
-        *fd = -1;
-    }
+    wakeup_.reset();
+    net::closeSocket(listener_);
+    listener_ = net::kNone;
 }
 
 void ScrapeServer::serve() {
     std::vector<Connection> connections;
-    std::vector<pollfd> waiting;
+    std::vector<net::Waiting> waiting;
     for (;;) {
-        // Close every connection past its deadline; poll until the next one.
+        // Close every connection past its deadline; wait until the next one.
         const Clock::time_point now = Clock::now();
         int wait_ms = kExchangeTimeout_ms;
         for (std::size_t i = 0; i < connections.size();) {
             if (connections[i].deadline <= now) {
-                ::close(connections[i].fd);
+                net::closeSocket(connections[i].socket);
                 connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(i));
                 continue;
             }
@@ -138,23 +101,21 @@ void ScrapeServer::serve() {
             wait_ms = std::min<int>(wait_ms, static_cast<int>(left.count()) + 1);
             ++i;
         }
-        waiting.assign({{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}});
-        for (const Connection& connection : connections)
-            waiting.push_back({connection.fd, static_cast<short>(connection.answering ? POLLOUT : POLLIN), 0});
-        if (::poll(waiting.data(), waiting.size(), wait_ms) < 0 && errno != EINTR) return;
-        if (waiting[0].revents != 0) return;  // stop()
+        waiting.assign({{wakeup_->waitOn(), false}, {listener_, false}});
+        for (const Connection& connection : connections) waiting.push_back({connection.socket, connection.answering});
+        if (!net::waitForAny(waiting, wait_ms)) return;
+        if (waiting[0].ready) return;  // stop()
 
         // Serve the open connections first (their entries are in order).
         std::vector<bool> done(connections.size(), false);
         for (std::size_t i = 0; i < connections.size(); ++i) {
-            const short events = waiting[i + 2].revents;
-            if (events == 0) continue;
+            if (!waiting[i + 2].ready) continue;
             Connection& connection = connections[i];
             if (!connection.answering) {
                 char buffer[2048];
-                const ssize_t got = ::recv(connection.fd, buffer, sizeof buffer, 0);
+                const std::ptrdiff_t got = net::receiveSome(connection.socket, buffer, sizeof buffer);
                 if (got <= 0) {
-                    done[i] = got == 0 || (errno != EAGAIN && errno != EINTR);
+                    done[i] = got != net::kWouldBlock;
                     continue;
                 }
                 connection.request.append(buffer, static_cast<std::size_t>(got));
@@ -166,37 +127,36 @@ void ScrapeServer::serve() {
                 connection.request.clear();
                 connection.answering = true;
             }
-            const ssize_t sent = ::send(connection.fd, connection.answer.data(), connection.answer.size(), MSG_NOSIGNAL);
+            const std::ptrdiff_t sent =
+                net::sendSome(connection.socket, connection.answer.data(), connection.answer.size());
             if (sent > 0) connection.answer.erase(0, static_cast<std::size_t>(sent));
-            if (connection.answer.empty() || (sent < 0 && errno != EAGAIN && errno != EINTR)) done[i] = true;
+            if (connection.answer.empty() || sent == net::kFailed) done[i] = true;
         }
         for (std::size_t i = connections.size(); i-- > 0;) {
             if (!done[i]) continue;
-            ::shutdown(connections[i].fd, SHUT_WR);
-            ::close(connections[i].fd);
+            net::finishAndClose(connections[i].socket);
             connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(i));
         }
 
         // Then take every waiting connection, making room by closing the
         // oldest one still sending its request.
-        if (waiting[1].revents == 0) continue;
+        if (!waiting[1].ready) continue;
         for (;;) {
-            const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd < 0 && errno == EINTR) continue;
-            const bool outOfDescriptors = fd < 0 && (errno == EMFILE || errno == ENFILE);
-            if (fd < 0 && !outOfDescriptors) break;  // none left (EAGAIN) or a connection already gone
+            bool outOfDescriptors = false;
+            const net::Handle socket = net::acceptOne(listener_, outOfDescriptors);
+            if (socket == net::kNone && !outOfDescriptors) break;  // none left, or a connection already gone
             if (connections.size() >= kMaxConnections || outOfDescriptors) {
                 if (connections.empty()) break;
                 // Connections are kept in the order they came.
                 auto oldest = std::find_if(connections.begin(), connections.end(),
                                            [](const Connection& c) { return !c.answering; });
                 if (oldest == connections.end()) oldest = connections.begin();
-                ::close(oldest->fd);
+                net::closeSocket(oldest->socket);
                 connections.erase(oldest);
                 if (outOfDescriptors) continue;
             }
             connections.push_back(
-                Connection{fd, Clock::now() + std::chrono::milliseconds(kExchangeTimeout_ms), {}, {}, false});
+                Connection{socket, Clock::now() + std::chrono::milliseconds(kExchangeTimeout_ms), {}, {}, false});
         }
     }
 }

@@ -1,7 +1,7 @@
 // A small HTTP/1.1 server for a metrics scraper that no idle, slow or hostile
-// client can block: one thread waits with poll() on the listening socket and
-// every open connection, so a connection costs a descriptor and a buffer,
-// never a thread.
+// client can block: one thread waits on the listening socket and every open
+// connection at once (serverSockets.h), so a connection costs a socket and a
+// buffer, never a thread.
 //
 // Each connection gets one exchange: the request (its head, at most
 // kMaxRequestBytes), then the answer with "Connection: close". Limits:
@@ -17,8 +17,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+
+#include "serverSockets.h"
 
 namespace ztsdctl {
 
@@ -52,8 +55,8 @@ private:
     void serve();
 
     Handler handler_;
-    int listener_ = -1;
-    int wake_[2] = {-1, -1};  // a pipe: stop() writes, the serving thread's poll() returns
+    serverSockets::Handle listener_ = serverSockets::kNone;
+    std::unique_ptr<serverSockets::Wakeup> wakeup_;  // stop() ends the serving thread's wait
     std::thread thread_;
 };
 
