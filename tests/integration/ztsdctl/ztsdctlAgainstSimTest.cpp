@@ -163,6 +163,34 @@ TEST_F(ZtsdctlAgainstSim, LibraryErrorsAreOneLineOrOneJsonObject) {
     }
 }
 
+// A daemon that answers, but wrongly, is named as the command addressed it,
+// like one that is not there.
+TEST(ZtsdctlAgainstBrokenDaemons, TimeNamesTheDaemon) {
+    ZTSDCTL_REQUIRED();
+    ZTSD_SIM_REQUIRED();
+    for (const char* personality : {"wrong-method-name", "huge-lengths", "http-server"}) {
+        simtest::ChildProcess sim({simtest::simPath(), "--daemon-personality", personality});
+        ASSERT_TRUE(sim.waitForOutput("\nready\n", 5000)) << sim.out();
+        const std::vector<simtest::Json> chassis = simtest::chassisLines(sim.out());
+        ASSERT_EQ(chassis.size(), 1u);
+        const std::string port = std::to_string(static_cast<int>(num(at(chassis[0].get(), "daemonPort"))));
+        const std::string daemon = "127.0.0.1:" + port;
+        const std::string timescale = str(cJSON_GetArrayItem(at(chassis[0].get(), "timescales"), 0));
+        const std::vector<std::string> args{"time", timescale, "127.0.0.1", port};
+        const ctltest::Run text = ctltest::run(args);
+        EXPECT_EQ(text.exitStatus, 2) << personality;
+        EXPECT_EQ(text.err.rfind("ztsdctl: " + timescale + ": " + daemon + ": ", 0), 0u)
+            << personality << "\n" << text.err;
+        std::vector<std::string> withJson = args;
+        withJson.push_back("--json");
+        const simtest::Json json = simtest::parse(ctltest::run(withJson).err);
+        ASSERT_TRUE(json) << personality;
+        EXPECT_EQ(str(at(at(json.get(), "error"), "hostPort")), daemon) << personality;
+        sim.signal(SIGTERM);
+        EXPECT_EQ(sim.finish(5000), 0);
+    }
+}
+
 // Every device of a chassis, by host and name.
 TEST_F(ZtsdctlAgainstSim, DeviceByHostAndName) {
     for (int d = 0; d < 2; ++d) {
