@@ -164,14 +164,13 @@ void ChassisSimulator::start() {
     auto server = std::make_unique<httplib::Server>();
     const std::size_t maxWorkers = options_.maxWorkers;
     server->new_task_queue = [this, maxWorkers] { return new WorkerPool(maxWorkers, &acceptedConnections_); };
-    auto listeningSocket = std::make_shared<int>(-1);
-    // SO_REUSEADDR only: a restarted simulator binds its port again at once,
-    // while a port another socket listens on is refused (the HTTP server's
-    // default, SO_REUSEPORT, would let two simulators share it).
+    auto listeningSocket = std::make_shared<net::Socket>(net::kNoSocket);
+    // A restarted simulator binds its port again at once, while a port
+    // another socket listens on is refused (the HTTP server's default,
+    // SO_REUSEPORT, would let two simulators share it).
     server->set_socket_options([listeningSocket](socket_t sock) {
-        int yes = 1;
-        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        *listeningSocket = static_cast<int>(sock);
+        net::bindExclusively(static_cast<net::Socket>(sock));
+        *listeningSocket = static_cast<net::Socket>(sock);
     });
     // Headers and body go out in separate writes; without this the body
     // waits for the peer's delayed acknowledgement.

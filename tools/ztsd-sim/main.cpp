@@ -20,9 +20,6 @@
 #include <cjson/cJSON.h>
 #include <httplib.h>
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -39,6 +36,8 @@
 
 #include "platform/clock.h"
 #include "ztsd-sim/simulatedChassis.h"
+#include "ztsd-sim/socketControl.h"
+#include "ztsd-sim/stopSignals.h"
 
 namespace {
 
@@ -316,10 +315,7 @@ public:
     void start(const std::string& host, std::uint16_t port) {
         {
             // As the chassis' servers: a port in use is refused, not shared.
-            server_.set_socket_options([](socket_t sock) {
-                int yes = 1;
-                ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-            });
+            server_.set_socket_options([](socket_t sock) { ztsdsim::net::bindExclusively(sock); });
         }
         server_.Get("/state", [this](const httplib::Request&, httplib::Response& response) {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -512,13 +508,9 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    // Block the stop signals in every thread (the servers' threads inherit the
-    // mask) and take them with sigwait below.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // Stop requests are held from here on (before any server thread starts)
+    // and taken by waitForStop below.
+    ztsdsim::holdStopRequests();
 
     std::mutex mutex;  // every chassis' state, between the control server and this thread
     std::vector<std::unique_ptr<ProgramChassis>> chassis;
@@ -547,10 +539,9 @@ int main(int argc, char** argv) {
     std::cout << "control " << control.url() << "\n";
     std::cout << "ready" << std::endl;
 
-    int received = 0;
-    sigwait(&stopSignals, &received);
+    const std::string received = ztsdsim::waitForStop();
     control.stop();
     for (auto& one : chassis) one->down();
-    std::cout << "stopped on " << (received == SIGINT ? "SIGINT" : "SIGTERM") << std::endl;
+    std::cout << "stopped on " << received << std::endl;
     return 0;
 }

@@ -1,12 +1,7 @@
 #include "ztsd-sim/rawTimestampDaemon.h"
 #include "ztsd-sim/socketControl.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -40,18 +35,17 @@ std::string header(std::int32_t type, const std::string& name, std::int32_t sequ
 
 // Reads exactly n bytes, waiting at most a second for each piece; false when
 // the peer closed, went quiet or the daemon stops.
-bool readExactly(int connection, std::string& out, std::size_t n, const std::atomic<bool>& stopping) {
+bool readExactly(net::Socket connection, std::string& out, std::size_t n, const std::atomic<bool>& stopping) {
     out.clear();
     int quiet_ms = 0;
     while (out.size() < n && !stopping && quiet_ms < 1000) {
-        pollfd p{connection, POLLIN, 0};
-        if (::poll(&p, 1, 50) != 1) {
+        if (!net::waitReadable(connection, 50)) {
             quiet_ms += 50;
             continue;
         }
         char buffer[512];
         const std::size_t want = std::min(sizeof buffer, n - out.size());
-        const ssize_t got = ::recv(connection, buffer, want, 0);
+        const long got = net::receiveSome(connection, buffer, want);
         if (got <= 0) return false;
         out.append(buffer, static_cast<std::size_t>(got));
     }
@@ -75,23 +69,22 @@ RawTimestampDaemon::RawTimestampDaemon(Options options) : options_(std::move(opt
 RawTimestampDaemon::~RawTimestampDaemon() {
     stopping_ = true;
     server_.join();
-    ::close(listener_);
+    net::closeSocket(listener_);
 }
 
 void RawTimestampDaemon::serve() {
     while (!stopping_) {
-        pollfd p{listener_, POLLIN, 0};
-        if (::poll(&p, 1, 50) != 1) continue;
-        const int connection = ::accept(listener_, nullptr, nullptr);
-        if (connection < 0) continue;
+        if (!net::waitReadable(listener_, 50)) continue;
+        const net::Socket connection = net::acceptOne(listener_);
+        if (connection == net::kNoSocket) continue;
         converse(connection);
-        ::close(connection);
+        net::closeSocket(connection);
     }
 }
 
 // Reads calls (a strict header and an argument struct of i32 fields at most)
 // and answers each, until the peer closes or sends what no client sends.
-void RawTimestampDaemon::converse(int connection) {
+void RawTimestampDaemon::converse(net::Socket connection) {
     std::string bytes;
     while (!stopping_) {
         if (!readExactly(connection, bytes, 4, stopping_)) return;
@@ -157,11 +150,11 @@ std::string RawTimestampDaemon::replyTo(const std::string& method, std::int32_t 
     return std::string();  // an unknown method: no answer
 }
 
-bool RawTimestampDaemon::send(int connection, const std::string& bytes) const {
+bool RawTimestampDaemon::send(net::Socket connection, const std::string& bytes) const {
     const bool drip = options_.personality == Personality::drip;
     for (std::size_t at = 0; at < bytes.size() && !stopping_;) {
         const std::size_t n = drip ? 1 : bytes.size() - at;
-        const ssize_t sent = ::send(connection, bytes.data() + at, n, MSG_NOSIGNAL);
+        const long sent = net::sendSome(connection, bytes.data() + at, n);
         if (sent <= 0) return false;
         at += static_cast<std::size_t>(sent);
         if (drip) std::this_thread::sleep_for(std::chrono::milliseconds(options_.dripInterval_ms));

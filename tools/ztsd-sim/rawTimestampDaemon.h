@@ -30,6 +30,8 @@
 // destructor stops it.
 #pragma once
 
+#include "ztsd-sim/socketControl.h"
+
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -67,13 +69,13 @@ public:
 
 private:
     void serve();
-    void converse(int connection);
+    void converse(net::Socket connection);
     // The reply to one call, as the personality writes it.
     std::string replyTo(const std::string& method, std::int32_t sequenceId) const;
-    bool send(int connection, const std::string& bytes) const;
+    bool send(net::Socket connection, const std::string& bytes) const;
 
     Options options_;
-    int listener_ = -1;
+    net::Socket listener_ = net::kNoSocket;
     std::uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<std::uint64_t> calls_{0};

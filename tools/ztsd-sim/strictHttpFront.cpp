@@ -1,9 +1,5 @@
 #include "ztsd-sim/strictHttpFront.h"
 
-#include <netdb.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <charconv>
 #include <stdexcept>
@@ -30,12 +26,11 @@ std::string headerValue(const std::string& lowerHead, const std::string& name) {
 
 // Reads more bytes into buffer; false when the peer closed, the stop flag
 // is set or nothing came for a second.
-bool readMore(int fd, std::string& buffer, const std::atomic<bool>& stopping) {
+bool readMore(net::Socket fd, std::string& buffer, const std::atomic<bool>& stopping) {
     for (int quiet_ms = 0; !stopping && quiet_ms < 1000; quiet_ms += 100) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 100) != 1) continue;
+        if (!net::waitReadable(fd, 100)) continue;
         char chunk[16384];
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+        const long n = net::receiveSome(fd, chunk, sizeof chunk);
         if (n <= 0) return false;
         buffer.append(chunk, static_cast<std::size_t>(n));
         return true;
@@ -45,7 +40,7 @@ bool readMore(int fd, std::string& buffer, const std::atomic<bool>& stopping) {
 
 // One HTTP message (head and Content-Length body) from buffer/fd; the head's
 // end is returned in headEnd. A peer that closes between messages ends it.
-bool readMessage(int fd, std::string& buffer, std::size_t& headEnd, std::size_t& bodyLength,
+bool readMessage(net::Socket fd, std::string& buffer, std::size_t& headEnd, std::size_t& bodyLength,
                  const std::atomic<bool>& stopping, bool& chunked) {
     while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
         if (buffer.size() > kMaxHead || !readMore(fd, buffer, stopping)) return false;
@@ -69,9 +64,9 @@ bool readMessage(int fd, std::string& buffer, std::size_t& headEnd, std::size_t&
     return true;
 }
 
-bool sendAll(int fd, const std::string& bytes) {
+bool sendAll(net::Socket fd, const std::string& bytes) {
     for (std::size_t at = 0; at < bytes.size();) {
-        const ssize_t n = ::send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+        const long n = net::sendSome(fd, bytes.data() + at, bytes.size() - at);
         if (n <= 0) return false;
         at += static_cast<std::size_t>(n);
     }
@@ -82,25 +77,10 @@ bool sendAll(int fd, const std::string& bytes) {
 
 StrictHttpFront::StrictHttpFront(const std::string& host, std::uint16_t port, std::uint16_t backendPort)
     : host_(host), backendPort_(backendPort) {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0 || !found)
-        throw std::runtime_error("ztsd-sim: the strict HTTP front cannot use host " + host);
-    listener_ = ::socket(found->ai_family, SOCK_STREAM, 0);
-    const bool listening = listener_ >= 0 && ::bind(listener_, found->ai_addr, found->ai_addrlen) == 0 &&
-                           ::listen(listener_, 128) == 0;
-    ::freeaddrinfo(found);
-    sockaddr_storage bound{};
-    socklen_t length = sizeof bound;
-    if (!listening || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
-        if (listener_ >= 0) ::close(listener_);
-        throw std::runtime_error("ztsd-sim: the strict HTTP front cannot listen on port " + std::to_string(port));
-    }
-    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
-                                              : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+    listener_ = net::listenOn(host, port, 128, port_);
+    if (listener_ == net::kNoSocket)
+        throw std::runtime_error("ztsd-sim: the strict HTTP front cannot listen on " + host + " port " +
+                                 std::to_string(port));
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
@@ -112,14 +92,14 @@ void StrictHttpFront::stop() {
     std::vector<std::thread> workers;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
+        for (const net::Socket fd : open_) net::shutdownBoth(fd);
         workers.swap(workers_);
     }
     for (auto& w : workers) w.join();
-    ::close(listener_);
+    net::closeSocket(listener_);
 }
 
-void StrictHttpFront::track(int fd, bool add) {
+void StrictHttpFront::track(net::Socket fd, bool add) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (add)
         open_.insert(fd);
@@ -129,34 +109,19 @@ void StrictHttpFront::track(int fd, bool add) {
 
 void StrictHttpFront::acceptLoop() {
     while (!stopping_) {
-        pollfd p{listener_, POLLIN, 0};
-        if (::poll(&p, 1, 100) != 1) continue;
-        const int client = ::accept(listener_, nullptr, nullptr);
-        if (client < 0) continue;
+        if (!net::waitReadable(listener_, 100)) continue;
+        const net::Socket client = net::acceptOne(listener_);
+        if (client == net::kNoSocket) continue;
         track(client, true);
         std::lock_guard<std::mutex> lock(mutex_);
         workers_.emplace_back([this, client] { serve(client); });
     }
 }
 
-int StrictHttpFront::connectBackend() const {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host_.c_str(), std::to_string(backendPort_).c_str(), &hints, &found) != 0 || !found) return -1;
-    int fd = ::socket(found->ai_family, SOCK_STREAM, 0);
-    if (fd >= 0 && ::connect(fd, found->ai_addr, found->ai_addrlen) != 0) {
-        ::close(fd);
-        fd = -1;
-    }
-    ::freeaddrinfo(found);
-    return fd;
-}
+net::Socket StrictHttpFront::connectBackend() const { return net::connectTo(host_, backendPort_); }
 
-void StrictHttpFront::serve(int client) {
-    int backend = -1;
+void StrictHttpFront::serve(net::Socket client) {
+    net::Socket backend = net::kNoSocket;
     std::string fromClient, fromBackend;
     while (!stopping_) {
         std::size_t headEnd = 0, bodyLength = 0;
@@ -173,9 +138,9 @@ void StrictHttpFront::serve(int client) {
         if (expect != std::string::npos) head.erase(expect, lowerHead.find("\r\n", expect + 2) - expect);
         const std::string request = head + fromClient.substr(headEnd, bodyLength);
         fromClient.erase(0, headEnd + bodyLength);
-        if (backend < 0) {
+        if (backend == net::kNoSocket) {
             backend = connectBackend();
-            if (backend < 0) break;
+            if (backend == net::kNoSocket) break;
             track(backend, true);
         }
         std::size_t answerHead = 0, answerBody = 0;
@@ -187,12 +152,12 @@ void StrictHttpFront::serve(int client) {
         fromBackend.erase(0, answerHead + answerBody);
         if (!sent) break;
     }
-    if (backend >= 0) {
+    if (backend != net::kNoSocket) {
         track(backend, false);
-        ::close(backend);
+        net::closeSocket(backend);
     }
     track(client, false);
-    ::close(client);
+    net::closeSocket(client);
 }
 
 }  // namespace ztsdsim

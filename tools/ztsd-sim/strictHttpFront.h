@@ -11,6 +11,8 @@
 // stopping flag.
 #pragma once
 
+#include "ztsd-sim/socketControl.h"
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -35,17 +37,17 @@ public:
 
 private:
     void acceptLoop();
-    void serve(int client);
-    int connectBackend() const;
-    void track(int fd, bool add);
+    void serve(net::Socket client);
+    net::Socket connectBackend() const;
+    void track(net::Socket fd, bool add);
 
     std::string host_;
     std::uint16_t backendPort_;
-    int listener_ = -1;
+    net::Socket listener_ = net::kNoSocket;
     std::uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
     std::mutex mutex_;  // guards open_ and workers_
-    std::set<int> open_;
+    std::set<net::Socket> open_;
     std::vector<std::thread> workers_;
     std::thread acceptor_;
 };

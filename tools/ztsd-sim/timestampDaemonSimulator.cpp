@@ -1,7 +1,5 @@
 #include "timestampDaemonSimulator.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -22,6 +20,7 @@
 
 #include "platform/clock.h"
 #include "timestampservice/timestampService.h"
+#include "ztsd-sim/socketControl.h"
 
 namespace ztsdsim {
 
@@ -45,7 +44,7 @@ using Nanos = __int128;
 constexpr std::int64_t kNanosPerSecond = 1000000000;
 
 // The descriptor of the connection whose call this server thread is serving.
-thread_local int currentConnection = -1;
+thread_local ztsdsim::net::Socket currentConnection = ztsdsim::net::kNoSocket;
 
 Nanos toNanos(const ztsdlib_Timestamp& t) {
     const Nanos magnitude = static_cast<Nanos>(t.seconds) * kNanosPerSecond + t.nanos;
@@ -105,7 +104,7 @@ public:
     std::uint64_t refused = 0;
     std::uint64_t calls = 0;
     std::size_t stalled = 0;
-    std::set<int> open;  // descriptors of the connections being served
+    std::set<net::Socket> open;  // sockets of the connections being served
 
     // Lifecycle: start() and stop() only.
     std::mutex lifecycle;
@@ -141,7 +140,7 @@ public:
         if (drops > 0) {
             --drops;
             lock.unlock();
-            if (currentConnection >= 0) ::shutdown(currentConnection, SHUT_RDWR);
+            if (currentConnection != net::kNoSocket) net::shutdownBoth(currentConnection);
             throw TTransportException(TTransportException::END_OF_FILE, "ztsd-sim: connection dropped mid-call");
         }
         if (timeCall && failures > 0) {
@@ -325,8 +324,7 @@ protected:
             std::shared_ptr<TTransport> client = TServerSocket::acceptImpl();
             if (!state->takeRefusal()) return client;
             if (auto socket = std::dynamic_pointer_cast<TSocket>(client)) {
-                const linger reset{1, 0};  // close with RST, not FIN
-                ::setsockopt(socket->getSocketFD(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+                net::resetOnClose(static_cast<net::Socket>(socket->getSocketFD()));  // close with RST, not FIN
             }
             client->close();
         }
@@ -351,21 +349,21 @@ public:
     }
 
     void* createContext(std::shared_ptr<TProtocol> input, std::shared_ptr<TProtocol>) override {
-        currentConnection = -1;
+        currentConnection = net::kNoSocket;
         if (auto buffered = std::dynamic_pointer_cast<TBufferedTransport>(input->getTransport())) {
             if (auto socket = std::dynamic_pointer_cast<TSocket>(buffered->getUnderlyingTransport())) {
-                currentConnection = static_cast<int>(socket->getSocketFD());
+                currentConnection = static_cast<net::Socket>(socket->getSocketFD());
             }
         }
         std::lock_guard<std::mutex> lock(state->mutex);
-        if (currentConnection >= 0) state->open.insert(currentConnection);
+        if (currentConnection != net::kNoSocket) state->open.insert(currentConnection);
         return nullptr;
     }
 
     void deleteContext(void*, std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) override {
         std::lock_guard<std::mutex> lock(state->mutex);
         state->open.erase(currentConnection);
-        currentConnection = -1;
+        currentConnection = net::kNoSocket;
     }
 
 private:
@@ -543,7 +541,7 @@ void TimestampDaemonSimulator::dropConnections() {
     std::lock_guard<std::mutex> lock(state->mutex);
     // A descriptor leaves the set before its connection closes it, so each
     // one here is still the connection it was.
-    for (const int fd : state->open) ::shutdown(fd, SHUT_RDWR);
+    for (const net::Socket s : state->open) net::shutdownBoth(s);
 }
 
 void TimestampDaemonSimulator::setPersonality(DaemonPersonality personality, std::uint32_t dripInterval_ms) {

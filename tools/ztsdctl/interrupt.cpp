@@ -1,7 +1,5 @@
 #include "interrupt.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -10,22 +8,12 @@
 namespace ztsdctl {
 
 namespace {
-
 std::atomic<bool> interruptFlag{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the flag is set from a signal handler");
-
-extern "C" void onInterrupt(int) { interruptFlag.store(true); }
-
 }  // namespace
 
-void catchInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESETHAND;  // the second Ctrl-C gets the default action
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);  // a service manager's stop ends the command as Ctrl-C does
-}
+void raiseInterrupt() { interruptFlag.store(true); }
+
 
 bool interrupted() { return interruptFlag.load(); }
 

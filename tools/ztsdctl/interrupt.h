@@ -6,8 +6,11 @@
 
 namespace ztsdctl {
 
+// catchInterrupt is one file per system (interruptPosix.cpp, interruptWindows.cpp).
 void catchInterrupt();
 bool interrupted();
+// What the handler does: the flag is raised for good.
+void raiseInterrupt();
 
 // Sleeps up to ms milliseconds in short slices; returns false when
 // interrupted before the time was up.

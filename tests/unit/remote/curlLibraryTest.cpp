@@ -16,6 +16,15 @@ using ztsdtest::Raised;
 
 namespace {
 
+#ifdef _WIN32
+// The installation's own libcurl DLL, and a library every system has that is not libcurl.
+constexpr const char* kSystemCurl = "libcurl.dll";
+constexpr const char* kNotCurl = "kernel32.dll";
+#else
+constexpr const char* kSystemCurl = "libcurl.so.4";
+constexpr const char* kNotCurl = "libm.so.6";
+#endif
+
 std::shared_ptr<const CurlApi> absentLibrary() {
     return CurlApi::load({"libztsd-curl-absent.so.4", "libztsd-curl-absent.so"});
 }
@@ -25,7 +34,7 @@ std::shared_ptr<const CurlApi> absentLibrary() {
 TEST(CurlLibrary, TheSystemLibraryIsLoadedOnceAndShared) {
     const auto api = CurlApi::system();
     ASSERT_NE(api, nullptr);
-    EXPECT_EQ(api->libraryName, "libcurl.so.4");
+    EXPECT_EQ(api->libraryName, kSystemCurl);
     EXPECT_EQ(CurlApi::system(), api);
 }
 
@@ -38,9 +47,9 @@ TEST(CurlLibrary, AnUnloadableLibraryFailsInitialisationNamingWhatWasTried) {
     EXPECT_NE(reasons.find("libztsd-curl-absent.so.4: "), std::string::npos) << reasons;
     EXPECT_NE(reasons.find("libztsd-curl-absent.so: "), std::string::npos) << reasons;
 
-    const Raised wrong = captureRaise([] { CurlApi::load({"libm.so.6"}); });
+    const Raised wrong = captureRaise([] { CurlApi::load({kNotCurl}); });
     EXPECT_EQ(wrong.code, -411351);
-    EXPECT_EQ(wrong.detail(kDebug, "library"), "libm.so.6");
+    EXPECT_EQ(wrong.detail(kDebug, "library"), kNotCurl);
     EXPECT_EQ(wrong.detail(kDebug, "missingEntryPoint"), "curl_global_init");
 }
 
