@@ -428,6 +428,7 @@ private:
 
 int main(int argc, char** argv) {
     CLI::App app{"Simulated chassis (web service and timestamp daemon) for ztsdlib tests and demos"};
+    app.allow_windows_style_options(false);  // options are spelled the same on every system
     Settings settings;
     unsigned port = 0;
     unsigned daemonPort = 0;

@@ -115,6 +115,8 @@ void printLibraryError(const LibraryError& error, bool json, bool verbose) {
 int main(int argc, char** argv) {
     CLI::App app{"ztsdctl: inspect chassis, read remote clocks, correlate timescales and run sync domains "
                  "through ztsdlib"};
+    // Resource URIs begin with '/': they are never Windows-style options.
+    app.allow_windows_style_options(false);
     app.require_subcommand(1);
     app.fallthrough();
     bool json = false;

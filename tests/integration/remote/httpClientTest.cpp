@@ -10,14 +10,11 @@
 #include <string>
 #include <vector>
 
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <iostream>
 
 #include "integration/remote/remoteTestSupport.h"
+#include "unit/support/processProbe.h"
 #include "ztsd-sim/socketControl.h"
 #include "remote/curlResourceManagerProxy.h"
 #include "syncdomain/syncableDeviceProxy.h"
@@ -223,12 +220,9 @@ TEST_F(HttpClient, TheDensestReplyThatFitsCostsLessThan64MiB) {
     while (dense.size() + 4 <= zt::vela::shared::kMaxResponseBytes) dense += ",0";
     dense += "]}";
     sim.setFault("", rawBody(dense));
-    rusage before{};
-    getrusage(RUSAGE_SELF, &before);
+    const long before_KiB = ztsdtest::peakResidentKiB();
     EXPECT_GT(clientGet().size(), 1000000u);
-    rusage after{};
-    getrusage(RUSAGE_SELF, &after);
-    const long growth_KiB = after.ru_maxrss - before.ru_maxrss;
+    const long growth_KiB = ztsdtest::peakResidentKiB() - before_KiB;
     EXPECT_GT(growth_KiB, 1024);  // the measurement sees at least the body itself
     EXPECT_LT(growth_KiB, 64 * 1024);
     std::cout << "peak memory growth for " << dense.size() << " bytes of zeros: " << growth_KiB << " KiB\n";
@@ -238,10 +232,11 @@ TEST_F(HttpClient, TheDensestReplyThatFitsCostsLessThan64MiB) {
 // every proxy variable pointing at a closed port, requests still arrive.
 TEST_F(HttpClient, IgnoresProxiesNamedInTheEnvironment) {
     std::uint16_t closedPort = 0;
-    ::close(ztsdsim::net::listenOnLoopback(closedPort, 1, "probe"));  // nothing listens there now
+    ztsdsim::net::closeSocket(ztsdsim::net::listenOnLoopback(closedPort, 1, "probe"));  // nothing listens there now
     const std::string closedProxy = "http://127.0.0.1:" + std::to_string(closedPort);
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) setenv(name, closedProxy.c_str(), 1);
-    for (const char* name : {"no_proxy", "NO_PROXY"}) unsetenv(name);
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"})
+        ztsdtest::setEnvironment(name, closedProxy);
+    for (const char* name : {"no_proxy", "NO_PROXY"}) ztsdtest::removeEnvironment(name);
     const auto before = sim.getCountOf("chassis0");
     std::string error;
     try {
@@ -249,7 +244,7 @@ TEST_F(HttpClient, IgnoresProxiesNamedInTheEnvironment) {
     } catch (const zterr::Exception& e) {
         error = e.what();
     }
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) unsetenv(name);
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ztsdtest::removeEnvironment(name);
     EXPECT_EQ(error, "");
     EXPECT_EQ(sim.getCountOf("chassis0"), before + 1);
 }
@@ -278,13 +273,14 @@ TEST(HttpRequestFraming, APutReachesAServerThatIgnoresExpectAndRefusesChunkedBod
 
     // A request whose Content-Length is no number ends its connection and
     // nothing else: the chassis goes on answering.
-    const int peer = remotetest::connectLoopback(chassis.port());
-    ASSERT_GE(peer, 0);
+    namespace net = ztsdsim::net;
+    const net::Socket peer = remotetest::connectLoopback(chassis.port());
+    ASSERT_NE(peer, net::kNoSocket);
     const std::string hostile = "PUT /ztsdwebs/resources/ztsd/syncableDevices/d0 HTTP/1.1\r\nContent-Length: x1\r\n\r\n";
-    ASSERT_EQ(::send(peer, hostile.data(), hostile.size(), MSG_NOSIGNAL), static_cast<ssize_t>(hostile.size()));
+    ASSERT_EQ(net::sendSome(peer, hostile.data(), hostile.size()), static_cast<long>(hostile.size()));
     char answer[64];
-    EXPECT_LE(::recv(peer, answer, sizeof answer, 0), 0);  // closed without an answer
-    ::close(peer);
+    EXPECT_LE(net::receiveSome(peer, answer, sizeof answer), 0);  // closed without an answer
+    net::closeSocket(peer);
     EXPECT_TRUE(device.isCoherent(&losses));
 }
 

@@ -3,11 +3,7 @@
 // a raw loopback connection, and the text an export hands over.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +11,7 @@
 #include <vector>
 
 #include "ztsd-sim/chassisSimulator.h"
+#include "ztsd-sim/socketControl.h"
 
 namespace remotetest {
 
@@ -64,16 +61,7 @@ inline std::string networkDeviceParams(const std::string& remoteHost, int daemon
            (daemonPort < 0 ? "" : ",\"timestampDaemonPort\":" + std::to_string(daemonPort)) + "}}";
 }
 
-// A TCP connection to 127.0.0.1:port; -1 when it cannot be made.
-inline int connectLoopback(std::uint16_t port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-    if (fd >= 0) ::close(fd);
-    return -1;
-}
+// A TCP connection to 127.0.0.1:port; kNoSocket when it cannot be made.
+inline ztsdsim::net::Socket connectLoopback(std::uint16_t port) { return ztsdsim::net::connectTo("127.0.0.1", port); }
 
 }  // namespace remotetest

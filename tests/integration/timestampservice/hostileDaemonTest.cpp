@@ -4,8 +4,6 @@
 // end a reading at once with -52024, without allocating what they announce,
 // and a daemon that drips its reply cannot hold a reading past its deadline.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -13,6 +11,7 @@
 #include <string>
 
 #include "timestampservice/timescaleProxySession.h"
+#include "unit/support/processProbe.h"
 #include "timestampservice/timescaleProxyThriftClient.h"
 #include "unit/support/raisedError.h"
 #include "unit/support/statusFixture.h"
@@ -82,8 +81,7 @@ TEST(HostileDaemon, HugeAnnouncedSizesFailAtOnceWithoutBeingAllocated) {
         {Personality::hugeString, 1, "TProtocolException::SIZE_LIMIT"},
         {Personality::hugeList, 2, "TProtocolException::SIZE_LIMIT"},
     };
-    rusage before{};
-    getrusage(RUSAGE_SELF, &before);
+    const long before_KiB = ztsdtest::peakResidentKiB();
     for (const Case& c : cases) {
         ztsdsim::RawTimestampDaemon daemon(daemonOptions(c.personality, c.apiVersion));
         ztsdtest::OwnedStatus created;
@@ -100,11 +98,10 @@ TEST(HostileDaemon, HugeAnnouncedSizesFailAtOnceWithoutBeingAllocated) {
         EXPECT_EQ(daemon.callCount(), 2u) << c.type;  // not retried
         ztsdlib_Timescale_delete(proxy);
     }
-    rusage after{};
-    getrusage(RUSAGE_SELF, &after);
-    std::printf("peak memory growth over the hostile replies: %ld KiB\n", after.ru_maxrss - before.ru_maxrss);
+    const long growth_KiB = ztsdtest::peakResidentKiB() - before_KiB;
+    std::printf("peak memory growth over the hostile replies: %ld KiB\n", growth_KiB);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16 * 1024) << "KiB";
+    EXPECT_LT(growth_KiB, 16 * 1024) << "KiB";
 #endif
 }
 
@@ -144,20 +141,11 @@ TEST(HostileDaemon, ADrippingReplyEndsEachAttemptAtItsDeadline) {
 // libthrift's complaint about a refused connection never reaches the host
 // application's standard error.
 TEST(HostileDaemon, ThriftsOwnMessagesStayOffTheApplicationsStandardError) {
-    std::fflush(stderr);
-    char path[] = "/tmp/ztsdStderrXXXXXX";
-    const int capture = mkstemp(path);
-    ASSERT_GE(capture, 0);
-    const int saved = dup(2);
-    dup2(capture, 2);
+    ztsdtest::StderrCapture capture;
+    ASSERT_TRUE(capture.capturing());
     ztsdtest::OwnedStatus status;
     ztsdlib_Timescale* proxy = ztsdlib_TimescaleProxy_create(kUri, "127.0.0.1", 1, &status);  // nothing listens on 1
-    std::fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
-    const off_t written = lseek(capture, 0, SEEK_END);
-    close(capture);
-    unlink(path);
+    const long written = capture.bytesWritten();
     EXPECT_EQ(proxy, nullptr);
     EXPECT_EQ(status.s.code, -52024);
     EXPECT_EQ(written, 0) << "bytes written to stderr";

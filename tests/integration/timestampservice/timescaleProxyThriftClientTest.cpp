@@ -3,12 +3,6 @@
 // connection, and a well-formed reply is read as the daemon meant it.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +17,7 @@
 namespace {
 
 namespace tss = ztsdlib::timestampservice;
+namespace net = ztsdsim::net;
 using apache::thrift::protocol::TProtocolException;
 
 // A loopback listener that answers its n-th connection's first request with
@@ -35,30 +30,27 @@ public:
     }
     ~CannedPeer() {
         server.join();
-        ::close(listener);
+        net::closeSocket(listener);
     }
     std::uint16_t port = 0;
 
 private:
-    static bool readable(int fd, int timeout_ms) {
-        pollfd p{fd, POLLIN, 0};
-        return ::poll(&p, 1, timeout_ms) == 1;
-    }
+    static bool readable(net::Socket s, int timeout_ms) { return net::waitReadable(s, timeout_ms); }
     void serve() {
         for (const std::string& reply : replies) {
             if (!readable(listener, 3000)) return;
-            const int connection = ::accept(listener, nullptr, nullptr);
-            if (connection < 0) return;
+            const net::Socket connection = net::acceptOne(listener);
+            if (connection == net::kNoSocket) return;
             char request[512];
-            if (readable(connection, 3000) && ::recv(connection, request, sizeof request, 0) > 0)
-                ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
-            while (readable(connection, 3000) && ::recv(connection, request, sizeof request, 0) > 0) {
+            if (readable(connection, 3000) && net::receiveSome(connection, request, sizeof request) > 0)
+                net::sendSome(connection, reply.data(), reply.size());
+            while (readable(connection, 3000) && net::receiveSome(connection, request, sizeof request) > 0) {
             }
-            ::close(connection);
+            net::closeSocket(connection);
         }
     }
     std::vector<std::string> replies;
-    int listener = -1;
+    ztsdsim::net::Socket listener = ztsdsim::net::kNoSocket;
     std::thread server;
 };
 

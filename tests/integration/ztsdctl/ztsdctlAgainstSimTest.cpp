@@ -2,13 +2,8 @@
 // the same as one JSON object on stderr with --json), devices by host and
 // name, watches (SIGTERM ending one cleanly, an unreachable member, CSV and
 // metrics).
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
+#include <csignal>
 #include <map>
 #include <thread>
 #include <regex>
@@ -16,12 +11,15 @@
 #include <vector>
 
 #include "integration/ztsdctl/ztsdctlTestSupport.h"
+#include "ztsd-sim/socketControl.h"
 
 using ctltest::at;
 using ctltest::num;
 using ctltest::str;
 
 namespace {
+
+namespace net = ztsdsim::net;
 
 // libcurl's message says how long the connect took; runs differ in that.
 std::string withoutDuration(const std::string& text) {
@@ -31,28 +29,17 @@ std::string withoutDuration(const std::string& text) {
 // A TCP connection to 127.0.0.1:port, closed when it goes; -1 when refused.
 class LoopbackConnection {
 public:
-    explicit LoopbackConnection(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval limit{2, 0};  // a connect or send waits 2 s at most
-        ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-    ~LoopbackConnection() {
-        if (fd_ >= 0) ::close(fd_);
-    }
+    // A loopback connect is answered at once, and a byte at a time never
+    // fills the send buffer, so neither call can block for long.
+    explicit LoopbackConnection(int port) : socket_(net::connectTo("127.0.0.1", static_cast<std::uint16_t>(port))) {}
+    ~LoopbackConnection() { net::closeSocket(socket_); }
     LoopbackConnection(const LoopbackConnection&) = delete;
     LoopbackConnection& operator=(const LoopbackConnection&) = delete;
-    bool open() const { return fd_ >= 0; }
-    void send(char byte) { (void)::send(fd_, &byte, 1, MSG_NOSIGNAL); }
+    bool open() const { return socket_ != net::kNoSocket; }
+    void send(char byte) { (void)net::sendSome(socket_, &byte, 1); }
 
 private:
-    int fd_;
+    net::Socket socket_;
 };
 
 class ZtsdctlAgainstSim : public ::testing::Test {

@@ -1,0 +1,50 @@
+// A child process (argv[0] is the program) with both output streams on
+// pipes, for the tests that run the built programs. One file per system:
+// childProcessPosix.cpp (posix_spawn, poll), childProcessWindows.cpp
+// (CreateProcess, a reader thread per pipe). The destructor kills the child
+// if it still runs.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace simtest {
+
+class ChildProcess {
+public:
+    explicit ChildProcess(std::vector<std::string> arguments);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    bool started() const;
+    // Asks the child to stop: SIGINT is an interrupt from the keyboard,
+    // SIGTERM any other stop request (on Windows, the console's Ctrl+C and
+    // Ctrl+Break events of the child's own process group).
+    void signal(int number);
+    const std::string& out() const { return outText_; }
+    const std::string& err() const { return errText_; }
+
+    // Reads output until stdout (stderr) holds `text` or timeout_ms passes.
+    bool waitForOutput(const std::string& text, int timeout_ms) { return waitFor(outText_, text, timeout_ms); }
+    bool waitForError(const std::string& text, int timeout_ms) { return waitFor(errText_, text, timeout_ms); }
+
+    // Reads all output and waits for the exit; returns the exit status, or
+    // -1 when the program did not end within timeout_ms (it is killed then)
+    // or ended on a signal.
+    int finish(int timeout_ms);
+
+private:
+    bool waitFor(const std::string& stream, const std::string& text, int timeout_ms);
+    // Waits up to ms for output and appends what arrived to outText_ and
+    // errText_; false once both streams are closed.
+    bool pump(int ms);
+
+    struct System;  // the system's handles
+    std::unique_ptr<System> system_;
+    std::string outText_;
+    std::string errText_;
+};
+
+}  // namespace simtest
