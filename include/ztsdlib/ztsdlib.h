@@ -281,6 +281,76 @@ typedef struct ztsdlib_CorrelationQuality {
 ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrelator* handle,
                                                         ztsdlib_CorrelationQuality* quality, zterr_Status* status);
 
+/*
+ * Two figures for users who need to know how far off the fit may be, beside
+ * the record above (which keeps its layout). The standard errors above hold
+ * for independent residuals; path delays drift over seconds, so neighbouring
+ * residuals are alike and those errors come out too small.
+ *   size                      set by the caller to
+ *                             sizeof(ztsdlib_CorrelationQualityV2); the
+ *                             library writes no more than that (later
+ *                             versions only add fields at the end), and
+ *                             refuses a size below this version's with -52005
+ *   quality                   the record getQuality writes, for the same history
+ *   residualLag1Correlation   r1 of the residuals about the line (-1..1)
+ *   effectiveSampleCount      n (1 - r) / (1 + r), kept within [3, n] (n for
+ *                             n <= 3), where r is r1 (0 when below it)
+ *                             raised by its small-sample bias (1 + 4 r1) / n
+ *                             and by one standard deviation sqrt((1 - r1^2) / n)
+ *   slopeStdErrorCorrected_ppb, offsetStdErrorCorrected_ns
+ *                             the standard errors above times
+ *                             sqrt((n - 2) / (effectiveSampleCount - 2)) and
+ *                             times t / 3, t the 99.865 % quantile of
+ *                             Student's t with effectiveSampleCount - 2
+ *                             degrees of freedom (so that 3 of them make a
+ *                             99.73 % interval however few samples count):
+ *                             standard uncertainties that allow for
+ *                             residuals that drift together. They describe
+ *                             the scatter of the fit, not a bias: a path
+ *                             slower one way than the other shifts every
+ *                             sample alike and no standard error shows it.
+ *   narrowestHalfRoundTrip_ns the smallest pairing half-width of the history
+ *                             (half the narrowest round trip, widened by the
+ *                             readings' resolution; see below)
+ *   rateBound_ppb             how far the fitted rate may be from the true
+ *                             one, whatever the path asymmetry
+ *   offsetBound_ns            how far offsetAtNewest may be from the true
+ *                             offset at the newest sample, whatever the path
+ *                             asymmetry: the accuracy of the offset.
+ *                             At a host time t later than the newest sample
+ *                             the offset's bound is offsetBound_ns +
+ *                             rateBound_ppb * 1e-9 * (t - newest) (ns).
+ * The bounds assume only that the two clocks keep a constant rate over the
+ * history and that a remote reading is taken during its own round trip. A
+ * symmetric correlator states them: its pairing half-width is half the round
+ * trip (between its two timescale1 readings) plus 100 ns for readings
+ * truncated to a 100 ns clock tick and 1 ns for the remote's truncation,
+ * widened by 0.1 % for the rate; the rate's bound comes from the narrowest
+ * sample of each half of the history, the offset's from the sample k that
+ * gives the smallest half-width(k) + |residual(k)| + rate bound * age(k).
+ * The sequential sampling reads timescale1 only before timescale2, so it
+ * knows that each remote reading came after its pairing, never how long
+ * after: it states no bound, and its narrowestHalfRoundTrip_ns,
+ * rateBound_ppb and offsetBound_ns are +infinity (its offset is late by the
+ * outward path delay, which no figure here can show).
+ * The record is made when asked for and kept until the next sample, so
+ * asking again costs a copy. Fails as getQuality does (-52005 also for a
+ * NULL record or a size that is too small). Does not wait; any thread.
+ */
+typedef struct ztsdlib_CorrelationQualityV2 {
+    uint32_t size;
+    ztsdlib_CorrelationQuality quality;
+    double residualLag1Correlation;
+    double effectiveSampleCount;
+    double slopeStdErrorCorrected_ppb;
+    double offsetStdErrorCorrected_ns;
+    double narrowestHalfRoundTrip_ns;
+    double rateBound_ppb;
+    double offsetBound_ns;
+} ztsdlib_CorrelationQualityV2;
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQualityV2(ztsdlib_TimestampCorrelator* handle,
+                                                          ztsdlib_CorrelationQualityV2* quality, zterr_Status* status);
+
 /* ---- syncable devices -------------------------------------------------- */
 
 /*

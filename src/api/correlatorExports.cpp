@@ -1,4 +1,5 @@
 // Exports of the correlator family.
+#include <cstring>
 #include <string>
 
 #include "api/exportFrame.h"
@@ -25,6 +26,18 @@ ztsdlib_TimestampCorrelator* newLinearCorrelator(const char* correlatorUri, ztsd
         std::string(correlatorUri), *objectOf<TimescaleInterface>(timescale1), *objectOf<TimescaleInterface>(timescale2),
         samplingIntervalMs, maxSampleSize, maxWaitForFirstCorrelateMs, sampling);
     return handleOf<ztsdlib_TimestampCorrelator>(object);
+}
+
+// The linear correlator behind a handle; any other correlator is refused.
+const ztsdlib::LinearCorrelator* linearOf(ztsdlib_TimestampCorrelator* handle) {
+    const auto* linear =
+        dynamic_cast<const ztsdlib::LinearCorrelator*>(objectOf<TimestampCorrelatorInterface>(handle));
+    if (!linear) {
+        zterr::raise(ZTERR_SITE(ztsdlib::api::kExportFile, zterr::name::ztapalerr_invalidParameter),
+                     zterr::code::ztapalerr_invalidParameter, "ztsyncdomain_debug",
+                     {{"message", "Only a linear correlator reports the quality of its fit."}});
+    }
+    return linear;
 }
 
 }  // namespace
@@ -131,15 +144,27 @@ ZTSDLIB_API char* ztsdlib_TimestampCorrelator_toJson(ztsdlib_TimestampCorrelator
 
 ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrelator* handle,
                                                         ztsdlib_CorrelationQuality* quality, zterr_Status* status) {
+    ZTSD_EXPORT_VOID(status, ({{"handle", handle}, {"quality", quality}}),
+                     [&] { *quality = linearOf(handle)->quality(); });
+}
+
+ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQualityV2(ztsdlib_TimestampCorrelator* handle,
+                                                          ztsdlib_CorrelationQualityV2* quality, zterr_Status* status) {
     ZTSD_EXPORT_VOID(status, ({{"handle", handle}, {"quality", quality}}), [&] {
-        const auto* linear = dynamic_cast<const ztsdlib::LinearCorrelator*>(
-            objectOf<TimestampCorrelatorInterface>(handle));
-        if (!linear) {
+        // The caller's size says how much of the record it has room for; a
+        // later, longer record is written only as far as that.
+        constexpr std::uint32_t kThisSize = sizeof(ztsdlib_CorrelationQualityV2);
+        const std::uint32_t room = quality->size;
+        if (room < kThisSize) {
             zterr::raise(ZTERR_SITE(ztsdlib::api::kExportFile, zterr::name::ztapalerr_invalidParameter),
                          zterr::code::ztapalerr_invalidParameter, "ztsyncdomain_debug",
-                         {{"message", "Only a linear correlator reports the quality of its fit."}});
+                         {{"message", "The record's size is smaller than this library's ztsdlib_CorrelationQualityV2."},
+                          {"parameter", "quality.size"},
+                          {"size", room},
+                          {"expectedAtLeast", kThisSize}});
         }
-        *quality = linear->quality();
+        const ztsdlib_CorrelationQualityV2 record = linearOf(handle)->qualityV2();
+        std::memcpy(quality, &record, kThisSize);  // size included: what this library wrote
     });
 }
 

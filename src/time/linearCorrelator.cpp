@@ -72,10 +72,6 @@ void LinearCorrelator::start() {
         firstCorrelateTimer.restart(maxWaitForFirstCorrelateMs);
     }
     droppedRounds.store(0);
-    {
-        std::lock_guard<std::mutex> lock(qualityMutex);
-        qualityHolder = nullptr;
-    }
     running.exchange(true);
     try {
         samplingTask = std::async(std::launch::async,
@@ -109,7 +105,6 @@ void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilter
             holder->addSample(first_s, second_s);
             // The fit is made here, in the sampling task, so correlate finds it ready.
             holder->prepareCalculations();
-            publishQuality(holder);
         }
         previous1 = reading1;
         previous2 = reading2;
@@ -148,9 +143,8 @@ void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegress
         } else {
             const TimestampDecimal midpoint_s = midpoint(before, after);
             if (midpoint_s != previousMidpoint_s && !sameTimestamp(reading2, previous2)) {
-                holder->addSample(midpoint_s, toDecimal(reading2));
+                holder->addBracketedSample(midpoint_s, toDecimal(reading2), pairingHalfWidth_s(bracket_ns));
                 holder->prepareCalculations();
-                publishQuality(holder);
             }
             previousMidpoint_s = midpoint_s;
             previous2 = reading2;
@@ -218,8 +212,8 @@ void LinearCorrelator::raiseTooFewSamples(int line, std::uint64_t size) const {
                   {"minHistorySize", kMinHistorySize}});
 }
 
-ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionFilterWrapper& holder,
-                                                         std::uint64_t* samplesAdded) const {
+ztsdlib_CorrelationQualityV2 LinearCorrelator::makeQuality(const LinearRegressionFilterWrapper& holder,
+                                                           std::uint64_t* samplesAdded) const {
     LinearRegression::Quality figures;
     {
         std::lock_guard<std::mutex> lock(holder.mutex());
@@ -228,9 +222,11 @@ ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionF
         const std::uint64_t size = regression.getHistorySize();
         if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
         figures = regression.quality();
-        if (samplesAdded) *samplesAdded = holder.samplesAddedLocked();
+        *samplesAdded = holder.samplesAddedLocked();
     }
-    ztsdlib_CorrelationQuality result{};
+    ztsdlib_CorrelationQualityV2 record{};
+    record.size = sizeof record;
+    ztsdlib_CorrelationQuality& result = record.quality;
     result.sampleCount = figures.sampleCount;
     result.span_ns = static_cast<double>(figures.span_s * 1000000000);
     result.slope = static_cast<double>(figures.slope);
@@ -239,32 +235,20 @@ ztsdlib_CorrelationQuality LinearCorrelator::makeQuality(const LinearRegressionF
     result.residualStdDev_ns = static_cast<double>(figures.residualStdDev_s * 1000000000);
     result.slopeStdError_ppb = static_cast<double>(figures.slopeStdError * 1000000000);
     result.offsetStdError_ns = static_cast<double>(figures.offsetStdError_s * 1000000000);
-    return result;
+    record.residualLag1Correlation = figures.residualLag1Correlation;
+    record.effectiveSampleCount = figures.effectiveSampleCount;
+    record.slopeStdErrorCorrected_ppb = figures.slopeStdErrorCorrected * 1e9;
+    record.offsetStdErrorCorrected_ns = figures.offsetStdErrorCorrected_s * 1e9;
+    record.narrowestHalfRoundTrip_ns = figures.narrowestHalfWidth_s * 1e9;
+    record.rateBound_ppb = figures.slopeBound * 1e9;
+    // offsetAtNewest is truncated to the nanosecond: one more for that.
+    record.offsetBound_ns = figures.offsetBound_s * 1e9 + 1;
+    return record;
 }
 
-void LinearCorrelator::publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder) {
-    ztsdlib_CorrelationQuality record;
-    std::uint64_t after = 0;
-    try {
-        record = makeQuality(*holder, &after);
-    } catch (...) {
-        // No fit (yet): callers make the record themselves and get the reason.
-        std::lock_guard<std::mutex> lock(qualityMutex);
-        qualityHolder = nullptr;
-        return;
-    }
-    std::lock_guard<std::mutex> lock(qualityMutex);
-    qualityHolder = holder.get();
-    published = record;
-    publishedAfter = after;
-}
-
-ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
+ztsdlib_CorrelationQualityV2 LinearCorrelator::qualityV2() const {
     const auto holder = currentFilter();
     if (!holder) raiseTooFewSamples(__LINE__, 0);
-    // The sampling task publishes a sample's record just after adding it, so
-    // a caller that saw that sample (a correlate returned on it) could find
-    // the record before it still published: such a record is not returned.
     std::uint64_t added;
     {
         std::lock_guard<std::mutex> lock(holder->mutex());
@@ -272,10 +256,19 @@ ztsdlib_CorrelationQuality LinearCorrelator::quality() const {
     }
     {
         std::lock_guard<std::mutex> lock(qualityMutex);
-        if (qualityHolder == holder.get() && publishedAfter == added) return published;
+        if (cachedHolder.lock() == holder && cachedAfter == added) return cached;
     }
-    return makeQuality(*holder);
+    // Made outside qualityMutex: callers racing here each make it (with the
+    // same result for the same history) and the last one keeps it.
+    const ztsdlib_CorrelationQualityV2 record = makeQuality(*holder, &added);
+    std::lock_guard<std::mutex> lock(qualityMutex);
+    cachedHolder = holder;
+    cached = record;
+    cachedAfter = added;
+    return record;
 }
+
+ztsdlib_CorrelationQuality LinearCorrelator::quality() const { return qualityV2().quality; }
 
 std::string LinearCorrelator::toJson() const {
     std::string json = toJsonOpening("linear");

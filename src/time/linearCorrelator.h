@@ -61,12 +61,14 @@
 // sampling's text is unchanged.
 //
 // quality() reports the fit of the current history (LinearRegression's
-// figures); it does not wait, and fails with -52010 and correlate's message
-// while fewer than two samples exist. The sampling task turns the figures
-// into the caller's record (doubles, a timestamp) after each add and
-// publishes it, so that a call costs a copy; while nothing is published for
-// the present history (its fit failed, or a call races the first add), the
-// call makes the record itself and reports the fit's failure.
+// figures) and qualityV2() the same with the corrected standard errors and,
+// for the symmetric sampling, the bounds (whose pairing half-width
+// pairingHalfWidth_s gives for each sample); the sequential sampling's
+// samples carry none. They do not wait, and fail with -52010 and
+// correlate's message while fewer than two samples exist. The record is
+// made by the first caller that asks for it after a sample was added, not by
+// the sampling task, and kept (cached by the holder and its count of added
+// samples) for the callers after it, which then pay a copy.
 //
 // The timescales are the caller's objects: the correlator refers to them
 // and the caller keeps them alive as long as the correlator.
@@ -121,6 +123,9 @@ public:
     std::uint64_t historySize() const;
     // The fit of the current history (see above).
     ztsdlib_CorrelationQuality quality() const;
+    // The same with the figures of ztsdlib_CorrelationQualityV2; size is set
+    // to that struct's size.
+    ztsdlib_CorrelationQualityV2 qualityV2() const;
     // Symmetric rounds dropped for a delayed reply since the last start.
     std::uint64_t delayedRoundsDropped() const { return droppedRounds.load(); }
 
@@ -132,10 +137,8 @@ private:
     [[noreturn]] void raiseTooFewSamples(int line, std::uint64_t size) const;
     // The quality record of the holder's present fit, made afresh, and how
     // many samples had been added when it was made.
-    ztsdlib_CorrelationQuality makeQuality(const LinearRegressionFilterWrapper& holder,
-                                           std::uint64_t* samplesAdded = nullptr) const;
-    // Called by the sampling task after each add.
-    void publishQuality(const std::shared_ptr<LinearRegressionFilterWrapper>& holder);
+    ztsdlib_CorrelationQualityV2 makeQuality(const LinearRegressionFilterWrapper& holder,
+                                             std::uint64_t* samplesAdded) const;
     std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
     // The history size to go on with, after the first-correlate wait.
     std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder);
@@ -155,10 +158,13 @@ private:
     std::mutex timerMutex;
     ztsdtools::MonotonicTimer firstCorrelateTimer;
 
+    // The last record made, for the holder it was made from (weak: it never
+    // keeps a history alive, and a later holder never passes for it) after
+    // cachedAfter samples had been added to it.
     mutable std::mutex qualityMutex;
-    const LinearRegressionFilterWrapper* qualityHolder = nullptr;  // whose fit `published` is; compared only
-    ztsdlib_CorrelationQuality published{};
-    std::uint64_t publishedAfter = 0;  // the holder's samplesAdded when `published` was made
+    mutable std::weak_ptr<LinearRegressionFilterWrapper> cachedHolder;
+    mutable ztsdlib_CorrelationQualityV2 cached{};
+    mutable std::uint64_t cachedAfter = 0;
 
     std::mutex wakeMutex;
     std::condition_variable wake;

@@ -1,9 +1,25 @@
 #include "time/linearRegression.h"
 
+#include <boost/math/distributions/students_t.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
 #include "errors/exception.h"
 
 namespace ztsdlib {
 namespace {
+
+// A small offset in seconds as a double, by the timestamp conversion (a
+// few ns of work where the decimal's own conversion to double costs over
+// a microsecond): truncated to the nanosecond, which the quality figures
+// allow for.
+double truncatedSeconds(const TimestampDecimal& value_s) {
+    const ztsdlib_Timestamp t = toTimestamp(value_s);
+    const double magnitude = static_cast<double>(t.seconds) + static_cast<double>(t.nanos) * 1e-9;
+    return t.isNegative ? -magnitude : magnitude;
+}
 
 [[noreturn]] void raiseFit(int line, const char* constant, std::int32_t code, const char* message) {
     zterr::raise(ZTERR_SITE_AT(kLinearRegressionFile, line, constant), code, "ztsyncdomain_debug",
@@ -29,13 +45,25 @@ LinearRegression::LinearRegression(std::uint64_t maxHistory) : maxHistorySize(ma
 }
 
 void LinearRegression::addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) {
+    addBracketedSample(first_s, second_s, -1);
+}
+
+void LinearRegression::addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
+                                          double pairingHalfWidth_s) {
     if (offsetsFromStart.empty()) {
         start1_s = first_s;
         start2_s = second_s;
     }
     const TimestampDecimal dx_s = first_s - start1_s;
     const TimestampDecimal dy_s = second_s - start2_s;
-    Sample sample{dx_s, dy_s, dx_s * dx_s, dx_s * dy_s, dy_s * dy_s};
+    Sample sample{dx_s,
+                  dy_s,
+                  dx_s * dx_s,
+                  dx_s * dy_s,
+                  dy_s * dy_s,
+                  truncatedSeconds(dx_s),
+                  truncatedSeconds(dy_s - dx_s),
+                  std::isnan(pairingHalfWidth_s) ? -1.0 : pairingHalfWidth_s};
     if (offsetsFromStart.size() >= maxHistorySize) {
         // Take the oldest sample out of the sums and reuse its node for the
         // new one (moved to the back: no allocation once the history is full).
@@ -56,6 +84,7 @@ void LinearRegression::addSample(const TimestampDecimal& first_s, const Timestam
     sumXY += sample.dxdy;
     sumYY += sample.dydy;
     fitStale = true;
+    qualityStale = true;
 }
 
 void LinearRegression::prepareCalculations() const {
@@ -75,23 +104,28 @@ void LinearRegression::refit() const {
         return;
     }
     slope_ = (sumXY * n - sumX * sumY) / denominator;
-    const TimestampDecimal offsetIntercept = (sumY - slope_ * sumX) / n;
-    intercept_ = start2_s + offsetIntercept - slope_ * start1_s;
+    offsetIntercept_ = (sumY - slope_ * sumX) / n;
+    intercept_ = start2_s + offsetIntercept_ - slope_ * start1_s;
+    denominator_ = denominator;
     fit = Fit::Ready;
+}
 
+void LinearRegression::makeQuality() const {
+    qualityStale = false;
+    const unsigned long long n = offsetsFromStart.size();
     const Sample& newest = offsetsFromStart.back();
     quality_.sampleCount = n;
     quality_.span_s = newest.dx_s - offsetsFromStart.front().dx_s;
     quality_.slope = slope_;
-    quality_.offsetAtNewest_s = start2_s + slope_ * newest.dx_s + offsetIntercept - (start1_s + newest.dx_s);
+    quality_.offsetAtNewest_s = start2_s + slope_ * newest.dx_s + offsetIntercept_ - (start1_s + newest.dx_s);
     const TimestampDecimal nSxy = sumXY * n - sumX * sumY;
     const TimestampDecimal nSyy = sumYY * n - sumY * sumY;
-    TimestampDecimal rss = (nSyy - nSxy * nSxy / denominator) / n;
+    TimestampDecimal rss = (nSyy - nSxy * nSxy / denominator_) / n;
     if (rss < 0) rss = 0;  // the last digits of the cancellation, nothing more
     if (n > 2) {
         const TimestampDecimal variance = rss / (n - 2);
         quality_.residualStdDev_s = sqrt(variance);
-        const TimestampDecimal slopeVariance = variance * n / denominator;
+        const TimestampDecimal slopeVariance = variance * n / denominator_;
         quality_.slopeStdError = sqrt(slopeVariance);
         const TimestampDecimal fromMean_s = newest.dx_s - sumX / n;
         quality_.offsetStdError_s = sqrt(variance / n + slopeVariance * fromMean_s * fromMean_s);
@@ -100,10 +134,76 @@ void LinearRegression::refit() const {
         quality_.slopeStdError = 0;
         quality_.offsetStdError_s = 0;
     }
+    visitResiduals();
+}
+
+void LinearRegression::visitResiduals() const {
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    const std::size_t n = offsetsFromStart.size();
+    // The fitted line on the samples' offsets: d = slope1 * x + intercept.
+    const double slope1 = static_cast<double>(slope_ - 1);
+    const double intercept_s = static_cast<double>(offsetIntercept_);
+    const auto residual = [&](const Sample& s) { return s.d_s - (slope1 * s.x_s + intercept_s); };
+    // x and d are truncated to the nanosecond: a residual may be off by
+    // that much from d and by the slope times that much from x.
+    const double truncation_s = 1e-9 * (1 + std::fabs(slope1));
+
+    double sumSquares = 0, sumLagged = 0, previous = 0;
+    bool bracketed = true;
+    double narrowest = kInfinity;
+    const Sample* older = nullptr;  // the narrowest of the older half
+    const Sample* newer = nullptr;  // and of the newer half
+    std::size_t index = 0;
+    for (const Sample& s : offsetsFromStart) {
+        const double e = residual(s);
+        sumSquares += e * e;
+        if (index > 0) sumLagged += e * previous;
+        previous = e;
+        if (s.halfWidth_s < 0) bracketed = false;
+        narrowest = std::min(narrowest, s.halfWidth_s < 0 ? kInfinity : s.halfWidth_s);
+        const Sample*& side = index < n / 2 ? older : newer;
+        if (!side || s.halfWidth_s < side->halfWidth_s) side = &s;
+        ++index;
+    }
+
+    const double r1 = n > 2 && sumSquares > 0 ? sumLagged / sumSquares : 0;
+    const double nd = static_cast<double>(n);
+    double effective = nd;
+    const double r0 = std::max(r1, 0.0);
+    const double rb = std::min(r0 + (1 + 4 * r0) / nd + std::sqrt((1 - r0 * r0) / nd), 1.0);
+    if (n > 3) effective = std::clamp(nd * (1 - rb) / (1 + rb), 3.0, nd);
+    double inflation = n > 3 ? std::sqrt((nd - 2) / (effective - 2)) : 1;
+    if (n > 3) inflation *= boost::math::quantile(boost::math::students_t(effective - 2), 0.99865) / 3;
+    quality_.residualLag1Correlation = r1;
+    quality_.effectiveSampleCount = effective;
+    quality_.slopeStdErrorCorrected = static_cast<double>(quality_.slopeStdError) * inflation;
+    quality_.offsetStdErrorCorrected_s = static_cast<double>(quality_.offsetStdError_s) * inflation;
+    quality_.narrowestHalfWidth_s = narrowest;
+
+    quality_.slopeBound = kInfinity;
+    quality_.offsetBound_s = kInfinity;
+    if (!bracketed) return;
+    if (older && newer && newer->x_s > older->x_s) {
+        const double run_s = newer->x_s - older->x_s;
+        const double widths_s = newer->halfWidth_s + older->halfWidth_s + 2 * truncation_s;
+        const double low = (newer->d_s - older->d_s - widths_s) / run_s;
+        const double high = (newer->d_s - older->d_s + widths_s) / run_s;
+        quality_.slopeBound = std::max(slope1 - low, high - slope1);
+    }
+    const double newest_s = offsetsFromStart.back().x_s;
+    double bound = kInfinity;
+    for (const Sample& s : offsetsFromStart) {
+        const double age_s = newest_s - s.x_s;
+        // An unknown slope allows only samples at the newest reading.
+        const double drift_s = age_s > 0 ? quality_.slopeBound * age_s : 0;
+        bound = std::min(bound, s.halfWidth_s + std::fabs(residual(s)) + truncation_s + drift_s);
+    }
+    quality_.offsetBound_s = bound;
 }
 
 const LinearRegression::Quality& LinearRegression::quality() const {
     requireFit();
+    if (qualityStale) makeQuality();
     return quality_;
 }
 

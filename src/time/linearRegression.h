@@ -40,7 +40,42 @@
 //                            sqrt(s^2 / n + se^2 * (xn - sumX / n)^2)
 // all in the exact decimal type; quality() gives them with the span of the
 // first coordinate (newest - oldest) and the fitted offset second - first at
-// the newest sample. They are made with the fit and kept with it.
+// the newest sample.
+// Those standard errors hold for independent residuals. Path delays drift,
+// so neighbouring residuals are alike and the errors above are too small;
+// quality() also visits the kept samples once (in binary floating point,
+// on each sample's offsets second - first and first, which are small
+// enough that a double keeps them to far below a nanosecond) for
+//   r1     the residuals' lag-1 autocorrelation, sum e(i) e(i-1) / sum e(i)^2
+//   n_eff  the effective sample count n (1 - r) / (1 + r), kept within
+//          [3, n] (n when n <= 3), for r = r1 (0 when below it) raised by
+//          its bias in a short series of fitted residuals, (1 + 4 r1) / n,
+//          and by one of its standard deviations, sqrt((1 - r1^2) / n): a
+//          window that happens to look less correlated than its source
+//          still gets its errors widened
+//   the corrected standard errors: se and the offset error times
+//          sqrt((n - 2) / (n_eff - 2)), as RSS spread over n_eff - 2 degrees
+//          of freedom and n_eff independent samples would give them, times
+//          t / 3 for the 99.865 % quantile t of Student's distribution with
+//          n_eff - 2 degrees of freedom, so that three of them make the
+//          99.73 % interval that three standard errors make for many samples.
+// A sample may come with its pairing half-width h (addBracketedSample): the
+// second reading is known to lie within h of the true second timescale's
+// time at the first reading, whatever the path (the round trip it was read
+// in). When every kept sample has one, quality() also states, for a true
+// relation that is a straight line, assumption-free bounds:
+//   slopeBound    how far the fitted slope may be from the true one: the
+//                 narrowest sample i of the older half and j of the newer
+//                 half confine the true line's slope to
+//                 [(d(j) - h(j)) - (d(i) + h(i)), (d(j) + h(j)) - (d(i) - h(i))]
+//                 / (x(j) - x(i)) (d = second - first, each side's offsets);
+//                 the bound is the fitted slope's distance to the farther end
+//   offsetBound   how far the fitted offset at xn may be from the true one:
+//                 the smallest over the kept samples k of
+//                 h(k) + |e(k)| + slopeBound * (xn - x(k)),
+//                 since the true line passes within h(k) of sample k.
+// Otherwise (or with a degenerate window) both are +infinity. They are made
+// when first asked for after an add and kept until the next add.
 // Construction refuses maxHistorySize < 2 and sizes the list cannot hold
 // (-52005). Reports carry the file label "source\ztsdlib\linearRegression".
 //
@@ -63,6 +98,8 @@ public:
 
     std::uint64_t getHistorySize() const override { return offsetsFromStart.size(); }
     void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) override;
+    void addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
+                            double pairingHalfWidth_s) override;
     TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const override;
     TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const override;
     // Makes the fit now if a sample was added since it was last made.
@@ -80,6 +117,15 @@ public:
         TimestampDecimal residualStdDev_s;  // of the second coordinate about the line
         TimestampDecimal slopeStdError;     // of the slope, dimensionless
         TimestampDecimal offsetStdError_s;  // of the fitted line at the newest sample
+        // Accounting for correlated residuals (see above).
+        double residualLag1Correlation = 0;
+        double effectiveSampleCount = 0;
+        double slopeStdErrorCorrected = 0;
+        double offsetStdErrorCorrected_s = 0;
+        // Bounds whatever the path (see above); +infinity when not stated.
+        double narrowestHalfWidth_s = 0;  // smallest pairing half-width kept (+infinity without)
+        double slopeBound = 0;
+        double offsetBound_s = 0;
     };
     // The quality of the present fit (throws as the calculations do when
     // there is none).
@@ -95,10 +141,16 @@ private:
         TimestampDecimal dxdx;  // dx_s * dx_s
         TimestampDecimal dxdy;  // dx_s * dy_s
         TimestampDecimal dydy;  // dy_s * dy_s
+        double x_s;             // dx_s as a double
+        double d_s;             // dy_s - dx_s as a double
+        double halfWidth_s;     // the pairing half-width, negative when not known
     };
     enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
 
     void refit() const;
+    void makeQuality() const;
+    // The figures made by visiting the samples (see above).
+    void visitResiduals() const;
     void requireFit() const;
 
     std::uint64_t maxHistorySize;
@@ -109,6 +161,8 @@ private:
 
     // The fit of the present history, made on demand (see above).
     mutable bool fitStale = false;
+    mutable bool qualityStale = true;
+    mutable TimestampDecimal offsetIntercept_, denominator_;
     mutable Fit fit = Fit::NotEnoughHistory;
     mutable TimestampDecimal slope_, intercept_;
     mutable Quality quality_;

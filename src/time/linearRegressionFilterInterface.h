@@ -19,6 +19,15 @@ public:
     // Adds one paired reading (first on the first timescale, second on the
     // second), dropping the oldest sample when the history is full.
     virtual void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) = 0;
+    // The same for a pair whose second reading is known to lie within
+    // pairingHalfWidth_s of the second timescale's true time at first_s (for
+    // example half the round trip it was read in); a filter that does not
+    // use it adds the sample as above.
+    virtual void addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
+                                    double pairingHalfWidth_s) {
+        (void)pairingHalfWidth_s;
+        addSample(first_s, second_s);
+    }
     // The first timescale's reading for a reading of the second:
     // x = (y - intercept) / slope.
     virtual TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const = 0;

@@ -37,6 +37,13 @@ void LinearRegressionFilterWrapper::addSample(const TimestampDecimal& first_s, c
     ++added_;
 }
 
+void LinearRegressionFilterWrapper::addBracketedSample(const TimestampDecimal& first_s,
+                                                       const TimestampDecimal& second_s, double pairingHalfWidth_s) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    filter_->addBracketedSample(first_s, second_s, pairingHalfWidth_s);
+    ++added_;
+}
+
 void LinearRegressionFilterWrapper::prepareCalculations() const {
     std::lock_guard<std::mutex> lock(mutex_);
     filter_->prepareCalculations();

@@ -31,6 +31,13 @@ TimestampDecimal midpoint(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b
     return (toDecimal(a) + toDecimal(b)) / 2;
 }
 
+double pairingHalfWidth_s(std::int64_t bracket_ns) {
+    constexpr double kTick_ns = 100;
+    constexpr double kRateAllowance = 1.001;
+    constexpr double kRemoteTruncation_ns = 1;
+    return ((static_cast<double>(bracket_ns) / 2 + kTick_ns) * kRateAllowance + kRemoteTruncation_ns) * 1e-9;
+}
+
 std::int64_t differenceNanos(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {
     using Wide = __int128;
     const auto value = [](const ztsdlib_Timestamp& t) {

@@ -49,6 +49,15 @@ private:
 // (a + b) / 2, exactly.
 TimestampDecimal midpoint(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b);
 
+// How far a symmetric round's remote reading, paired with the midpoint of a
+// bracket of bracket_ns (>= 0), may be from the remote clock's true time at
+// that midpoint, in seconds: the reading was taken within the round trip, so
+// within half the bracket of the midpoint, widened by one tick of a 100 ns
+// clock for the truncated first-timescale readings, by 0.1 % for a remote
+// clock running up to 1000 ppm off, and by 1 ns for the remote reading's own
+// truncation.
+double pairingHalfWidth_s(std::int64_t bracket_ns);
+
 // b - a in nanoseconds (signed), for records within ±2^63 ns of each other;
 // further apart saturates.
 std::int64_t differenceNanos(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b);

@@ -2,6 +2,7 @@
  * A consumer written in C99 against the public header and the shared
  * library only. Exits non-zero with a message on the first failed check.
  */
+#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -58,6 +59,8 @@ static void correlatorBetweenHostTimescales(int symmetric) {
                   : ztsdlib_LinearCorrelator_create("/correlators/hosts", first, second, 10, 5, 2000, &status);
     ztsdlib_Timestamp now, mapped;
     ztsdlib_CorrelationQuality quality;
+    ztsdlib_CorrelationQualityV2 quality2;
+    zterr_Status refused = {0, 0, ztsdlib_Status_defaultReallocate, NULL};
     long long difference_ns;
 
     CHECK(correlator != NULL);
@@ -72,6 +75,19 @@ static void correlatorBetweenHostTimescales(int symmetric) {
     CHECK(!mapped.isNegative);
     ztsdlib_TimestampCorrelator_getQuality(correlator, &quality, &status);
     CHECK(status.code == 0 && quality.sampleCount == 5 && quality.span_ns > 0);
+    /* The second record: the caller's size, the first record within it, the
+     * bound only for the symmetric sampling; a size too small is refused. */
+    memset(&quality2, 0xff, sizeof quality2);
+    quality2.size = sizeof quality2;
+    ztsdlib_TimestampCorrelator_getQualityV2(correlator, &quality2, &status);
+    CHECK(status.code == 0 && quality2.size == sizeof quality2 && quality2.quality.sampleCount == 5);
+    CHECK(quality2.effectiveSampleCount >= 3 && quality2.effectiveSampleCount <= 5);
+    CHECK(quality2.offsetStdErrorCorrected_ns >= quality2.quality.offsetStdError_ns);
+    CHECK(symmetric ? quality2.offsetBound_ns > 0 && quality2.offsetBound_ns < 1e9 : isinf(quality2.offsetBound_ns));
+    quality2.size = (uint32_t)sizeof quality2 - 8;
+    ztsdlib_TimestampCorrelator_getQualityV2(correlator, &quality2, &refused);
+    CHECK(refused.code == -52005 && refused.json != NULL && strstr(refused.json, "quality.size") != NULL);
+    refused.reallocate(&refused, 0);
     ztsdlib_TimestampCorrelator_stop(correlator, &status);
     CHECK(!ztsdlib_TimestampCorrelator_isRunning(correlator, &status));
     CHECK(status.code == 0);

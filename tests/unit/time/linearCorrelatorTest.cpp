@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -418,6 +419,18 @@ TEST(LinearCorrelator, SymmetricSamplingPairsTheRemoteReadingWithTheMiddleOfTheR
         const ztsdlib_CorrelationQuality q = correlator.quality();
         EXPECT_NEAR(q.rate_ppb, 50000.0, 1e-3);
         EXPECT_LT(q.residualStdDev_ns, 1.0);
+        // The symmetric sampling bounds its offset by half its narrowest
+        // kept round trip (out + back; a slow or cold leg only widens it),
+        // which covers the error of the asymmetry; the sequential states none.
+        const ztsdlib_CorrelationQualityV2 v2 = correlator.qualityV2();
+        if (c.sampling == Sampling::Symmetric) {
+            const double halfTrip_ns = (c.out_ns + c.back_ns) / 2.0;
+            EXPECT_GE(v2.offsetBound_ns, std::fabs(c.error_ns * 1.00005));
+            EXPECT_LE(v2.offsetBound_ns, halfTrip_ns * 1.001 + 110);
+            EXPECT_NEAR(v2.narrowestHalfRoundTrip_ns, halfTrip_ns * 1.001 + 101.1, 1);
+        } else {
+            EXPECT_TRUE(std::isinf(v2.offsetBound_ns) && std::isinf(v2.rateBound_ppb));
+        }
         correlator.stop();
         EXPECT_EQ(correlator.delayedRoundsDropped() > 0, c.drops) << correlator.delayedRoundsDropped();
     }
@@ -459,6 +472,17 @@ TEST(LinearCorrelator, QualityRecordIsTheRegressionsFiguresInTheRecordsUnits) {
     EXPECT_DOUBLE_EQ(got.offsetStdError_ns, static_cast<double>(want.offsetStdError_s * 1000000000));
     EXPECT_GT(got.residualStdDev_ns, 400.0);  // the noise is there to be measured
     EXPECT_GT(got.offsetStdError_ns, 100.0);
+    // The second record: made once for this history and kept, equal to the
+    // one a fresh regression gives.
+    const ztsdlib_CorrelationQualityV2 v2 = correlator.qualityV2();
+    EXPECT_EQ(v2.size, sizeof v2);
+    EXPECT_EQ(std::memcmp(&v2.quality, &got, sizeof got), 0);
+    EXPECT_DOUBLE_EQ(v2.residualLag1Correlation, want.residualLag1Correlation);
+    EXPECT_LT(v2.residualLag1Correlation, -0.9);  // the alternating noise
+    EXPECT_DOUBLE_EQ(v2.effectiveSampleCount, want.effectiveSampleCount);
+    EXPECT_DOUBLE_EQ(v2.slopeStdErrorCorrected_ppb, want.slopeStdErrorCorrected * 1e9);
+    EXPECT_DOUBLE_EQ(v2.offsetStdErrorCorrected_ns, want.offsetStdErrorCorrected_s * 1e9);
+    EXPECT_TRUE(std::isinf(v2.offsetBound_ns));  // the sequential sampling
 }
 
 // The rule for delayed replies: a bracket over 3 times the median of the

@@ -4,6 +4,7 @@
 // nanosecond after the documented conversion back to a timestamp.
 #include <gtest/gtest.h>
 
+#include <boost/math/distributions/students_t.hpp>
 #include <boost/multiprecision/cpp_int.hpp>
 #include <cmath>
 #include <cstdint>
@@ -409,4 +410,159 @@ TEST(LinearRegression, QualityFiguresMatchAnExactComputationAndRecoverTheNoise) 
     EXPECT_EQ(captureRaise([&] { one.quality(); }).code, -52010);
     one.addSample(decimalOfNanos(5), decimalOfNanos(9));
     EXPECT_EQ(captureRaise([&] { one.quality(); }).code, -52008);
+}
+
+namespace {
+
+// A window of count samples 20 ms apart whose second reading strays from a
+// true line (20 ppm fast, 2.5 s ahead) by a drifting error: an AR(1) series
+// of coefficient phi with innovations of about innovation_ns, in whole
+// nanoseconds.
+struct DriftingWindow {
+    std::vector<SampleNs> samples;
+    cpp_rational trueSlope = cpp_rational(1000020, 1000000);
+    cpp_int x0 = cpp_int(13400000000LL) * kNanosPerSecond + 123456789;
+    cpp_int y0 = x0 + 2500000000LL;
+    // The true second reading at x, in seconds.
+    cpp_rational truth(const cpp_int& x) const {
+        return (cpp_rational(y0) + cpp_rational(x - x0) * trueSlope) / cpp_rational(kNanosPerSecond);
+    }
+};
+
+DriftingWindow driftingWindow(std::mt19937_64& rng, int count, double phi, double innovation_ns) {
+    DriftingWindow w;
+    std::normal_distribution<double> innovation(0, innovation_ns);
+    double error = innovation(rng) / std::sqrt(1 - phi * phi);
+    for (int i = 0; i < count; ++i) {
+        const cpp_int x = w.x0 + cpp_int(i) * 20000000;
+        const cpp_rational exact = cpp_rational(w.y0) + cpp_rational(x - w.x0) * w.trueSlope;
+        const long long e = std::llround(error);
+        w.samples.push_back({x, cpp_int(numerator(exact) / denominator(exact)) + e});
+        error = phi * error + innovation(rng);
+    }
+    return w;
+}
+
+// Where the correlated-residual figures come from, computed here from the
+// exact residuals of the exact fit (rationals), by their definitions.
+struct ExactCorrelation {
+    double r1, effective, inflation;
+};
+
+ExactCorrelation exactCorrelation(const std::vector<SampleNs>& kept) {
+    const ExactLine line = exactFit(kept);
+    cpp_rational lagged, squares, previous;
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        const cpp_rational e =
+            cpp_rational(kept[i].y, kNanosPerSecond) - line.second(cpp_rational(kept[i].x, kNanosPerSecond));
+        squares += e * e;
+        if (i > 0) lagged += e * previous;
+        previous = e;
+    }
+    ExactCorrelation c;
+    const double n = static_cast<double>(kept.size());
+    c.r1 = static_cast<double>(lagged / squares);
+    const double r0 = std::max(c.r1, 0.0);
+    const double r = std::min(r0 + (1 + 4 * r0) / n + std::sqrt((1 - r0 * r0) / n), 1.0);
+    c.effective = std::min(std::max(n * (1 - r) / (1 + r), 3.0), n);
+    c.inflation = std::sqrt((n - 2) / (c.effective - 2)) *
+                  boost::math::quantile(boost::math::students_t(c.effective - 2), 0.99865) / 3;
+    return c;
+}
+
+}  // namespace
+
+TEST(LinearRegression, CorrelatedResidualsWidenTheStandardErrorsEnoughToCoverTheTruth) {
+    std::mt19937_64 rng(4242);
+    // Known answers: drifting errors of several strengths, against the exact
+    // residuals' figures.
+    for (const double phi : {0.0, 0.5, 0.9, 0.99}) {
+        SCOPED_TRACE("phi " + std::to_string(phi));
+        const DriftingWindow w = driftingWindow(rng, 150, phi, 2000);
+        LinearRegression regression(150);
+        for (const auto& s : w.samples) regression.addSample(decimalOfNanos(s.x), decimalOfNanos(s.y));
+        const ExactCorrelation exact = exactCorrelation(w.samples);
+        const auto& q = regression.quality();
+        EXPECT_NEAR(q.residualLag1Correlation, exact.r1, 1e-9);
+        EXPECT_NEAR(q.effectiveSampleCount, exact.effective, 1e-6 * exact.effective);
+        EXPECT_NEAR(q.slopeStdErrorCorrected, static_cast<double>(q.slopeStdError) * exact.inflation,
+                    1e-9 * q.slopeStdErrorCorrected);
+        EXPECT_NEAR(q.offsetStdErrorCorrected_s, static_cast<double>(q.offsetStdError_s) * exact.inflation,
+                    1e-9 * q.offsetStdErrorCorrected_s);
+        EXPECT_TRUE(std::isinf(q.offsetBound_s) && std::isinf(q.slopeBound));  // no brackets, no bounds
+    }
+    // Coverage: in 400 windows of strongly drifting errors, three corrected
+    // standard errors hold the true slope and offset in 99 % of them; three
+    // plain ones in about half.
+    int plainSlope = 0, slope = 0, plainOffset = 0, offset = 0;
+    const int windows = 400;
+    for (int k = 0; k < windows; ++k) {
+        const DriftingWindow w = driftingWindow(rng, 200, 0.9, 300);
+        LinearRegression regression(200);
+        for (const auto& s : w.samples) regression.addSample(decimalOfNanos(s.x), decimalOfNanos(s.y));
+        const auto& q = regression.quality();
+        const cpp_int& xn = w.samples.back().x;
+        const double slopeError = std::fabs(static_cast<double>(rationalOf(q.slope) - w.trueSlope));
+        const double offsetError = std::fabs(static_cast<double>(
+            rationalOf(q.offsetAtNewest_s) - (w.truth(xn) - cpp_rational(xn, kNanosPerSecond))));
+        plainSlope += slopeError <= 3 * static_cast<double>(q.slopeStdError);
+        slope += slopeError <= 3 * q.slopeStdErrorCorrected;
+        plainOffset += offsetError <= 3 * static_cast<double>(q.offsetStdError_s);
+        offset += offsetError <= 3 * q.offsetStdErrorCorrected_s;
+    }
+    EXPECT_GE(slope, windows * 99 / 100);
+    EXPECT_GE(offset, windows * 99 / 100);
+    EXPECT_LT(plainSlope, windows * 8 / 10);
+    EXPECT_LT(plainOffset, windows * 8 / 10);
+}
+
+TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetry) {
+    std::mt19937_64 rng(977);
+    std::uniform_int_distribution<long long> halfWidth_ns(20000, 80000);
+    // How the reading sits in its bracket: anywhere, drifting from one edge
+    // to the other over the window, or always at the late edge (every reply
+    // slow: the bias no standard error sees).
+    enum class Asymmetry { uniform, drifting, late };
+    int plainCovers = 0, cases = 0;
+    for (const Asymmetry asymmetry : {Asymmetry::uniform, Asymmetry::drifting, Asymmetry::late}) {
+        for (int k = 0; k < 40; ++k, ++cases) {
+            DriftingWindow w;
+            LinearRegression regression(120);
+            std::vector<long long> h(120), a(120);
+            for (int i = 0; i < 120; ++i) {
+                h[i] = halfWidth_ns(rng);
+                const double share = asymmetry == Asymmetry::uniform
+                                         ? std::uniform_real_distribution<double>(-1, 1)(rng)
+                                         : asymmetry == Asymmetry::drifting ? std::sin(i / 19.0 + k) : 1.0;
+                a[i] = static_cast<long long>(share * static_cast<double>(h[i]));
+                const cpp_int x = w.x0 + cpp_int(i) * 20000000;
+                const cpp_rational exact = cpp_rational(w.y0) + cpp_rational(x - w.x0) * w.trueSlope;
+                w.samples.push_back({x, cpp_int(numerator(exact) / denominator(exact)) + a[i]});
+                regression.addBracketedSample(decimalOfNanos(x), decimalOfNanos(w.samples.back().y),
+                                              static_cast<double>(h[i] + 1) * 1e-9);
+            }
+            const auto& q = regression.quality();
+            const cpp_int& xn = w.samples.back().x;
+            const double offsetError = std::fabs(static_cast<double>(
+                rationalOf(q.offsetAtNewest_s) - (w.truth(xn) - cpp_rational(xn, kNanosPerSecond))));
+            const double slopeError = std::fabs(static_cast<double>(rationalOf(q.slope) - w.trueSlope));
+            EXPECT_LE(offsetError, q.offsetBound_s);
+            EXPECT_LE(slopeError, q.slopeBound);
+            // Never looser than the newest sample's own half-width and
+            // distance from the line (and a few ns for the truncations).
+            const double newestResidual_s =
+                std::fabs(static_cast<double>(rationalOf(regression.calculateSecond(decimalOfNanos(xn))) -
+                                              cpp_rational(w.samples.back().y, kNanosPerSecond)));
+            EXPECT_LE(q.offsetBound_s, static_cast<double>(h.back() + 1) * 1e-9 + newestResidual_s + 3e-9);
+            EXPECT_EQ(q.narrowestHalfWidth_s, static_cast<double>(*std::min_element(h.begin(), h.end()) + 1) * 1e-9);
+            plainCovers += offsetError <= 3 * q.offsetStdErrorCorrected_s;
+        }
+    }
+    // The late edge moves every sample alike: the standard errors miss it.
+    EXPECT_LE(plainCovers, cases - 30);
+    // One sample without its half-width and nothing is bounded.
+    LinearRegression mixed(10);
+    for (int i = 0; i < 5; ++i) mixed.addBracketedSample(decimalOfNanos(i * 1000), decimalOfNanos(i * 1001), 1e-6);
+    mixed.addSample(decimalOfNanos(5000), decimalOfNanos(5005));
+    EXPECT_TRUE(std::isinf(mixed.quality().offsetBound_s) && std::isinf(mixed.quality().slopeBound));
 }
