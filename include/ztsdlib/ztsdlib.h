@@ -292,23 +292,34 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
  *                             versions only add fields at the end), and
  *                             refuses a size below this version's with -52005
  *   quality                   the record getQuality writes, for the same history
+ *   newestTimescale1          the newest sample's timescale1 reading, at
+ *                             which quality.offsetAtNewest and the bounds
+ *                             below hold
  *   residualLag1Correlation   r1 of the residuals about the line (-1..1)
  *   effectiveSampleCount      n (1 - r) / (1 + r), kept within [3, n] (n for
  *                             n <= 3), where r is r1 (0 when below it)
  *                             raised by its small-sample bias (1 + 4 r1) / n
  *                             and by one standard deviation sqrt((1 - r1^2) / n)
  *   slopeStdErrorCorrected_ppb, offsetStdErrorCorrected_ns
- *                             the standard errors above times
- *                             sqrt((n - 2) / (effectiveSampleCount - 2)) and
- *                             times t / 3, t the 99.865 % quantile of
- *                             Student's t with effectiveSampleCount - 2
- *                             degrees of freedom (so that 3 of them make a
- *                             99.73 % interval however few samples count):
  *                             standard uncertainties that allow for
- *                             residuals that drift together. They describe
- *                             the scatter of the fit, not a bias: a path
- *                             slower one way than the other shifts every
- *                             sample alike and no standard error shows it.
+ *                             residuals that drift together. The scatter's
+ *                             share is the standard error above times
+ *                             s = sqrt((n - 2) / (effectiveSampleCount - 2)).
+ *                             With bounds (the symmetric sampling) each is
+ *                             sqrt((error * s)^2 + bound^2 / 3): the scatter
+ *                             combined with its bound below (rateBound_ppb,
+ *                             offsetBound_ns) taken as a rectangular
+ *                             distribution, so that three of them always
+ *                             hold the truth, whatever the path asymmetry.
+ *                             Without bounds (the sequential sampling) it is
+ *                             error * s * t / 3, t the 99.865 % quantile of
+ *                             Student's t with effectiveSampleCount - 2
+ *                             degrees of freedom (three of them make a
+ *                             99.73 % interval of the scatter however few
+ *                             samples count); that describes the scatter of
+ *                             the fit, not a bias: a path slower one way
+ *                             than the other shifts every sample alike and
+ *                             no standard error shows it.
  *   narrowestHalfRoundTrip_ns the smallest pairing half-width of the history
  *                             (half the narrowest round trip, widened by the
  *                             readings' resolution; see below)
@@ -317,17 +328,18 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
  *   offsetBound_ns            how far offsetAtNewest may be from the true
  *                             offset at the newest sample, whatever the path
  *                             asymmetry: the accuracy of the offset.
- *                             At a host time t later than the newest sample
- *                             the offset's bound is offsetBound_ns +
- *                             rateBound_ppb * 1e-9 * (t - newest) (ns).
+ *                             At another host time t the offset's bound
+ *                             is offsetBound_ns + rateBound_ppb * 1e-9 *
+ *                             |t - newestTimescale1| (t in ns).
  * The bounds assume only that the two clocks keep a constant rate over the
  * history and that a remote reading is taken during its own round trip. A
  * symmetric correlator states them: its pairing half-width is half the round
  * trip (between its two timescale1 readings) plus 100 ns for readings
  * truncated to a 100 ns clock tick and 1 ns for the remote's truncation,
- * widened by 0.1 % for the rate; the rate's bound comes from the narrowest
- * sample of each half of the history, the offset's from the sample k that
- * gives the smallest half-width(k) + |residual(k)| + rate bound * age(k).
+ * widened by 0.1 % for the rate; the rate's bound is the farther of the
+ * steepest and the flattest line that passes within every sample's
+ * half-width, the offset's comes from the sample k that gives the smallest
+ * half-width(k) + |residual(k)| + rate bound * age(k).
  * The sequential sampling reads timescale1 only before timescale2, so it
  * knows that each remote reading came after its pairing, never how long
  * after: it states no bound, and its narrowestHalfRoundTrip_ns,
@@ -340,6 +352,7 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
 typedef struct ztsdlib_CorrelationQualityV2 {
     uint32_t size;
     ztsdlib_CorrelationQuality quality;
+    ztsdlib_Timestamp newestTimescale1;
     double residualLag1Correlation;
     double effectiveSampleCount;
     double slopeStdErrorCorrected_ppb;

@@ -235,6 +235,7 @@ ztsdlib_CorrelationQualityV2 LinearCorrelator::makeQuality(const LinearRegressio
     result.residualStdDev_ns = static_cast<double>(figures.residualStdDev_s * 1000000000);
     result.slopeStdError_ppb = static_cast<double>(figures.slopeStdError * 1000000000);
     result.offsetStdError_ns = static_cast<double>(figures.offsetStdError_s * 1000000000);
+    record.newestTimescale1 = toTimestamp(figures.newestFirst_s);
     record.residualLag1Correlation = figures.residualLag1Correlation;
     record.effectiveSampleCount = figures.effectiveSampleCount;
     record.slopeStdErrorCorrected_ppb = figures.slopeStdErrorCorrected * 1e9;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "errors/exception.h"
 
@@ -25,6 +26,69 @@ double truncatedSeconds(const TimestampDecimal& value_s) {
     zterr::raise(ZTERR_SITE_AT(kLinearRegressionFile, line, constant), code, "ztsyncdomain_debug",
                  {{"message", message}});
 }
+
+// The slopes a line may have that passes within a half-width of every one
+// of a series of points (x increasing): the steepest is the least slope
+// from a point's low end (y - w) to a later point's high end (y + w), the
+// flattest the greatest from a high end to a later low end (a line of two
+// unknowns is held by two of the constraints, and each such pair gives
+// exactly that). Each is found in one pass with a convex hull of the earlier
+// ends, in O(n log n).
+class SlopeLimits {
+public:
+    // Points with the x of the last one are held back until a later x.
+    void add(double x, double y, double w) {
+        if (!pending.empty() && x > pending.front().x) flush();
+        if (!lowHull.empty()) {
+            steepest = std::min(steepest, tangent(lowHull, {x, y + w}, true));
+            flattest = std::max(flattest, tangent(highHull, {x, y - w}, false));
+        }
+        pending.push_back({x, y, w});
+    }
+    double steepest = std::numeric_limits<double>::infinity();
+    double flattest = -std::numeric_limits<double>::infinity();
+
+private:
+    struct Point {
+        double x, y;
+    };
+    struct Sample {
+        double x, y, w;
+    };
+    // > 0 when c lies left of the way from a to b.
+    static double turn(const Point& a, const Point& b, const Point& c) {
+        return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
+    }
+    void flush() {
+        for (const Sample& s : pending) {
+            push(lowHull, {s.x, s.y - s.w}, true);
+            push(highHull, {s.x, s.y + s.w}, false);
+        }
+        pending.clear();
+    }
+    // The upper hull of the low ends (from below no slope reaches past it),
+    // the lower hull of the high ends.
+    static void push(std::vector<Point>& hull, const Point& p, bool upper) {
+        while (hull.size() >= 2 && (upper ? turn(hull[hull.size() - 2], hull.back(), p) >= 0
+                                          : turn(hull[hull.size() - 2], hull.back(), p) <= 0))
+            hull.pop_back();
+        hull.push_back(p);
+    }
+    // The least slope from a point of an upper hull to q (or the greatest
+    // from a lower hull): along the hull it falls while the next point lies
+    // beyond the line from the present one to q, then rises.
+    static double tangent(const std::vector<Point>& hull, const Point& q, bool upper) {
+        std::size_t low = 0, high = hull.size() - 1;
+        while (low < high) {
+            const std::size_t mid = (low + high) / 2;
+            const double side = turn(hull[mid], q, hull[mid + 1]);
+            if (upper ? side > 0 : side < 0) low = mid + 1; else high = mid;
+        }
+        return (q.y - hull[low].y) / (q.x - hull[low].x);
+    }
+    std::vector<Point> lowHull, highHull;
+    std::vector<Sample> pending;
+};
 
 }  // namespace
 
@@ -116,6 +180,7 @@ void LinearRegression::makeQuality() const {
     const Sample& newest = offsetsFromStart.back();
     quality_.sampleCount = n;
     quality_.span_s = newest.dx_s - offsetsFromStart.front().dx_s;
+    quality_.newestFirst_s = start1_s + newest.dx_s;
     quality_.slope = slope_;
     quality_.offsetAtNewest_s = start2_s + slope_ * newest.dx_s + offsetIntercept_ - (start1_s + newest.dx_s);
     const TimestampDecimal nSxy = sumXY * n - sumX * sumY;
@@ -151,8 +216,7 @@ void LinearRegression::visitResiduals() const {
     double sumSquares = 0, sumLagged = 0, previous = 0;
     bool bracketed = true;
     double narrowest = kInfinity;
-    const Sample* older = nullptr;  // the narrowest of the older half
-    const Sample* newer = nullptr;  // and of the newer half
+    SlopeLimits limits;
     std::size_t index = 0;
     for (const Sample& s : offsetsFromStart) {
         const double e = residual(s);
@@ -161,8 +225,7 @@ void LinearRegression::visitResiduals() const {
         previous = e;
         if (s.halfWidth_s < 0) bracketed = false;
         narrowest = std::min(narrowest, s.halfWidth_s < 0 ? kInfinity : s.halfWidth_s);
-        const Sample*& side = index < n / 2 ? older : newer;
-        if (!side || s.halfWidth_s < side->halfWidth_s) side = &s;
+        if (bracketed) limits.add(s.x_s, s.d_s, s.halfWidth_s + truncation_s);
         ++index;
     }
 
@@ -172,23 +235,23 @@ void LinearRegression::visitResiduals() const {
     const double r0 = std::max(r1, 0.0);
     const double rb = std::min(r0 + (1 + 4 * r0) / nd + std::sqrt((1 - r0 * r0) / nd), 1.0);
     if (n > 3) effective = std::clamp(nd * (1 - rb) / (1 + rb), 3.0, nd);
-    double inflation = n > 3 ? std::sqrt((nd - 2) / (effective - 2)) : 1;
-    if (n > 3) inflation *= boost::math::quantile(boost::math::students_t(effective - 2), 0.99865) / 3;
+    const double scatter = n > 3 ? std::sqrt((nd - 2) / (effective - 2)) : 1;
     quality_.residualLag1Correlation = r1;
     quality_.effectiveSampleCount = effective;
-    quality_.slopeStdErrorCorrected = static_cast<double>(quality_.slopeStdError) * inflation;
-    quality_.offsetStdErrorCorrected_s = static_cast<double>(quality_.offsetStdError_s) * inflation;
     quality_.narrowestHalfWidth_s = narrowest;
+    // Without bounds: the scatter's errors, with Student's t.
+    const auto unbounded = [&] {
+        const double student =
+            n > 3 ? boost::math::quantile(boost::math::students_t(effective - 2), 0.99865) / 3 : 1;
+        quality_.slopeStdErrorCorrected = static_cast<double>(quality_.slopeStdError) * scatter * student;
+        quality_.offsetStdErrorCorrected_s = static_cast<double>(quality_.offsetStdError_s) * scatter * student;
+    };
 
     quality_.slopeBound = kInfinity;
     quality_.offsetBound_s = kInfinity;
-    if (!bracketed) return;
-    if (older && newer && newer->x_s > older->x_s) {
-        const double run_s = newer->x_s - older->x_s;
-        const double widths_s = newer->halfWidth_s + older->halfWidth_s + 2 * truncation_s;
-        const double low = (newer->d_s - older->d_s - widths_s) / run_s;
-        const double high = (newer->d_s - older->d_s + widths_s) / run_s;
-        quality_.slopeBound = std::max(slope1 - low, high - slope1);
+    if (!bracketed) return unbounded();
+    if (std::isfinite(limits.steepest) && std::isfinite(limits.flattest)) {
+        quality_.slopeBound = std::max(slope1 - limits.flattest, limits.steepest - slope1);
     }
     const double newest_s = offsetsFromStart.back().x_s;
     double bound = kInfinity;
@@ -199,6 +262,14 @@ void LinearRegression::visitResiduals() const {
         bound = std::min(bound, s.halfWidth_s + std::fabs(residual(s)) + truncation_s + drift_s);
     }
     quality_.offsetBound_s = bound;
+    if (!std::isfinite(bound) || !std::isfinite(quality_.slopeBound)) return unbounded();
+    // With bounds the errors are the scatter's (without Student's t: the
+    // bounds' share covers the tail) combined with the bounds taken as
+    // rectangular distributions, bound / sqrt(3) each.
+    const auto combined = [](double scatter_, double bound_) { return std::sqrt(scatter_ * scatter_ + bound_ * bound_ / 3); };
+    quality_.slopeStdErrorCorrected = combined(static_cast<double>(quality_.slopeStdError) * scatter, quality_.slopeBound);
+    quality_.offsetStdErrorCorrected_s =
+        combined(static_cast<double>(quality_.offsetStdError_s) * scatter, quality_.offsetBound_s);
 }
 
 const LinearRegression::Quality& LinearRegression::quality() const {

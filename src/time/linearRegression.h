@@ -54,22 +54,28 @@
 //          window that happens to look less correlated than its source
 //          still gets its errors widened
 //   the corrected standard errors: se and the offset error times
-//          sqrt((n - 2) / (n_eff - 2)), as RSS spread over n_eff - 2 degrees
-//          of freedom and n_eff independent samples would give them, times
-//          t / 3 for the 99.865 % quantile t of Student's distribution with
-//          n_eff - 2 degrees of freedom, so that three of them make the
-//          99.73 % interval that three standard errors make for many samples.
+//          s = sqrt((n - 2) / (n_eff - 2)), as RSS spread over n_eff - 2
+//          degrees of freedom and n_eff independent samples would give them,
+//          times t / 3 for the 99.865 % quantile t of Student's distribution
+//          with n_eff - 2 degrees of freedom, so that three of them make the
+//          99.73 % interval that three standard errors make for many samples;
+//          with the bounds below, instead sqrt((error * s)^2 + bound^2 / 3),
+//          each bound taken as a rectangular distribution, so that three of
+//          them hold the truth whenever the bound does.
 // A sample may come with its pairing half-width h (addBracketedSample): the
 // second reading is known to lie within h of the true second timescale's
 // time at the first reading, whatever the path (the round trip it was read
 // in). When every kept sample has one, quality() also states, for a true
 // relation that is a straight line, assumption-free bounds:
-//   slopeBound    how far the fitted slope may be from the true one: the
-//                 narrowest sample i of the older half and j of the newer
-//                 half confine the true line's slope to
+//   slopeBound    how far the fitted slope may be from the true one: any
+//                 two samples i, j with x(i) < x(j) confine the true line's
+//                 slope to
 //                 [(d(j) - h(j)) - (d(i) + h(i)), (d(j) + h(j)) - (d(i) - h(i))]
 //                 / (x(j) - x(i)) (d = second - first, each side's offsets);
-//                 the bound is the fitted slope's distance to the farther end
+//                 the tightest ends over all pairs (found with convex hulls,
+//                 O(n log n)) are exactly the slopes a line within every
+//                 sample's half-width can have; the bound is the fitted
+//                 slope's distance to the farther end
 //   offsetBound   how far the fitted offset at xn may be from the true one:
 //                 the smallest over the kept samples k of
 //                 h(k) + |e(k)| + slopeBound * (xn - x(k)),
@@ -112,6 +118,7 @@ public:
     struct Quality {
         std::uint64_t sampleCount = 0;
         TimestampDecimal span_s;            // first coordinate, newest - oldest kept sample
+        TimestampDecimal newestFirst_s;     // the newest sample's first reading
         TimestampDecimal slope;             // d second / d first
         TimestampDecimal offsetAtNewest_s;  // fitted second - first at the newest first reading
         TimestampDecimal residualStdDev_s;  // of the second coordinate about the line

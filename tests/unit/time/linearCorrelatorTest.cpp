@@ -483,6 +483,10 @@ TEST(LinearCorrelator, QualityRecordIsTheRegressionsFiguresInTheRecordsUnits) {
     EXPECT_DOUBLE_EQ(v2.slopeStdErrorCorrected_ppb, want.slopeStdErrorCorrected * 1e9);
     EXPECT_DOUBLE_EQ(v2.offsetStdErrorCorrected_ns, want.offsetStdErrorCorrected_s * 1e9);
     EXPECT_TRUE(std::isinf(v2.offsetBound_ns));  // the sequential sampling
+    // The newest sample's A reading: one of A's steps, past the first window.
+    const std::uint64_t newest_ns = ztsdtest::nanosOf(v2.newestTimescale1);
+    EXPECT_EQ((newest_ns - kStartA_ns) % 1000000ULL, 0u);
+    EXPECT_GE(newest_ns, kStartA_ns + 15000000ULL);
 }
 
 // The rule for delayed replies: a bracket over 3 times the median of the

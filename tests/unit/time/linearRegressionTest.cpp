@@ -446,7 +446,7 @@ DriftingWindow driftingWindow(std::mt19937_64& rng, int count, double phi, doubl
 // Where the correlated-residual figures come from, computed here from the
 // exact residuals of the exact fit (rationals), by their definitions.
 struct ExactCorrelation {
-    double r1, effective, inflation;
+    double r1, effective, scatter, inflation;  // inflation: scatter and Student's t
 };
 
 ExactCorrelation exactCorrelation(const std::vector<SampleNs>& kept) {
@@ -465,8 +465,8 @@ ExactCorrelation exactCorrelation(const std::vector<SampleNs>& kept) {
     const double r0 = std::max(c.r1, 0.0);
     const double r = std::min(r0 + (1 + 4 * r0) / n + std::sqrt((1 - r0 * r0) / n), 1.0);
     c.effective = std::min(std::max(n * (1 - r) / (1 + r), 3.0), n);
-    c.inflation = std::sqrt((n - 2) / (c.effective - 2)) *
-                  boost::math::quantile(boost::math::students_t(c.effective - 2), 0.99865) / 3;
+    c.scatter = std::sqrt((n - 2) / (c.effective - 2));
+    c.inflation = c.scatter * boost::math::quantile(boost::math::students_t(c.effective - 2), 0.99865) / 3;
     return c;
 }
 
@@ -523,7 +523,7 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
     // to the other over the window, or always at the late edge (every reply
     // slow: the bias no standard error sees).
     enum class Asymmetry { uniform, drifting, late };
-    int plainCovers = 0, cases = 0;
+    int covers = 0, cases = 0;
     for (const Asymmetry asymmetry : {Asymmetry::uniform, Asymmetry::drifting, Asymmetry::late}) {
         for (int k = 0; k < 40; ++k, ++cases) {
             DriftingWindow w;
@@ -555,11 +555,38 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
                                               cpp_rational(w.samples.back().y, kNanosPerSecond)));
             EXPECT_LE(q.offsetBound_s, static_cast<double>(h.back() + 1) * 1e-9 + newestResidual_s + 3e-9);
             EXPECT_EQ(q.narrowestHalfWidth_s, static_cast<double>(*std::min_element(h.begin(), h.end()) + 1) * 1e-9);
-            plainCovers += offsetError <= 3 * q.offsetStdErrorCorrected_s;
+            // The slope's bound is the tightest any two samples give: the
+            // steepest line from a low end to a later high end and the
+            // flattest from a high end to a later low end (widths with the
+            // nanosecond truncations).
+            const double slope1 = static_cast<double>(rationalOf(q.slope) - 1);
+            double steepest = 1e300, flattest = -1e300;
+            for (int i = 0; i < 120; ++i) {
+                for (int j = i + 1; j < 120; ++j) {
+                    const double run = static_cast<double>(w.samples[j].x - w.samples[i].x) * 1e-9;
+                    const double rise = static_cast<double>((w.samples[j].y - w.samples[i].y) -
+                                                            (w.samples[j].x - w.samples[i].x)) * 1e-9;
+                    const double widths = static_cast<double>(h[i] + h[j] + 2) * 1e-9 + 2e-9 * (1 + std::fabs(slope1));
+                    steepest = std::min(steepest, (rise + widths) / run);
+                    flattest = std::max(flattest, (rise - widths) / run);
+                }
+            }
+            EXPECT_NEAR(q.slopeBound, std::max(slope1 - flattest, steepest - slope1), 1e-6 * q.slopeBound);
+            // The stated errors: the scatter's, for residuals that drift
+            // together, combined with each bound as a rectangular share.
+            const double scatter = exactCorrelation(w.samples).scatter;
+            EXPECT_NEAR(q.offsetStdErrorCorrected_s,
+                        std::hypot(static_cast<double>(q.offsetStdError_s) * scatter, q.offsetBound_s / std::sqrt(3.0)),
+                        1e-9 * q.offsetStdErrorCorrected_s);
+            EXPECT_NEAR(q.slopeStdErrorCorrected,
+                        std::hypot(static_cast<double>(q.slopeStdError) * scatter, q.slopeBound / std::sqrt(3.0)),
+                        1e-9 * q.slopeStdErrorCorrected);
+            covers += offsetError <= 3 * q.offsetStdErrorCorrected_s && slopeError <= 3 * q.slopeStdErrorCorrected;
         }
     }
-    // The late edge moves every sample alike: the standard errors miss it.
-    EXPECT_LE(plainCovers, cases - 30);
+    // Even the late edge, which moves every sample alike and which no
+    // scatter shows, lies within three stated errors.
+    EXPECT_EQ(covers, cases);
     // One sample without its half-width and nothing is bounded.
     LinearRegression mixed(10);
     for (int i = 0; i < 5; ++i) mixed.addBracketedSample(decimalOfNanos(i * 1000), decimalOfNanos(i * 1001), 1e-6);
