@@ -16,11 +16,30 @@
 // sampling sees as an early error (half the hold, and on loopback about as
 // much again: the client that waited wakes slowly) and the default one not
 // at all.
+//
+// BM_StatedUncertaintyAgainstWanderingDelays: whether the figures of
+// ztsdlib_CorrelationQualityV2 cover the truth when the path delays wander
+// over seconds (the simulator's drifting delay; arguments: the outward and
+// the return amplitude in us). Both samplings fit 100 samples 20 ms apart
+// (2 s windows); every 2 s, once per window, each record is held against the
+// simulator's mapping at the record's newest sample. Counters per sampling,
+// shares of windows in %:
+//   *_off_3se_pct    |offset error| <= 3 corrected standard errors
+//   *_off_3plain_pct |offset error| <= 3 plain standard errors
+//   *_off_bound_pct  |offset error| <= offsetBound_ns (must be 100; only
+//                    for the symmetric sampling, the sequential states none)
+//   *_rate_3se_pct, *_rate_bound_pct the same for the rate
+//   *_off_rms_ns     rms offset error; *_se_ns, *_bound_ns the medians of
+//                    the corrected standard error and of the bound
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "time/hostTimescale.h"
 #include "time/linearCorrelator.h"
@@ -92,6 +111,100 @@ BENCHMARK(BM_CorrelatedTimeAgainstTheTruth)
     ->Iterations(1)
     ->Repetitions(3)
     ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// offsetAtNewest in signed ns.
+double signedNs(const ztsdlib_Timestamp& t) {
+    return (t.isNegative ? -1.0 : 1.0) * differenceNs(ztsdlib_Timestamp{}, t);
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+}
+
+// Tallies of one sampling's windows against the truth.
+struct Coverage {
+    int windows = 0, bounded = 0, offIn3Se = 0, offIn3Plain = 0, offInBound = 0, rateIn3Se = 0, rateInBound = 0;
+    double squaredErrors = 0;
+    std::vector<double> se, bound;
+
+    void add(const ztsdlib_CorrelationQualityV2& q, double trueOffset_ns) {
+        const double offError = std::fabs(signedNs(q.quality.offsetAtNewest) - trueOffset_ns);
+        const double rateError = std::fabs(q.quality.rate_ppb - kRate_ppb);
+        ++windows;
+        bounded += std::isfinite(q.offsetBound_ns);
+        offIn3Se += offError <= 3 * q.offsetStdErrorCorrected_ns;
+        offIn3Plain += offError <= 3 * q.quality.offsetStdError_ns;
+        offInBound += offError <= q.offsetBound_ns;
+        rateIn3Se += rateError <= 3 * q.slopeStdErrorCorrected_ppb;
+        rateInBound += rateError <= q.rateBound_ppb;
+        squaredErrors += offError * offError;
+        se.push_back(q.offsetStdErrorCorrected_ns);
+        bound.push_back(q.offsetBound_ns);
+    }
+
+    void report(benchmark::State& state, const std::string& prefix) const {
+        const double n = std::max(windows, 1);
+        state.counters[prefix + "_windows"] = windows;
+        state.counters[prefix + "_off_3se_pct"] = 100 * offIn3Se / n;
+        state.counters[prefix + "_off_3plain_pct"] = 100 * offIn3Plain / n;
+        state.counters[prefix + "_rate_3se_pct"] = 100 * rateIn3Se / n;
+        state.counters[prefix + "_off_rms_ns"] = std::sqrt(squaredErrors / n);
+        state.counters[prefix + "_se_ns"] = median(se);
+        if (bounded == 0) return;  // the sampling states no bound
+        state.counters[prefix + "_off_bound_pct"] = 100 * offInBound / n;
+        state.counters[prefix + "_rate_bound_pct"] = 100 * rateInBound / n;
+        state.counters[prefix + "_bound_ns"] = median(bound);
+    }
+};
+
+void BM_StatedUncertaintyAgainstWanderingDelays(benchmark::State& state) {
+    constexpr std::uint32_t kWindowSamples = 100, kWindowIntervalMs = 20, kWindows = 40;
+    ztsdsim::TimestampDaemonSimulator daemon;
+    daemon.addTimescale(kGmId);
+    daemon.setClock(kOffset_ns, kRate_ppb);
+    daemon.setDriftingDelay(static_cast<std::uint32_t>(state.range(0)), static_cast<std::uint32_t>(state.range(1)));
+    daemon.start();
+    ztsdlib::HostTimescale host{ztsdlib::kHostTimescaleUri};
+    ztsdlib::TimescaleProxy remoteA(kUri, "127.0.0.1", daemon.port());
+    ztsdlib::TimescaleProxy remoteB(kUri, "127.0.0.1", daemon.port());
+    using Sampling = ztsdlib::LinearCorrelator::Sampling;
+    ztsdlib::LinearCorrelator sequential("/bench/sequential", host, remoteA, kWindowIntervalMs, kWindowSamples,
+                                         30000, Sampling::Sequential);
+    ztsdlib::LinearCorrelator symmetric("/bench/symmetric", host, remoteB, kWindowIntervalMs, kWindowSamples,
+                                        30000, Sampling::Symmetric);
+    Coverage seq, sym;
+    const auto check = [&daemon](const ztsdlib::LinearCorrelator& correlator, Coverage& coverage) {
+        const ztsdlib_CorrelationQualityV2 q = correlator.qualityV2();
+        coverage.add(q, differenceNs(q.newestTimescale1, daemon.timeAt(q.newestTimescale1)));
+    };
+    for (auto _ : state) {
+        sequential.start();
+        symmetric.start();
+        ztsdlib_Timestamp now{};
+        host.getTime(now, nullptr);
+        sequential.correlate(ztsdlib::kHostTimescaleUri, now);  // both wait for a full history
+        symmetric.correlate(ztsdlib::kHostTimescaleUri, now);
+        for (std::uint32_t w = 0; w < kWindows; ++w) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kWindowSamples * kWindowIntervalMs));
+            check(sequential, seq);
+            check(symmetric, sym);
+        }
+        sequential.stop();
+        symmetric.stop();
+    }
+    seq.report(state, "seq");
+    sym.report(state, "sym");
+}
+// Each leg wandering up to 200 us (the asymmetry wanders both ways), and a
+// lopsided path (only the return leg wanders, up to 400 us).
+BENCHMARK(BM_StatedUncertaintyAgainstWanderingDelays)
+    ->Args({200, 200})
+    ->Args({0, 400})
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
     ->UseRealTime();
 
 }  // namespace

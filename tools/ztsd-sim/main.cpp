@@ -90,6 +90,7 @@ struct Settings {
     ztsdsim::ListingForm listingForm = ztsdsim::ListingForm::withHosts;
     unsigned replyDelay_us = 0;   // every daemon time reply held back this long after the clock is read
     unsigned replyJitter_us = 0;  // plus uniform random up to this
+    std::vector<unsigned> drift_us;  // amplitudes of the wandering outward and return delays (one: both)
     bool strictHttp = false;
     ztsdsim::DaemonPersonality daemonPersonality = ztsdsim::DaemonPersonality::faithful;
     unsigned dripInterval_ms = 1000;
@@ -128,6 +129,9 @@ public:
         daemonPort_ = chassis->daemonPort();
         chassis->timestampDaemon().setClock(offset_ns_, rate_ppb_);
         chassis->timestampDaemon().setReplyDelay(settings_.replyDelay_us, settings_.replyJitter_us);
+        if (!settings_.drift_us.empty()) {
+            chassis->timestampDaemon().setDriftingDelay(settings_.drift_us.front(), settings_.drift_us.back());
+        }
         chassis->timestampDaemon().setPersonality(settings_.daemonPersonality, settings_.dripInterval_ms);
         deviceUris_.clear();
         timescaleUris_.clear();
@@ -464,6 +468,10 @@ int main(int argc, char** argv) {
     app.add_option("--daemon-reply-jitter-us", settings.replyJitter_us,
                    "Plus a uniform random delay up to this, per reply")
         ->capture_default_str()->check(CLI::Range(0u, 1000000u));
+    app.add_option("--daemon-drift-us", settings.drift_us,
+                   "OUT[,BACK]: each leg of a daemon time call wanders between 0 and this many microseconds "
+                   "over seconds (one value: both legs alike)")
+        ->delimiter(',')->expected(1, 2)->check(CLI::Range(0u, 1000000u));
     app.add_option("--max-workers", settings.maxWorkers, "Connections served at once per chassis")
         ->capture_default_str();
     const std::vector<std::pair<std::string, ztsdsim::ListingForm>> listingForms = {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <mutex>
 #include <random>
@@ -97,6 +98,9 @@ public:
     std::int64_t replyDelay_ns = 0;   // added to every time reply after the clock is read
     std::int64_t replyJitter_ns = 0;  // plus uniform in [0, jitter]
     std::mt19937_64 jitterSource{20261123};
+    std::int64_t driftOutward_ns = 0;  // amplitude of the wandering outward delay
+    std::int64_t driftReturn_ns = 0;   // and of the return delay
+    Nanos driftOrigin_ns = hostNow();
     DaemonPersonality personality = DaemonPersonality::faithful;
     std::uint32_t dripInterval_ms = 1000;
 
@@ -155,16 +159,37 @@ public:
 
 namespace {
 
-// Holds a time reply back by the configured delay and jitter once the clock
-// has been read: declared before the handler takes the state's lock, it
-// waits after that lock is released (or until stop()).
+// A delay that wanders between 0 and amplitude_ns over seconds, as a path
+// shared with other traffic does: the mean of three sines of periods 1.7 s,
+// 3.1 s and 7.3 s (no common period within minutes), each leg with its own
+// phases, mapped onto [0, amplitude].
+std::int64_t wanderingDelay(std::int64_t amplitude_ns, Nanos sinceOrigin_ns, double phase) {
+    if (amplitude_ns <= 0) return 0;
+    const double t_s = static_cast<double>(sinceOrigin_ns) * 1e-9;
+    constexpr double kTwoPi = 6.283185307179586;
+    const double mean = (std::sin(kTwoPi * t_s / 1.7 + phase) + std::sin(kTwoPi * t_s / 3.1 + 2 * phase) +
+                         std::sin(kTwoPi * t_s / 7.3 + 3 * phase)) / 3;
+    return static_cast<std::int64_t>(static_cast<double>(amplitude_ns) * (1 + mean) / 2);
+}
+
+// Holds a time call on its way in (the wandering outward delay, before the
+// clock is read) and its reply on its way out (the fixed delay, the jitter
+// and the wandering return delay, after the clock is read): declared before
+// the handler takes the state's lock, it waits outside that lock (or until
+// stop()).
 class ReplyDelay {
 public:
     explicit ReplyDelay(DaemonState* s) : state(s) {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        std::unique_lock<std::mutex> lock(state->mutex);
         delay_ns = state->replyDelay_ns;
         if (state->replyJitter_ns > 0) {
             delay_ns += std::uniform_int_distribution<std::int64_t>(0, state->replyJitter_ns)(state->jitterSource);
+        }
+        const Nanos since = hostNow() - state->driftOrigin_ns;
+        delay_ns += wanderingDelay(state->driftReturn_ns, since, 2.0);
+        const std::int64_t outward_ns = wanderingDelay(state->driftOutward_ns, since, 0.5);
+        if (outward_ns > 0) {
+            state->changed.wait_for(lock, std::chrono::nanoseconds(outward_ns), [this] { return state->stopping; });
         }
     }
     ~ReplyDelay() {
@@ -502,6 +527,12 @@ void TimestampDaemonSimulator::setReplyDelay(std::uint32_t delay_us, std::uint32
     std::lock_guard<std::mutex> lock(state->mutex);
     state->replyDelay_ns = static_cast<std::int64_t>(delay_us) * 1000;
     state->replyJitter_ns = static_cast<std::int64_t>(jitter_us) * 1000;
+}
+
+void TimestampDaemonSimulator::setDriftingDelay(std::uint32_t outward_us, std::uint32_t return_us) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->driftOutward_ns = static_cast<std::int64_t>(outward_us) * 1000;
+    state->driftReturn_ns = static_cast<std::int64_t>(return_us) * 1000;
 }
 
 void TimestampDaemonSimulator::setReportedUri(std::optional<std::string> uri) {

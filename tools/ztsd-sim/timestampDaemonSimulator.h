@@ -40,6 +40,14 @@
 // congested link, which a reader that pairs its own clock with the start of
 // the round trip mistakes for offset. It is a setting, not a fault:
 // clearFaults() leaves it.
+// setDriftingDelay makes both legs of a time call wander over seconds, as on
+// a path shared with other traffic: the call is held before the clock is
+// read (the outward leg) and its reply after (the return leg), each by a
+// delay between 0 and its amplitude that follows its own smooth curve (three
+// sines of 1.7 s, 3.1 s and 7.3 s, no common period within minutes). Equal
+// amplitudes leave the legs alike on average, the asymmetry wandering both
+// ways; one amplitude 0 makes the path lopsided. A setting too, kept by
+// clearFaults().
 //
 // Personality (setPersonality): how the time calls are answered, to play
 // daemons, and things that are not daemons, met in the field. The version
@@ -124,6 +132,9 @@ public:
 
     // Both in microseconds; 0, 0 (the default) answers at once.
     void setReplyDelay(std::uint32_t delay_us, std::uint32_t jitter_us);
+    // Amplitudes of the wandering outward and return delays, in
+    // microseconds; 0, 0 (the default) holds nothing.
+    void setDriftingDelay(std::uint32_t outward_us, std::uint32_t return_us);
     void setReportedUri(std::optional<std::string> uri);  // nullopt: the list's URI
     void refuseConnections(std::uint32_t count);
     void dropCalls(std::uint32_t count);

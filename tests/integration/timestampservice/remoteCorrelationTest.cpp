@@ -3,6 +3,7 @@
 // daemon's true mapping, both ways, to within 250 us.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -102,6 +103,43 @@ TEST_F(RemoteCorrelationTest, EachSamplingSeesASlowReturnPathAsItsPairingPredict
         correlator.stop();
     }
     daemon.setReplyDelay(0, 0);
+}
+
+// Against a daemon whose path delays wander over seconds, lopsided (only the
+// return leg wanders, up to 2 ms) and both ways (each leg up to 1 ms), the
+// symmetric sampling's fitted offset and rate lie within the bounds it
+// states, checked at three times as the history moves on, and the bounds
+// say something (well under the wander); the errors corrected for drifting
+// residuals are never below the plain ones.
+TEST_F(RemoteCorrelationTest, SymmetricBoundsHoldAgainstWanderingPathDelays) {
+    struct Case {
+        std::uint32_t outward_us, return_us;
+    };
+    const Case cases[] = {{0, 2000}, {1000, 1000}};
+    ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
+    for (const Case& c : cases) {
+        SCOPED_TRACE("wander out " + std::to_string(c.outward_us) + " us, back " + std::to_string(c.return_us) + " us");
+        daemon.setDriftingDelay(c.outward_us, c.return_us);
+        auto remote = makeProxy();
+        ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/wander", host, *remote, 5, 100, 30000,
+                                             ztsdlib::LinearCorrelator::Sampling::Symmetric);
+        correlator.start();
+        correlator.correlate(ztsdlib::kHostTimescaleUri, hostNow());  // waits for the history
+        for (int check = 0; check < 3; ++check) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            const ztsdlib_CorrelationQualityV2 q = correlator.qualityV2();
+            const std::int64_t fitted_ns = (q.quality.offsetAtNewest.isNegative ? -1 : 1) *
+                                           nanosBetween(ztsdlib_Timestamp{}, q.quality.offsetAtNewest);
+            const std::int64_t true_ns = nanosBetween(q.newestTimescale1, daemon.timeAt(q.newestTimescale1));
+            EXPECT_LE(std::fabs(static_cast<double>(fitted_ns - true_ns)), q.offsetBound_ns) << check;
+            EXPECT_LE(std::fabs(q.quality.rate_ppb - daemontest::kRate_ppb), q.rateBound_ppb) << check;
+            EXPECT_LT(q.offsetBound_ns, 1e6) << check;
+            EXPECT_GE(q.offsetStdErrorCorrected_ns, q.quality.offsetStdError_ns) << check;
+            EXPECT_GE(q.slopeStdErrorCorrected_ppb, q.quality.slopeStdError_ppb) << check;
+        }
+        correlator.stop();
+    }
+    daemon.setDriftingDelay(0, 0);
 }
 
 }  // namespace
