@@ -30,5 +30,9 @@ with ztsdlib.LinearCorrelator("/localhost/example/correlators/py", host, timesca
     there = correlator.correlate(now, host)
     print("host %s is %s s on %s" % (now.to_datetime(), there.to_decimal(), timescales[0].uri))
     print("rate %+.3f ppm" % (correlator.quality().rate_ppb / 1000))
+    # +/- one standard uncertainty, and the bound that holds whatever the path.
+    fit = correlator.quality_v2()
+    print("offset %+d ns +/- %.0f ns, within +/- %.0f ns at the newest sample"
+          % (fit.quality.offset_at_newest.nanoseconds, fit.offset_std_error_corrected_ns, fit.offset_bound_ns))
 for handle in (device, host, *timescales):
     handle.close()

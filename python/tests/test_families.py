@@ -1,6 +1,7 @@
 """Every family over the simulator's real HTTP web services and Thrift
 timestamp daemons, and the mapping of their failures."""
 import json
+import math
 
 import pytest
 
@@ -60,9 +61,31 @@ def test_correlators_map_both_ways(sim, kind, json_type, shift_ns):
                 quality = correlator.quality() if kind != "caching" else inner[0].quality()
                 assert quality.sample_count >= 2
                 assert abs(quality.offset_at_newest.nanoseconds - shift_ns) < SECOND // 20
+            if kind in ("linear", "symmetric"):
+                _check_stated_accuracy(correlator, host, remote, kind == "symmetric")
             correlator.stop()
         for other in inner:
             other.close()
+
+
+def _check_stated_accuracy(correlator, host, remote, symmetric):
+    """A reading of the remote clock between two host readings lies on the
+    fitted line within the stated bounds (and the round trip's half); the
+    sequential sampling states none."""
+    before = host.get_time().nanoseconds
+    reading = remote.get_time().nanoseconds
+    after = host.get_time().nanoseconds
+    fit = correlator.quality_v2()
+    if not symmetric:
+        assert math.isinf(fit.offset_bound_ns) and math.isinf(fit.rate_bound_ppb)
+        return
+    middle = (before + after) // 2
+    since = middle - fit.newest_timescale1.nanoseconds
+    on_line = fit.quality.offset_at_newest.nanoseconds + fit.quality.rate_ppb * 1e-9 * since
+    allowed = fit.offset_bound_ns + fit.rate_bound_ppb * 1e-9 * abs(since) + (after - before) / 2 + 1000
+    assert abs(reading - middle - on_line) <= allowed
+    assert 0 < fit.offset_bound_ns < SECOND // 20
+    assert 3 * fit.offset_std_error_corrected_ns >= fit.offset_bound_ns
 
 
 def test_a_second_start_raises_the_librarys_code():

@@ -29,7 +29,8 @@ import warnings
 
 __all__ = ["ZtsdError", "ZtsdWarning", "Timestamp", "HOST_TIMESCALE_URI", "load_library",
            "HostTimescale", "TimescaleProxy", "LinearCorrelator", "CachingCorrelator", "NopCorrelator",
-           "CorrelationQuality", "Coherency", "SyncableDevice", "ThreadPool", "SyncDomain", "NopSyncDomain",
+           "CorrelationQuality", "CorrelationQualityV2", "Coherency", "SyncableDevice", "ThreadPool",
+           "SyncDomain", "NopSyncDomain",
            "load_proxy_resources", "list_syncable_device_uris", "uri_roots_to_unload"]
 
 HOST_TIMESCALE_URI = "/localhost/ztsds/timescales/system"
@@ -168,6 +169,14 @@ class _CQuality(ctypes.Structure):
                 ("offsetStdError_ns", ctypes.c_double)]
 
 
+class _CQualityV2(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_uint32), ("quality", _CQuality), ("newestTimescale1", _CTimestamp),
+                ("residualLag1Correlation", ctypes.c_double), ("effectiveSampleCount", ctypes.c_double),
+                ("slopeStdErrorCorrected_ppb", ctypes.c_double), ("offsetStdErrorCorrected_ns", ctypes.c_double),
+                ("narrowestHalfRoundTrip_ns", ctypes.c_double), ("rateBound_ppb", ctypes.c_double),
+                ("offsetBound_ns", ctypes.c_double)]
+
+
 # The ctypes codes of C's integer types, each with whether it is signed
 # (None for bool). ctypes itself wraps an int that does not fit silently
 # (-1 becomes 4294967295 as a uint32_t), so _check_integer comes first.
@@ -223,6 +232,7 @@ _EXPORTS = {
     "ztsdlib_TimestampCorrelator_isRunning": (_B, [_P, _S]),
     "ztsdlib_TimestampCorrelator_toJson": (_P, [_P, _S]),
     "ztsdlib_TimestampCorrelator_getQuality": (None, [_P, ctypes.POINTER(_CQuality), _S]),
+    "ztsdlib_TimestampCorrelator_getQualityV2": (None, [_P, ctypes.POINTER(_CQualityV2), _S]),
     "ztsdlib_SyncableDeviceProxy_create": (_P, [_TEXT, _S]),
     "ztsdlib_SyncableDevice_setCoherencyRequirements": (None, [_P, _TEXT, _TEXT, _S]),
     "ztsdlib_SyncableDevice_clearCoherencyRequirements": (None, [_P, _TEXT, _S]),
@@ -608,6 +618,23 @@ CorrelationQuality = collections.namedtuple("CorrelationQuality", [
     "sample_count", "span_ns", "slope", "rate_ppb", "offset_at_newest", "residual_std_dev_ns",
     "slope_std_error_ppb", "offset_std_error_ns"])
 
+# The fit's figures for users who need to know how far off it may be:
+# standard uncertainties that allow for residuals that drift together, and
+# for a symmetric correlator bounds that hold whatever the path asymmetry
+# (float("inf") where the sampling states none). The bounds hold at
+# newest_timescale1; at another host time t the offset's bound grows by
+# rate_bound_ppb * 1e-9 * |t - newest_timescale1|.
+CorrelationQualityV2 = collections.namedtuple("CorrelationQualityV2", [
+    "quality", "newest_timescale1", "residual_lag1_correlation", "effective_sample_count",
+    "slope_std_error_corrected_ppb", "offset_std_error_corrected_ns", "narrowest_half_round_trip_ns",
+    "rate_bound_ppb", "offset_bound_ns"])
+
+
+def _quality_of(value):
+    return CorrelationQuality(value.sampleCount, value.span_ns, value.slope, value.rate_ppb,
+                              Timestamp._from_c(value.offsetAtNewest), value.residualStdDev_ns,
+                              value.slopeStdError_ppb, value.offsetStdError_ns)
+
 
 class _Correlator(_Object):
     _delete = "ztsdlib_TimestampCorrelator_delete"
@@ -652,9 +679,17 @@ class _Correlator(_Object):
         """How well a linear correlator's history fits its line."""
         value = _CQuality()
         _call(self._lib.ztsdlib_TimestampCorrelator_getQuality, self._h, ctypes.byref(value))
-        return CorrelationQuality(value.sampleCount, value.span_ns, value.slope, value.rate_ppb,
-                                  Timestamp._from_c(value.offsetAtNewest), value.residualStdDev_ns,
-                                  value.slopeStdError_ppb, value.offsetStdError_ns)
+        return _quality_of(value)
+
+    def quality_v2(self):
+        """The same with the uncertainties and bounds of CorrelationQualityV2."""
+        value = _CQualityV2()
+        value.size = ctypes.sizeof(_CQualityV2)
+        _call(self._lib.ztsdlib_TimestampCorrelator_getQualityV2, self._h, ctypes.byref(value))
+        return CorrelationQualityV2(_quality_of(value.quality), Timestamp._from_c(value.newestTimescale1),
+                                    value.residualLag1Correlation, value.effectiveSampleCount,
+                                    value.slopeStdErrorCorrected_ppb, value.offsetStdErrorCorrected_ns,
+                                    value.narrowestHalfRoundTrip_ns, value.rateBound_ppb, value.offsetBound_ns)
 
 
 class LinearCorrelator(_Correlator):

@@ -1,6 +1,8 @@
 // correlate: fit the host clock against a remote timescale and read the line.
+#include <cmath>
 #include <iostream>
 #include <sstream>
+#include <string>
 
 #include "commands.h"
 #include "interrupt.h"
@@ -31,27 +33,47 @@ std::string ppmText(double ppb) {
 void printCorrelation(std::ostream& out, const CorrelationResult& result) {
     const std::string& atUri = result.atIsRemote ? result.remoteUri : result.hostUri;
     const std::string& otherUri = result.atIsRemote ? result.hostUri : result.remoteUri;
-    const ztsdlib_CorrelationQuality& q = result.quality;
+    const ztsdlib_CorrelationQualityV2& q = result.quality;
     out << "correlator   " << result.correlatorJson << "\n"
-              << "offset       remote - host = " << durationText(result.offset_ns) << " +/- "
-              << uncertaintyText(q.offsetStdError_ns) << " at host time " << utcText(result.reference) << "\n"
-              << "rate         remote runs " << fixedPoint(result.rate_ppt, 6, true) << " ppm ("
-              << fixedPoint(result.rate_ppt, 3, true) << " ppb) +/- " << ppmText(q.slopeStdError_ppb)
-              << " ppm against the host\n"
-              << "fit          " << q.sampleCount << " samples over " << fixedPoint(static_cast<Nanos>(q.span_ns), 9, false)
-              << " s, residual " << uncertaintyText(q.residualStdDev_ns) << " ("
-              << (result.symmetric ? "symmetric" : "sequential") << " sampling; +/- is one standard uncertainty)\n";
+        << "offset       remote - host = " << durationText(result.offset_ns) << " +/- "
+        << uncertaintyText(q.offsetStdErrorCorrected_ns) << " at host time " << utcText(result.reference) << "\n"
+        << "rate         remote runs " << fixedPoint(result.rate_ppt, 6, true) << " ppm ("
+        << fixedPoint(result.rate_ppt, 3, true) << " ppb) +/- " << ppmText(q.slopeStdErrorCorrected_ppb)
+        << " ppm against the host\n"
+        << "fit          " << q.quality.sampleCount << " samples over "
+        << fixedPoint(static_cast<Nanos>(q.quality.span_ns), 9, false) << " s, residual "
+        << uncertaintyText(q.quality.residualStdDev_ns) << " (" << (result.symmetric ? "symmetric" : "sequential")
+        << " sampling; +/- is one standard uncertainty, for residuals that drift together: "
+        << fixedPoint(static_cast<Nanos>(q.effectiveSampleCount * 10 + 0.5), 1, false) << " effective samples)\n";
+    // The standard uncertainty describes the fit's scatter; the bound is
+    // the accuracy, and only the symmetric sampling can state one.
+    if (std::isfinite(q.offsetBound_ns)) {
+        out << "accuracy     offset within +/- " << uncertaintyText(result.offsetBoundAtReference_ns())
+            << ", rate within +/- " << ppmText(q.rateBound_ppb)
+            << " ppm, whatever the path asymmetry (half the narrowest round trip "
+            << uncertaintyText(q.narrowestHalfRoundTrip_ns) << " and the fit)\n";
+    } else {
+        out << "accuracy     no bound: the sequential sampling's offset is late by the outward path delay, "
+               "which it cannot measure (sample symmetrically for a bound)\n";
+    }
     if (!result.rateIsMeaningful()) {
-        out << "warning      the rate means nothing yet: its uncertainty (3 x " << ppmText(q.slopeStdError_ppb)
-            << " ppm) exceeds 1 ppm; the baseline of " << fixedPoint(static_cast<Nanos>(q.span_ns / 1e6), 3, false)
+        out << "warning      the rate means nothing yet: its uncertainty (3 x " << ppmText(q.slopeStdErrorCorrected_ppb)
+            << " ppm) exceeds 1 ppm; the baseline of "
+            << fixedPoint(static_cast<Nanos>(q.quality.span_ns / 1e6), 3, false)
             << " s is still too short (sample longer: --settle-ms, --samples, --interval-ms)\n";
     }
     out << "time         " << decimalSeconds(result.at) << "  " << utcText(result.at) << "  on " << atUri << "\n"
-              << "correlated   " << decimalSeconds(result.correlated) << "  " << utcText(result.correlated) << "  on "
-              << otherUri << "\n";
+        << "correlated   " << decimalSeconds(result.correlated) << "  " << utcText(result.correlated) << "  on "
+        << otherUri << "\n";
 }
 
 std::string correlationJson(const CorrelationResult& result) {
+    const ztsdlib_CorrelationQualityV2& q = result.quality;
+    // The bounds are null where the sampling states none.
+    const bool bounded = std::isfinite(q.offsetBound_ns);
+    const std::string offsetBound =
+        bounded ? fixedPoint(static_cast<Nanos>(std::ceil(result.offsetBoundAtReference_ns())), 0, false) : "";
+    const std::string rateBound = bounded ? fixedPoint(static_cast<Nanos>(std::ceil(q.rateBound_ppb * 1000)), 3, false) : "";
     return JsonObject()
         .addRaw("correlator", result.correlatorJson)
         .addString("hostUri", result.hostUri)
@@ -61,11 +83,14 @@ std::string correlationJson(const CorrelationResult& result) {
         .addRaw("rate_ppb", fixedPoint(result.rate_ppt, 3, false))
         .addRaw("quality", JsonObject()
                                .addString("sampling", result.symmetric ? "symmetric" : "sequential")
-                               .addInteger("sampleCount", static_cast<Nanos>(result.quality.sampleCount))
-                               .addInteger("span_ns", static_cast<Nanos>(result.quality.span_ns))
-                               .addInteger("offsetUncertainty_ns", static_cast<Nanos>(result.quality.offsetStdError_ns + 0.5))
-                               .addInteger("residualStdDev_ns", static_cast<Nanos>(result.quality.residualStdDev_ns + 0.5))
-                               .addInteger("rateUncertainty_ppt", static_cast<Nanos>(result.quality.slopeStdError_ppb * 1000 + 0.5))
+                               .addInteger("sampleCount", static_cast<Nanos>(q.quality.sampleCount))
+                               .addInteger("span_ns", static_cast<Nanos>(q.quality.span_ns))
+                               .addInteger("offsetUncertainty_ns", static_cast<Nanos>(q.offsetStdErrorCorrected_ns + 0.5))
+                               .addInteger("residualStdDev_ns", static_cast<Nanos>(q.quality.residualStdDev_ns + 0.5))
+                               .addInteger("rateUncertainty_ppt", static_cast<Nanos>(q.slopeStdErrorCorrected_ppb * 1000 + 0.5))
+                               .addRaw("effectiveSampleCount", fixedPoint(static_cast<Nanos>(q.effectiveSampleCount * 10 + 0.5), 1, false))
+                               .addRaw("offsetBound_ns", offsetBound)
+                               .addRaw("rateBound_ppb", rateBound)
                                .addBool("rateIsMeaningful", result.rateIsMeaningful())
                                .text())
         .addRaw("at", timestampJson(result.at))

@@ -1,5 +1,7 @@
 #include "correlation.h"
 
+#include <cmath>
+
 #include "chassisAccess.h"
 #include "interrupt.h"
 
@@ -86,14 +88,20 @@ std::optional<CorrelationResult> correlateHostWith(ztsdlib_Timescale* host, ztsd
     result.atIsRemote = at.has_value() && atIsRemote;
     result.at = at.value_or(result.reference);
     result.correlated = correlate(correlator.get(), result.at, result.atIsRemote ? result.remoteUri : result.hostUri);
-    call("ztsdlib_TimestampCorrelator_getQuality", [&](zterr_Status* status) {
-        ztsdlib_TimestampCorrelator_getQuality(correlator.get(), &result.quality, status);
+    result.quality.size = sizeof result.quality;
+    call("ztsdlib_TimestampCorrelator_getQualityV2", [&](zterr_Status* status) {
+        ztsdlib_TimestampCorrelator_getQualityV2(correlator.get(), &result.quality, status);
     });
     result.correlatorJson = takeText(call("ztsdlib_TimestampCorrelator_toJson", [&](zterr_Status* status) {
         return ztsdlib_TimestampCorrelator_toJson(correlator.get(), status);
     }));
     running.stop();
     return result;
+}
+
+double CorrelationResult::offsetBoundAtReference_ns() const {
+    const double age_ns = std::fabs(static_cast<double>(toNanos(reference) - toNanos(quality.newestTimescale1)));
+    return quality.offsetBound_ns + quality.rateBound_ppb * 1e-9 * age_ns;
 }
 
 }  // namespace ztsdctl

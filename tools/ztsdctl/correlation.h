@@ -13,9 +13,12 @@
 // The correlator samples symmetrically by default (host, remote, host; the
 // remote reading paired with the middle of the round trip), which removes
 // the bias of half a round trip from the offset. Its fit quality comes with
-// the result: the standard errors of offset and rate, the residual scatter,
-// the sample count and the span. The rate is called meaningful when three
-// standard errors stay within kMeaningfulRate_ppb (1 ppm); otherwise the
+// the result (ztsdlib_TimestampCorrelator_getQualityV2): the standard
+// uncertainties of offset and rate allowing for residuals that drift
+// together, the residual scatter, the sample count and the span, and for the
+// symmetric sampling the bounds that hold whatever the path asymmetry. The
+// rate is called meaningful when three of those standard uncertainties stay
+// within kMeaningfulRate_ppb (1 ppm); otherwise the
 // baseline is still too short and the tool says so. The defaults (300
 // samples, one every 20 ms, 6 s of sampling) give a span of almost 6 s,
 // enough for a rate within 1 ppm on loopback and a quiet LAN (2 s were not
@@ -51,11 +54,16 @@ struct CorrelationResult {
     ztsdlib_Timestamp at{};                     // the time asked about
     bool atIsRemote = false;                    // `at` was read on the remote timescale
     ztsdlib_Timestamp correlated{};             // `at` on the other timescale
-    ztsdlib_CorrelationQuality quality{};       // the fit's figures when the line was read
+    ztsdlib_CorrelationQualityV2 quality{};     // the fit's figures when the line was read
     bool symmetric = true;
 
-    // Three standard errors of the rate within kMeaningfulRate_ppb.
-    bool rateIsMeaningful() const { return 3 * quality.slopeStdError_ppb <= kMeaningfulRate_ppb; }
+    // Three standard uncertainties of the rate within kMeaningfulRate_ppb.
+    bool rateIsMeaningful() const { return 3 * quality.slopeStdErrorCorrected_ppb <= kMeaningfulRate_ppb; }
+    // How far offset_ns may be from the truth at the reference, whatever the
+    // path asymmetry: the record's bound at its newest sample widened by the
+    // rate's bound over the time from there (+infinity for the sequential
+    // sampling, which states none).
+    double offsetBoundAtReference_ns() const;
 };
 
 // host is timescale1 and remote timescale2 of a fresh linear correlator.

@@ -10,6 +10,7 @@
 // the domain does not become coherent, the loss goes unnoticed, or the fit is
 // far from the truth.
 #include <chrono>
+#include <cmath>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -112,6 +113,7 @@ private:
     Nanos trueOffset_ns_ = 0;
     Nanos trueRate_ppt_ = 0;
     Nanos correlatedError_ns_ = 0;
+    bool offsetWithinBound_ = false;  // the fitted offset's error within its stated bound
 };
 
 void Demo::startSimulators() {
@@ -221,6 +223,13 @@ void Demo::correlate() {
           << durationText(correlatedError_ns_) << "\n";
     const Nanos offsetError = correlation_->offset_ns - trueOffset_ns_;
     const Nanos rateError = correlation_->rate_ppt - trueRate_ppt_;
+    // The accuracy bound holds whatever the path; the truth outside it is a
+    // fault of the library, not of the machine.
+    const double bound_ns = correlation_->offsetBoundAtReference_ns();
+    offsetWithinBound_ = std::fabs(static_cast<double>(offsetError)) <= bound_ns;
+    say() << "  the fitted offset is " << durationText(offsetError) << " off the truth, "
+          << (offsetWithinBound_ ? "within" : "OUTSIDE") << " its stated accuracy bound\n";
+    if (!offsetWithinBound_) unexpected("the fitted offset lies outside its stated accuracy bound");
     if (rateError > kSteadyRateError_ppt || -rateError > kSteadyRateError_ppt)
         say() << "  note: the rate is " << fixedPoint(rateError, 6, true)
               << " ppm off; the loopback round trips were unsteady (a busy machine?)\n";
@@ -244,6 +253,7 @@ int Demo::summary() {
                          .addInteger("trueOffset_ns", trueOffset_ns_)
                          .addRaw("trueRate_ppb", fixedPoint(trueRate_ppt_, 3, false))
                          .addInteger("correlatedError_ns", correlatedError_ns_)
+                         .addBool("offsetWithinBound", offsetWithinBound_)
                          .addInteger("problems", problems_.size())
                          .addInteger("elapsed_ms", total_ms)
                          .text()

@@ -17,7 +17,8 @@ TEST(ZtsdctlDemo, RunsFromStartToSummaryWithoutAnError) {
     const ctltest::Run human = ctltest::run({"demo"}, 30000);
     EXPECT_EQ(human.exitStatus, 0) << human.out << human.err;
     for (const char* step : {"[1/5]", "[2/5]", "[3/5]", "[4/5]", "[5/5]", "domain coherent after", "detected: ",
-                             "summary", "all as expected"})
+                             "accuracy     offset within +/- ", "within its stated accuracy bound", "summary",
+                             "all as expected"})
         EXPECT_NE(human.out.find(step), std::string::npos) << step << "\n" << human.out;
     std::string all = human.out + human.err;
     std::transform(all.begin(), all.end(), all.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -36,4 +37,6 @@ TEST(ZtsdctlDemo, RunsFromStartToSummaryWithoutAnError) {
     EXPECT_TRUE(cJSON_IsTrue(at(summary.get(), "recoveredNextCheck")));
     EXPECT_EQ(num(at(summary.get(), "problems")), 0);
     EXPECT_EQ(str(at(at(at(summary.get(), "correlation"), "correlator"), "type")), "linear");
+    EXPECT_TRUE(cJSON_IsTrue(at(summary.get(), "offsetWithinBound")));
+    EXPECT_GT(num(at(at(at(summary.get(), "correlation"), "quality"), "offsetBound_ns")), 0);
 }
