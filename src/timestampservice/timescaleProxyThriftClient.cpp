@@ -4,6 +4,7 @@
 #include <climits>
 #include <mutex>
 #include <iterator>
+#include <string>
 
 #include <thrift/TApplicationException.h>
 #include <thrift/TOutput.h>
@@ -109,6 +110,16 @@ void readReplyHeader(apache::thrift::protocol::TProtocol& in, const char* method
                                     std::string(method) + " failed: out of sequence response");
 }
 
+// A reply whose nanos is outside 0..999999999 is malformed: the daemon's
+// fault, reported as a protocol failure naming the field, before the value
+// reaches the timestamp record (whose own check would blame the caller).
+void checkNanos(std::int32_t nanos, const char* method) {
+    if (nanos >= 0 && nanos < 1000000000) return;
+    throw TProtocolException(TProtocolException::INVALID_DATA,
+                             std::string(method) + " reply: field 'nanos' is " + std::to_string(nanos) +
+                                 ", outside 0..999999999");
+}
+
 template <typename Result>
 void readReplyBody(apache::thrift::protocol::TProtocol& in, Result& result, const char* method) {
     result.read(&in);
@@ -188,6 +199,7 @@ void TimescaleProxyThriftClient::getTime(timestampservice::TimestampInfo& info, 
         if (result.__isset.err) throw result.err;
         throw;
     }
+    checkNanos(info.nanos, "getTime");
 }
 
 void TimescaleProxyThriftClient::getTimeAndCurrentTimescales(timestampservice::TimeInfo& info) {
@@ -201,6 +213,7 @@ void TimescaleProxyThriftClient::getTimeAndCurrentTimescales(timestampservice::T
         if (result.__isset.err) throw result.err;
         throw;
     }
+    checkNanos(info.timestamp.nanos, "getTimeAndCurrentTimescales");
 }
 
 namespace {

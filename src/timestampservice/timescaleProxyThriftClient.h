@@ -23,6 +23,10 @@
 // or with another sequence id than the request fails at once with a
 // TApplicationException (INVALID_MESSAGE_TYPE, WRONG_METHOD_NAME,
 // BAD_SEQUENCE_ID) instead of being skipped while the next one is awaited.
+// A time whose nanos lies outside 0..999999999 (the only field of a reply
+// with a range: seconds and fractionalNanos carry bit patterns) fails with a
+// TProtocolException INVALID_DATA whose text names the field and its value;
+// the reply has been read whole, so the connection stays in step.
 //
 // libthrift's own messages ("Thrift: ... TSocket::open() error ...") go to
 // the library's debug trace (platform/debugOutput.h), never to the host

@@ -150,3 +150,29 @@ TEST(HostileDaemon, ThriftsOwnMessagesStayOffTheApplicationsStandardError) {
     EXPECT_EQ(status.s.code, -52024);
     EXPECT_EQ(written, 0) << "bytes written to stderr";
 }
+
+// A time whose nanos is out of range is the daemon's malformed reply, through
+// either method: -52024 naming the field, never the caller's -52005, no retry.
+TEST(HostileDaemon, ATimeWithNanosOutOfRangeIsACommunicationsFaultNamingTheField) {
+    for (const std::int32_t apiVersion : {1, 2}) {
+        for (const std::int32_t nanos : {1000000000, 2147483647, -1}) {
+            auto options = daemonOptions(Personality::faithful, apiVersion);
+            options.nanos = nanos;
+            ztsdsim::RawTimestampDaemon daemon(options);
+            ztsdtest::OwnedStatus created;
+            ztsdlib_Timescale* proxy = ztsdlib_TimescaleProxy_create(kUri, "127.0.0.1", daemon.port(), &created);
+            ASSERT_EQ(created.s.code, 0) << created.text();
+            ztsdtest::OwnedStatus status;
+            ztsdlib_Timestamp t{1, 2, 3, false};
+            ztsdlib_Timescale_getTime(proxy, &t, &status);
+            EXPECT_EQ(status.s.code, -52024) << apiVersion << " " << nanos << status.text();
+            const auto report = ztsdtest::Raised::fromReport(status.s.code, status.s.json);
+            EXPECT_EQ(report.detail(ztsdtest::kDebug, "type"), "TProtocolException::INVALID_DATA") << report.json;
+            const std::string what = report.text("std_exception_what");
+            EXPECT_NE(what.find("field 'nanos' is " + std::to_string(nanos)), std::string::npos) << report.json;
+            EXPECT_TRUE(t.seconds == 1 && t.nanos == 2 && t.fractionalNanos == 3);  // untouched
+            EXPECT_EQ(daemon.callCount(), 2u);  // the handshake and one reading
+            ztsdlib_Timescale_delete(proxy);
+        }
+    }
+}
