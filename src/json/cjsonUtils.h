@@ -40,7 +40,8 @@ void checkIsNumber(const cJSON* node);
 // with the detail "key". The result is borrowed from the tree.
 cJSON* getObjectItem(const cJSON* object, const std::string& key);
 
-// checkIsString, then the node's text up to its first NUL.
+// checkIsString, then the node's text (up to its first NUL, which a tree
+// from parse() never holds inside a string).
 std::string getString(const cJSON* node);
 
 // cJSON's compact printing (initial buffer 256 bytes). BadAllocation when

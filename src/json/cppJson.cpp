@@ -29,6 +29,16 @@ cJSON* CppJson::release() noexcept {
     return root;
 }
 
+const char* findEscapedNul(const char* text) noexcept {
+    if (!text) return nullptr;
+    for (const char* p = std::strstr(text, "\\u0000"); p; p = std::strstr(p + 1, "\\u0000")) {
+        std::size_t backslashesBefore = 0;
+        while (p - backslashesBefore > text && *(p - backslashesBefore - 1) == '\\') ++backslashesBefore;
+        if (backslashesBefore % 2 == 0) return p;
+    }
+    return nullptr;
+}
+
 CppJson parse(const char* text) {
     static constexpr const char* kFile = "ztjsonlh\\CppJson";
     if (!text) {
@@ -43,7 +53,15 @@ CppJson parse(const char* text) {
         zterr::raise(ZTERR_SITE_AT(kFile, 34, zterr::name::jsonErrorsInvalidJSON), zterr::code::jsonErrorsInvalidJSON,
                      "ztsync_debug", {{"message", "Unable to parse JSON text."}, {"offset", offset}});
     }
-    return CppJson(root);
+    CppJson document(root);
+    if (const char* nul = findEscapedNul(text)) {
+        zterr::raise(ZTERR_SITE_AT(kFile, 34, zterr::name::jsonErrorsInvalidJSON), zterr::code::jsonErrorsInvalidJSON,
+                     "ztsync_debug",
+                     {{"message", "JSON text holds a string with an escaped NUL (\\u0000), which a C string cannot "
+                                  "hold."},
+                      {"offset", static_cast<std::uint64_t>(nul - text)}});
+    }
+    return document;
 }
 
 }  // namespace ztjsonlh

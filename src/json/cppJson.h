@@ -36,10 +36,18 @@ private:
     cJSON* root_ = nullptr;
 };
 
+// Where the first \u0000 escape of a JSON text starts (a backslash that is
+// not itself escaped, then "u0000"), or null when it has none. Backslashes
+// occur only inside strings in valid JSON, so no other context is needed.
+const char* findEscapedNul(const char* text) noexcept;
+
 // Parses a NUL-terminated text (cJSON over its length plus the NUL). A null
 // text or a text cJSON refuses (malformed, or nested deeper than cJSON's
 // limit) raises -52005 "jsonErrorsInvalidJSON" with "ztsync_debug" details
-// "message" and "offset" (the byte at which cJSON stopped).
+// "message" and "offset" (the byte at which cJSON stopped). So does a text
+// with a string holding an escaped NUL (\u0000): its strings become C
+// strings in the tree, which would end at the NUL and silently name
+// something else ("a\u0000b" read as "a"); "offset" is the escape's.
 CppJson parse(const char* text);
 inline CppJson parse(const std::string& text) { return parse(text.c_str()); }
 

@@ -37,7 +37,8 @@ public:
 // -0.5 -> 0).
 bool getUInt32FromJsonString(const std::string& json, const std::string& key, std::uint32_t& value);
 
-// A string, copied up to its first NUL.
+// A string, copied whole (a text whose strings hold an escaped NUL is
+// refused by the parse, so none is ever cut short).
 bool getStringFromJsonString(const std::string& json, const std::string& key, std::string& value);
 
 // A true or false. (Used for flags such as a device's "isCoherent".)

@@ -256,6 +256,11 @@ std::string readReplyEnvelope(const std::string& body) {
         check.error = ztsdlib::jsonz::errorTrailingChar;
     if (check.error != ztsdlib::jsonz::errorNone) raiseBadBody("Response body is not valid JSON.", check.error);
 
+    // Every string of the body becomes a C string once parsed; one with an
+    // escaped NUL would end there and name something else.
+    if (ztjsonlh::findEscapedNul(text))
+        raiseBadBody("Response body holds a string with an escaped NUL (\\u0000), which a C string cannot hold.", 0);
+
     ztjsonlh::CppJson document;
     try {
         document = ztjsonlh::parse(text);

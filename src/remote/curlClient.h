@@ -24,7 +24,9 @@
 //           validator's error number; a NUL byte inside the body counts as a
 //           trailing character, 9), or is valid but beyond what the JSON
 //           reader accepts: nested deeper than its limit, or holding a \u
-//           escape of a lone UTF-16 surrogate (number 0); or its envelope is
+//           escape of a lone UTF-16 surrogate (number 0), or a string with
+//           an escaped NUL "\u0000" (number 0: read as a C string it would
+//           end there and say something else); or its envelope is
 //           malformed: "error" neither an object nor null, "success" absent
 //           or not a bool, "error" or its "success" given more than once
 //           (names compared without letter case, as members are looked up:

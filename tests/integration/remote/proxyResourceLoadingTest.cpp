@@ -219,3 +219,18 @@ TEST(LoadingIpv6, ABareIpv6HostIsBracketedInEveryHttpAddress) {
     ztsdlib_SyncableDevice_delete(direct);
     ztsdlib_SyncableDevice_delete(out.device);
 }
+
+// A listed name with an escaped NUL ("a\u0000b") is not the device "a": the
+// listing is the chassis' malformed reply, -52024 for listing and loading.
+TEST_F(Loading, AListedNameWithAnEscapedNulIsRefusedNotCut) {
+    chassis.webService().setFault(
+        "", remotetest::rawBody("{\"error\":{\"success\":true,\"errorCode\":0,\"errorText\":\"\",\"errorInfo\":{}},"
+                                "\"result\":{\"version\":1,\"resources\":[{\"uri\":\"/" + chassis.webService().remoteHost() +
+                                "/ztsdwebs/resources/ztsd/syncableDevices/a\\u0000b\",\"resourceType\":\"syncableDevices\"}]}}"));
+    ztsdtest::OwnedStatus listing;
+    EXPECT_EQ(listed(hostParams(), listing), "(null)");
+    EXPECT_EQ(listing.s.code, -52024);
+    EXPECT_NE(listing.text().find("escaped NUL"), std::string::npos) << listing.text();
+    EXPECT_EQ(load(hostParams()).device, nullptr);
+    EXPECT_EQ(status.s.code, -52024);
+}

@@ -37,6 +37,31 @@ TEST(CppJson, ParsesValidTextAndRefusesMalformedOrMissingText) {
     expectJsonSite(nullText, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
 }
 
+// A string with an escaped NUL cannot become a C string whole: the text is
+// refused with the escape's offset (each case's second; -1: none, it parses),
+// never read cut at the NUL; an escaped backslash before "u0000" is no escape.
+TEST(CppJson, AnEscapedNulInAnyStringIsRefusedNeverCut) {
+    const std::pair<const char*, long long> cases[] = {
+        {"\"a\\u0000b\"", 2},           {"{\"k\\u0000\":1}", 3},       {"[\"x\",\"\\\\\\u0000\"]", 8},
+        {"\"\\\\u0000\"", -1},          {"\"\\\\\\\\u0000\"", -1},     {"\"\\u0001 u0000\"", -1},
+        {"{\"uri\":\"/a/b\\u0000\"}", 12},
+    };
+    for (const auto& [text, nulAt] : cases) {
+        SCOPED_TRACE(text);
+        const char* found = ztjsonlh::findEscapedNul(text);
+        EXPECT_EQ(found ? found - text : -1, nulAt);
+        if (nulAt < 0) {
+            EXPECT_TRUE(ztjsonlh::parse(text));
+            continue;
+        }
+        const Raised r = captureRaise([t = text] { ztjsonlh::parse(t); });
+        expectJsonSite(r, -52005, "jsonErrorsInvalidJSON", "ztjsonlh\\CppJson", 34);
+        EXPECT_NE(r.detail("ztsync_debug", "message").find("escaped NUL"), std::string::npos) << r.json;
+        const cJSON* offset = cJSON_GetObjectItem(r.debug("ztsync_debug"), "offset");
+        EXPECT_EQ(offset ? offset->valuedouble : -1, nulAt) << r.json;
+    }
+}
+
 TEST(CppJson, NestingBeyondTheReaderLimitIsACleanParseErrorEvenAMillionDeep) {
     const std::string within = std::string(900, '[') + std::string(900, ']');
     EXPECT_TRUE(ztjsonlh::parse(within));
@@ -122,10 +147,8 @@ TEST(CjsonUtils, MemberLookupIgnoresCaseAndReportsWhatIsMissing) {
     EXPECT_EQ(notObject.detail("ztsync_debug", "type"), "array");
 }
 
-TEST(CjsonUtils, StringsStopAtTheirFirstNulAndPrintingIsCompact) {
-    ztjsonlh::CppJson doc =
-        ztjsonlh::parse("{ \"s\" : \"ab\\u0000cd\", \"u\":\"\\u00e9\\\"\", \"p\" : [ 1 , 2.5 , 0.1, 1e300, {} ] }");
-    EXPECT_EQ(ztjsonlh::getString(cJSON_GetObjectItem(doc.get(), "s")), "ab");
+TEST(CjsonUtils, StringsAreDecodedAndPrintingIsCompact) {
+    ztjsonlh::CppJson doc = ztjsonlh::parse("{ \"u\":\"\\u00e9\\\"\", \"p\" : [ 1 , 2.5 , 0.1, 1e300, {} ] }");
     EXPECT_EQ(ztjsonlh::getString(cJSON_GetObjectItem(doc.get(), "u")), "\xC3\xA9\"");
     EXPECT_EQ(captureRaise([&] { ztjsonlh::getString(cJSON_GetObjectItem(doc.get(), "p")); }).text("error_constant"),
               "jsonErrorsTypeMismatch");

@@ -129,7 +129,7 @@ TEST(JsonKeyGetters, AWrongTypeIsOneErrorNamingTheKeyAndTheText) {
 }
 
 TEST(ParsedJson, AgreesWithTheOneKeyGettersKeyByKey) {
-    const std::string json = R"({"Version":1.9,"isCoherent":true,"uri":"/a\u0000b","text":"x"})";
+    const std::string json = R"({"Version":1.9,"isCoherent":true,"uri":"/a\u00e9b","text":"x"})";
     const ParsedJson parsed(json);
     std::uint32_t n = 99;
     EXPECT_TRUE(parsed.getUInt32("version", n));  // any case
@@ -139,7 +139,10 @@ TEST(ParsedJson, AgreesWithTheOneKeyGettersKeyByKey) {
     EXPECT_TRUE(b);
     std::string s = "untouched";
     EXPECT_TRUE(parsed.getString("uri", s));
-    EXPECT_EQ(s, "/a");  // up to the first NUL, as getStringFromJsonString reads it
+    EXPECT_EQ(s, "/a\xC3\xA9" "b");  // decoded, as getStringFromJsonString reads it
+    // A string with an escaped NUL is refused by both, never cut.
+    EXPECT_EQ(captureRaise([] { ParsedJson(R"({"uri":"/a\u0000b"})"); }).code, -52005);
+    EXPECT_EQ(captureRaise([&] { getStringFromJsonString(R"({"uri":"/a\u0000b"})", "uri", s); }).code, -52005);
     EXPECT_FALSE(parsed.getString("absent", s));
 
     // The type error names the key and carries the whole text, as the getter's does.
