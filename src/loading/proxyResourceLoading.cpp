@@ -4,6 +4,7 @@
 #include "json/jsonChecks.h"
 #include "json/jsonKeyGetters.h"
 #include "remote/curlResourceManagerProxy.h"
+#include "remote/hostCheck.h"
 #include "syncdomain/syncableDeviceProxy.h"
 #include "timestampservice/timescaleProxy.h"
 
@@ -40,6 +41,9 @@ NetworkDeviceParams parseNetworkDeviceParams(const std::string& json, const char
     if (!ztsynctools::getStringFromJsonString(params, "remoteHost", result.remoteHost))
         raiseInvalid({{"message", "Error parsing 'remoteHost' key from networkDeviceParamsJson"}});
     ztsynctools::getUInt32FromJsonString(params, "timestampDaemonPort", result.timestampDaemonPort);
+    // A null "remoteHost" leaves it empty: refused here with the rest.
+    zt::syncdomain::checkRemoteHost(result.remoteHost, "remoteHost");
+    zt::syncdomain::checkPort(result.timestampDaemonPort, "timestampDaemonPort");
     return result;
 }
 

@@ -44,6 +44,9 @@ struct NetworkDeviceParams {
 
 // Validates strictly (the source names the caller in the report) and reads
 // the description; raises -52005 with the message of the first rule broken.
+// "remoteHost" (absent, null, empty or no host[:port]) and
+// "timestampDaemonPort" (outside 1..65535) are checked by remote/hostCheck.h,
+// so no description with either wrong reaches the network.
 NetworkDeviceParams parseNetworkDeviceParams(const std::string& json, const char* source);
 
 std::string uriRootOf(const std::string& remoteHost);

@@ -7,6 +7,7 @@
 
 #include "errors/exception.h"
 #include "json/jsonKeyGetters.h"
+#include "remote/hostCheck.h"
 #include "remote/httpRequests.h"
 
 namespace zt {
@@ -124,6 +125,7 @@ CurlResourceManagerProxy::CurlResourceManagerProxy(std::string remoteHost, unsig
       prefix_("http://" + httpHostOf(remoteHost_) + "/" + kWebServiceName),
       source_(source),
       timeoutInMS_(timeoutInMS) {
+    checkRemoteHost(remoteHost_, "remoteHost");
     idle_.push_back(makeClient());
 }
 

@@ -19,6 +19,10 @@
 // Failures of the transport, the HTTP status and the reply envelope come
 // from sendGetRequest/sendPutRequest (httpRequests.h) unchanged.
 //
+// The host is checked when the proxy is made (remote/hostCheck.h): a host
+// that is empty, holds spaces, control characters or anything else no host
+// name has, or a port outside 1..65535, raises -52005 naming "remoteHost".
+//
 // Connections: a request takes an idle client (an easy handle with its
 // kept-alive connection) from the proxy's small set, or makes a new one when
 // every client is busy, and gives it back afterwards; at most

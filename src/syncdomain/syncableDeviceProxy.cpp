@@ -11,6 +11,7 @@
 #include "json/jsonChecks.h"
 #include "json/jsonKeyGetters.h"
 #include "remote/curlResourceManagerProxy.h"
+#include "remote/hostCheck.h"
 #include "remote/uriKeyParser.h"
 
 namespace ztsdlib {
@@ -71,6 +72,7 @@ void SyncableDeviceProxy::splitUri() {
     std::unordered_map<std::string, std::string> parts;
     ztsdtools::parseUriKeys(uri, {"remoteHost", "webService", "resource", "plugin", "type", "name"}, parts);
     remoteHost = parts["remoteHost"];
+    zt::syncdomain::checkRemoteHost(remoteHost, "uri", uri);
     hostUrl = "http://" + zt::syncdomain::httpHostOf(remoteHost);
     resourcePath = "/" + parts["webService"] + "/" + parts["resource"] + "/" + parts["plugin"] + "/" +
                    parts["type"] + "/" + parts["name"];

@@ -7,6 +7,9 @@
 //   <resourcePath> = /<webService>/<resource>/<plugin>/<type>/<name>
 // on "http://" + remoteHost through its own resource manager proxy, and keeps
 // the record of which sync domains have placed requirements on the device.
+// A URI that does not split into those six parts, or whose host part is no
+// host[:port] (remote/hostCheck.h), is refused with -52005 naming "uri" when
+// the proxy is made, before any request.
 //
 // Threads: safe to call from any number of threads at once (several domains'
 // pool tasks, tasks a failed fan-out left running, the caller's own threads).

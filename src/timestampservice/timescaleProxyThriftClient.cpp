@@ -16,6 +16,7 @@
 #include <thrift/transport/TVirtualTransport.h>
 
 #include "platform/debugOutput.h"
+#include "remote/hostCheck.h"
 #include "timestampservice/socketLayer.h"
 
 namespace ztsdlib {
@@ -134,9 +135,11 @@ void readReplyBody(apache::thrift::protocol::TProtocol& in, Result& result, cons
 TimescaleProxyThriftClient::TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
                                                        std::uint32_t timeout_ms)
     // The socket layer first (Winsock on Windows); a port beyond int's range
-    // becomes -1, which the socket refuses at open().
+    // becomes -1 (refused by the check below first).
     : socket((requireSocketLayer(), std::make_shared<TSocket>(host, port > static_cast<std::uint32_t>(INT_MAX) ? -1 : static_cast<int>(port)))),
       socketTimeout_ms(timeout_ms > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeout_ms)) {
+    zt::syncdomain::checkDaemonHost(host, "host");
+    zt::syncdomain::checkPort(port, "port");
     static std::once_flag routed;
     std::call_once(routed, [] { apache::thrift::GlobalOutput.setOutputFunction(&thriftOutput); });
     deadline = std::make_shared<DeadlineTransport>(socket);

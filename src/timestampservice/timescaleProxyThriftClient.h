@@ -81,9 +81,10 @@ public:
 
 class TimescaleProxyThriftClient : public TimescaleProxyThriftClientInterface {
 public:
-    // port is passed to the socket as it is (a value above 65535 fails at
-    // open() with a transport exception). socketTimeout_ms bounds the
-    // connect and every receive and send.
+    // host and port are checked first (remote/hostCheck.h): an empty host,
+    // one with spaces or control characters, or a port outside 1..65535
+    // raises -52005 naming "host" or "port" before any socket is made.
+    // socketTimeout_ms bounds the connect and every receive and send.
     TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
                                std::uint32_t socketTimeout_ms = kTimestampDaemonSocketTimeout_ms);
     ~TimescaleProxyThriftClient() override;

@@ -234,3 +234,36 @@ TEST_F(Loading, AListedNameWithAnEscapedNulIsRefusedNotCut) {
     EXPECT_EQ(load(hostParams()).device, nullptr);
     EXPECT_EQ(status.s.code, -52024);
 }
+
+// A host that is empty, null or no host[:port] (a chassis', a device URI's, a
+// daemon's) or a port out of range is the caller's mistake: -52005 naming the
+// field, and nothing reaches the chassis (its request counter) or elsewhere.
+TEST_F(Loading, AHostOrPortThatCannotBeAnAddressIsRefusedBeforeAnyRequest) {
+    const std::string host = chassis.webService().remoteHost();
+    const std::pair<std::string, const char*> cases[] = {
+        {networkDeviceParams(""), "remoteHost"},
+        {"{\"version\":1,\"type\":\"networkDeviceParams\",\"params\":{\"remoteHost\":null}}", "remoteHost"},
+        {networkDeviceParams("x@" + host), "remoteHost"},
+        {networkDeviceParams(host, 70000), "timestampDaemonPort"},
+    };
+    for (const auto& [json, field] : cases) {
+        ztsdtest::OwnedStatus listing, loading;
+        EXPECT_EQ(listed(json, listing), "(null)") << json;
+        Loaded out;
+        ztsdlib_loadProxyResources(json.c_str(), &out.device, &out.timescales, &out.count, countingAllocator, &loading);
+        for (const std::string& report : {listing.text(), loading.text()})
+            EXPECT_NE(report.find(std::string("\"message\":\"'") + field + "'"), std::string::npos) << report;
+        EXPECT_EQ(listing.s.code, -52005) << json;
+        EXPECT_EQ(loading.s.code, -52005) << json;
+    }
+    const std::string uri = "/" + host + "#/ztsdwebs/resources/ztsd/syncableDevices/d";
+    ztsdtest::OwnedStatus device, daemon;
+    EXPECT_EQ(ztsdlib_SyncableDeviceProxy_create(uri.c_str(), &device.s), nullptr);
+    EXPECT_NE(device.text().find("\"message\":\"'uri'"), std::string::npos) << device.text();
+    const std::string ts = "/" + host + "/ztsdwebs/resources/ztsd/timescales/00-80-2F-AA-BB-01";
+    EXPECT_EQ(ztsdlib_TimescaleProxy_create(ts.c_str(), "127.0.0.1 ", chassis.daemonPort(), &daemon.s), nullptr);
+    EXPECT_NE(daemon.text().find("'host'"), std::string::npos) << daemon.text();
+    EXPECT_EQ(device.s.code, -52005);
+    EXPECT_EQ(daemon.s.code, -52005);
+    EXPECT_EQ(chassis.webService().requestCount(), 0u);
+}

@@ -286,11 +286,11 @@ TEST_F(TimescaleProxyExportTest, FailuresReachTheStatus) {
     EXPECT_NE(missing.text().find("\"host\":\"nullptr\""), std::string::npos) << missing.text();
     EXPECT_EQ(daemon.connectionCount(), 0u);
 
-    // A port that cannot be a TCP port fails at the socket.
+    // A port that cannot be a TCP port is the caller's mistake, refused before any socket.
     OwnedStatus badPort;
     EXPECT_EQ(ztsdlib_TimescaleProxy_create(callerUri().c_str(), "127.0.0.1", 70000, &badPort), nullptr);
-    EXPECT_EQ(badPort.s.code, -52024);
-    EXPECT_NE(badPort.text().find("TTransportException"), std::string::npos) << badPort.text();
+    EXPECT_EQ(badPort.s.code, -52005);
+    EXPECT_NE(badPort.text().find("'port' has a port out of the range 1 to 65535."), std::string::npos) << badPort.text();
 }
 
 using TimescaleProxyDeathTest = DaemonFixture;
