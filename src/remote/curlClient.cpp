@@ -166,6 +166,7 @@ tCURL::~tCURL() {
 void tCURL::ensureConnection() {
     if (_connection) return;
     if (!_api) _api = _source();
+    if (!_transfers && _api->hasMultiInterface()) _transfers = CurlTransfers::acquire(_api);
     _connection = _api->easy_init();
     if (!_connection)
         raiseCheck(zterr::code::kInternalSoftwareErrorFailedInitialize,
@@ -219,11 +220,12 @@ void tCURL::setOptions(bool upload, const std::string& url, curl_slist* headers)
                 uploadSize);
     // "" switches proxies off, those named in the environment included.
     ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_PROXY, \"\")", CURLOPT_PROXY, "");
+    ZTSD_SETOPT("curl_easy_setopt(_connection, CURLOPT_MAXAGE_CONN, kKeepAlive_s)", CURLOPT_MAXAGE_CONN, kKeepAlive_s);
 #undef ZTSD_SETOPT
 }
 
 void tCURL::perform() {
-    const CURLcode r = _api->easy_perform(_connection);
+    const CURLcode r = _transfers ? _transfers->perform(_connection) : _api->easy_perform(_connection);
     if (r == CURLE_OK) return;
     errbuf[sizeof errbuf - 1] = '\0';
     zterr::raise(ZTERR_SITE(kFile, zterr::name::kInternalSoftwareErrorUnknownNetworkError),

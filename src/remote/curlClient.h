@@ -43,9 +43,13 @@
 // When "success" is true the other members of "error" are not examined. A
 // body with no "error" member (or "error": null) is a success.
 //
-// Connection reuse: the easy handle is made once per client and kept, so
-// consecutive requests to one host reuse the connection. Every option is
-// set again before each request, in a fixed order (see request()).
+// Connection reuse: the easy handle is made once per client and kept; its
+// transfers run on the process's one multi handle (curlTransfers.h), whose
+// pool of kept-alive connections every client shares, so consecutive
+// requests to one host reuse a connection and an idle client holds no
+// descriptor. An idle connection is not reused after kKeepAlive_s
+// (CURLOPT_MAXAGE_CONN). Every option is set again before each request, in a
+// fixed order (see request()).
 //
 // Request framing: a PUT body goes out with its length (Content-Length),
 // never chunked and never after an "Expect: 100-continue" wait, so web
@@ -68,6 +72,7 @@
 #include <string>
 
 #include "remote/curlLibrary.h"
+#include "remote/curlTransfers.h"
 
 namespace zt {
 namespace vela {
@@ -148,6 +153,7 @@ private:
 
     CurlApiSource _source;
     std::shared_ptr<const CurlApi> _api;
+    std::shared_ptr<CurlTransfers> _transfers;  // null for a table without the multi interface
     CURL* _connection = nullptr;
     std::string _uri;
     std::string _prefix;

@@ -55,6 +55,15 @@ std::shared_ptr<const CurlApi> CurlApi::load(const std::vector<std::string>& nam
         {"curl_easy_cleanup", resolve(*library, "curl_easy_cleanup", api->easy_cleanup)},
         {"curl_slist_append", resolve(*library, "curl_slist_append", api->slist_append)},
         {"curl_slist_free_all", resolve(*library, "curl_slist_free_all", api->slist_free_all)},
+        {"curl_multi_init", resolve(*library, "curl_multi_init", api->multi_init)},
+        {"curl_multi_setopt", resolve(*library, "curl_multi_setopt", api->multi_setopt)},
+        {"curl_multi_add_handle", resolve(*library, "curl_multi_add_handle", api->multi_add_handle)},
+        {"curl_multi_remove_handle", resolve(*library, "curl_multi_remove_handle", api->multi_remove_handle)},
+        {"curl_multi_perform", resolve(*library, "curl_multi_perform", api->multi_perform)},
+        {"curl_multi_poll", resolve(*library, "curl_multi_poll", api->multi_poll)},
+        {"curl_multi_wakeup", resolve(*library, "curl_multi_wakeup", api->multi_wakeup)},
+        {"curl_multi_info_read", resolve(*library, "curl_multi_info_read", api->multi_info_read)},
+        {"curl_multi_cleanup", resolve(*library, "curl_multi_cleanup", api->multi_cleanup)},
     };
     for (const Entry& e : entries) {
         if (e.found) continue;

@@ -31,6 +31,23 @@ struct CurlApi {
     void (*easy_cleanup)(CURL* handle) = nullptr;
     curl_slist* (*slist_append)(curl_slist* list, const char* text) = nullptr;
     void (*slist_free_all)(curl_slist* list) = nullptr;
+    // The multi interface, through which every transfer of the process runs
+    // (curlTransfers.h). A table filled by hand may leave these null: its
+    // clients then perform each transfer with easy_perform.
+    CURLM* (*multi_init)() = nullptr;
+    CURLMcode (*multi_setopt)(CURLM* multi, CURLMoption option, ...) = nullptr;
+    CURLMcode (*multi_add_handle)(CURLM* multi, CURL* handle) = nullptr;
+    CURLMcode (*multi_remove_handle)(CURLM* multi, CURL* handle) = nullptr;
+    CURLMcode (*multi_perform)(CURLM* multi, int* running) = nullptr;
+    CURLMcode (*multi_poll)(CURLM* multi, curl_waitfd* extra, unsigned count, int timeout_ms, int* ready) = nullptr;
+    CURLMcode (*multi_wakeup)(CURLM* multi) = nullptr;
+    CURLMsg* (*multi_info_read)(CURLM* multi, int* left) = nullptr;
+    CURLMcode (*multi_cleanup)(CURLM* multi) = nullptr;
+
+    bool hasMultiInterface() const noexcept {
+        return multi_init && multi_setopt && multi_add_handle && multi_remove_handle && multi_perform && multi_poll &&
+               multi_wakeup && multi_info_read && multi_cleanup;
+    }
 
     // The library the entry points come from ("" for a table filled by hand).
     std::string libraryName;

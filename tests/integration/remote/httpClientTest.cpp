@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <cstdlib>
@@ -311,6 +312,33 @@ TEST_F(HttpClient, StalledAndRefusedRequestsFailWithinTheTimeOut) {
     EXPECT_EQ(refused.detail(kDebug, "function"), "curl_easy_perform");
     EXPECT_EQ(refused.number(kDebug, "CURLcode"), CURLE_COULDNT_CONNECT);
     EXPECT_FALSE(refused.detail(kDebug, "CURLOPT_ERRORBUFFER").empty());
+}
+
+// Clients share the process's kept-alive connections, and one client's
+// stalled request holds nobody else's (its thread drives theirs meanwhile).
+TEST_F(HttpClient, ClientsShareConnectionsAndNoneWaitsForAnothersStalledRequest) {
+    sim.addDevice("chassis1");
+    sim.setFault(devicePath, [] { ztsdsim::Fault f; f.stall = true; return f; }());
+    std::string stalledResult;
+    std::thread stalled([&] { client.request(false, "", stalledResult); });
+    ASSERT_TRUE(ztsdtest::eventually([&] { return sim.heldRequestCount() == 1; }));
+
+    const std::uint64_t connections = sim.acceptedConnectionCount();
+    const auto start = std::chrono::steady_clock::now();
+    for (int c = 0; c < 2; ++c) {
+        tCURL next(remotetest::kMediaType);
+        next.initialize(prefix, sim.deviceResourcePath("chassis1").substr(std::string("/ztsdwebs/").size()));
+        for (int r = 0; r < 3; ++r) {
+            std::string result;
+            next.request(false, "", result);
+            EXPECT_NE(result.find("chassis1"), std::string::npos) << result;
+        }
+    }
+    EXPECT_LT(ztsdtest::msSince(start), 900);  // six loopback requests, none after the poll's 1 s
+    EXPECT_EQ(sim.acceptedConnectionCount(), connections + 1);  // the second client reused the first's
+    sim.clearFaults();
+    stalled.join();
+    EXPECT_NE(stalledResult.find("chassis0"), std::string::npos) << stalledResult;
 }
 
 // ---------------------------------------------------------------------------
