@@ -24,8 +24,21 @@ install(FILES ${CMAKE_BINARY_DIR}/ztsdlibConfig.cmake ${CMAKE_BINARY_DIR}/ztsdli
 # tree can be moved (or installed with --prefix) and still be found.
 file(RELATIVE_PATH ZTSD_PC_RELATIVE_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" ZTSD_PC_RELATIVE_PREFIX "${ZTSD_PC_RELATIVE_PREFIX}")
-configure_file(${CMAKE_SOURCE_DIR}/cmake/ztsdlib.pc.in ${CMAKE_BINARY_DIR}/ztsdlib.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/ztsdlib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+if(NOT WIN32)
+  configure_file(${CMAKE_SOURCE_DIR}/cmake/ztsdlib.pc.in ${CMAKE_BINARY_DIR}/ztsdlib.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/ztsdlib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+else()
+  # Windows: the module definition file beside the import library (other
+  # toolchains make their own import library from it), and the libcurl DLL
+  # the library was built for beside the library, where it looks first.
+  install(FILES ${ZTSD_DEF_FILE} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+  find_file(ZTSD_CURL_DLL NAMES libcurl.dll libcurl-x64.dll libcurl-4.dll PATH_SUFFIXES bin
+            DOC "The libcurl DLL shipped beside ztsdlib's DLL")
+  if(NOT ZTSD_CURL_DLL)
+    message(FATAL_ERROR "No libcurl DLL found in the Windows prefixes (scripts/windowsDeps builds one)")
+  endif()
+  install(FILES ${ZTSD_CURL_DLL} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+endif()
 
 # The tools find the library beside them, in the prefix they were installed
 # into (a run path relative to the binary), wherever that prefix is.
@@ -36,15 +49,23 @@ foreach(tool ztsd-sim ztsdctl)
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endforeach()
-install(FILES ${CMAKE_SOURCE_DIR}/docs/ztsdctl.1 ${CMAKE_SOURCE_DIR}/docs/ztsd-sim.1
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+if(NOT WIN32)
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/ztsdctl.1 ${CMAKE_SOURCE_DIR}/docs/ztsd-sim.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()
 
 # Debian packages (cpack -G DEB in the build tree): libztsdlib1 (the shared
 # library), libztsdlib-dev (headers, CMake package, pkg-config file) and
 # ztsdlib-tools (ztsdctl, ztsd-sim, their man pages). Dependencies on other
 # packages come from dpkg-shlibdeps; the dev and tools packages depend on
 # the library package of the same version.
-set(CPACK_GENERATOR DEB)
+# Windows (cpack -G ZIP): one ZIP with bin/ (the DLLs and the tools),
+# include/ and lib/ (import library, .def, CMake package).
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+else()
+  set(CPACK_GENERATOR DEB)
+endif()
 set(CPACK_PACKAGE_NAME ztsdlib)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "ztsdlib maintainers <ztsdlib@localhost>")
