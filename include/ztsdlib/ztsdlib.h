@@ -174,8 +174,9 @@ ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Stat
  * samplingIntervalMs, and fits a line through the last maxSampleSize pairs
  * in exact decimal arithmetic (maxSampleSize must be at least 2). The first
  * correlate after a start waits up to maxWaitForFirstCorrelateMs for the
- * history to fill; two samples are enough to answer. Errors: -52017 before
- * start, -52016 when started twice, -52010 with too few samples, -52005 for
+ * history to fill (never longer from the call, whatever later starts do);
+ * two samples are enough to answer, and a stop during the wait ends it with
+ * -52017. Errors: -52017 before start, -52016 when started twice, -52010 with too few samples, -52005 for
  * a source timescale that is neither of the two. Results are truncated to
  * whole nanoseconds. stop() reports what ended the sampling task early (a
  * timescale that failed), if anything; the correlator is stopped either way.

@@ -43,8 +43,7 @@ LinearCorrelator::LinearCorrelator(std::string correlatorUri, TimescaleInterface
       samplingIntervalMs(samplingInterval),
       maxSampleSize(maxSamples),
       maxWaitForFirstCorrelateMs(maxWaitForFirstCorrelate),
-      sampling(samplingKind),
-      firstCorrelateTimer(maxWaitForFirstCorrelate) {}
+      sampling(samplingKind) {}
 
 LinearCorrelator::~LinearCorrelator() {
     try {
@@ -61,15 +60,12 @@ void LinearCorrelator::start() {
                      {{"message", "LinearCorrelator thread already started."}});
     }
     auto holder = std::make_shared<LinearRegressionFilterWrapper>(std::make_shared<LinearRegression>(maxSampleSize));
+    // The run (and its first-correlate timer) is made before running is set,
+    // so that a concurrent first correlate never waits on a previous run.
     {
         std::lock_guard<std::mutex> lock(filterMutex);
         filter = holder;
-    }
-    // The timer is restarted before running is set, so that a concurrent
-    // first correlate never measures its wait against a previous run.
-    {
-        std::lock_guard<std::mutex> lock(timerMutex);
-        firstCorrelateTimer.restart(maxWaitForFirstCorrelateMs);
+        run = std::make_shared<Run>(maxWaitForFirstCorrelateMs);
     }
     droppedRounds.store(0);
     running.exchange(true);
@@ -90,6 +86,7 @@ void LinearCorrelator::stop() {
         if (!running.exchange(false)) return;
     }
     wake.notify_all();
+    currentRun().second->ended.store(true);  // ends the first-correlate waits of this run
     if (samplingTask.valid()) samplingTask.get();  // passes on what ended the task, if anything
 }
 
@@ -170,32 +167,38 @@ std::uint64_t LinearCorrelator::historySize() const {
     return holder ? holder->getHistorySize() : 0;
 }
 
-std::uint64_t LinearCorrelator::waitForHistory(const LinearRegressionFilterWrapper& holder) {
-    std::uint64_t size = holder.getHistorySize();
-    if (size >= maxSampleSize) return size;
+std::pair<std::shared_ptr<LinearRegressionFilterWrapper>, std::shared_ptr<LinearCorrelator::Run>>
+LinearCorrelator::currentRun() const {
+    std::lock_guard<std::mutex> lock(filterMutex);
+    return {filter, run};
+}
+
+void LinearCorrelator::raiseNotRunning(int line) const {
+    zterr::raise(ZTERR_SITE_AT(kLinearCorrelatorFile, line, zterr::name::ztapalerr_invalidStateTransition),
+                 zterr::code::ztapalerr_invalidStateTransition, "ztsyncdomain_debug",
+                 {{"message", "Correlator must be started before calling correlate."}});
+}
+
+std::uint64_t LinearCorrelator::waitForHistory(const LinearRegressionFilterWrapper& holder, Run& current) {
     for (;;) {
-        size = holder.getHistorySize();
-        if (size >= maxSampleSize) break;
+        if (current.ended.load()) raiseNotRunning(__LINE__);
+        const std::uint64_t size = holder.getHistorySize();
+        if (size >= maxSampleSize) return size;
         {
-            // Latches: once expired, later callers stop waiting at once.
-            std::lock_guard<std::mutex> lock(timerMutex);
-            if (firstCorrelateTimer.hasExpired()) break;
+            // Latches: once expired, later callers of this run stop waiting at once.
+            std::lock_guard<std::mutex> lock(current.timerMutex);
+            if (current.firstCorrelateTimer.hasExpired()) return size;
         }
         std::this_thread::sleep_for(kWaitPoll);
     }
-    return size;
 }
 
 ztsdlib_Timestamp LinearCorrelator::correlate(std::string_view sourceTimescaleUri,
                                               const ztsdlib_Timestamp& timestampInSourceTimescale) {
     const bool firstToSecond = sourceIsFirst(sourceTimescaleUri, kLinearCorrelatorFile);
-    if (!running.load()) {
-        zterr::raise(ZTERR_SITE(kLinearCorrelatorFile, zterr::name::ztapalerr_invalidStateTransition),
-                     zterr::code::ztapalerr_invalidStateTransition, "ztsyncdomain_debug",
-                     {{"message", "Correlator must be started before calling correlate."}});
-    }
-    const auto holder = currentFilter();
-    const std::uint64_t size = waitForHistory(*holder);
+    if (!running.load()) raiseNotRunning(__LINE__);
+    const auto [holder, current] = currentRun();
+    const std::uint64_t size = waitForHistory(*holder, *current);
     if (size < kMinHistorySize) raiseTooFewSamples(__LINE__, size);
     return firstToSecond ? holder->calculateSecond(timestampInSourceTimescale)
                          : holder->calculateFirst(timestampInSourceTimescale);

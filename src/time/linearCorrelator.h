@@ -22,6 +22,11 @@
 // fails with -52010 and the details "samplingInterval_ms",
 // "historySizeAfterCheck" and "minHistorySize" (2). Regression and
 // conversion failures pass through unchanged.
+// A call belongs to the run (start to stop) it found: it waits on that run's
+// timer, which later starts do not restart (the run's timer started before
+// the call, so no wait outlasts maxWaitForFirstCorrelateMs from the call),
+// and a stop of its run, during the wait or before the answer, ends it with
+// -52017 instead of an answer from a history that no longer runs.
 //
 // start() refuses a running correlator (-52016) and otherwise starts with a
 // fresh, empty history (a maxSampleSize below 2 is refused by the
@@ -37,11 +42,11 @@
 // the other const operations, and one controlling thread calling
 // start/stop (start and stop must not run at the same time). The
 // regression holder has its own mutex (every use of the regression is under
-// it); filterMutex guards only which holder is current, timerMutex the
-// first-correlate timer, wakeMutex the sampling task's sleep. running is
-// atomic. The first-correlate timer is restarted just before running is set
-// (rather than after the task is launched), so that a correlate racing a
-// start never measures against the previous run's timer. Reports carry the
+// it); filterMutex guards only which holder and run are current, a run's
+// timerMutex its first-correlate timer, wakeMutex the sampling task's sleep.
+// running and a run's ended flag are atomic. The run is made just before
+// running is set (rather than after the task is launched), so that a
+// correlate racing a start never waits on the previous run. Reports carry the
 // file label "source\ztsdlib\linearCorrelator".
 //
 // Symmetric sampling (Sampling::Symmetric): a round reads timescale1, then
@@ -82,6 +87,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "time/monotonicTimer.h"
 #include "time/timestampCorrelatorInterface.h"
@@ -140,8 +146,18 @@ private:
     ztsdlib_CorrelationQualityV2 makeQuality(const LinearRegressionFilterWrapper& holder,
                                              std::uint64_t* samplesAdded) const;
     std::shared_ptr<LinearRegressionFilterWrapper> currentFilter() const;
-    // The history size to go on with, after the first-correlate wait.
-    std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder);
+    // One run, from a start to the stop that ends it.
+    struct Run {
+        explicit Run(std::uint32_t maxWait_ms) : firstCorrelateTimer(maxWait_ms) {}
+        std::mutex timerMutex;
+        ztsdtools::MonotonicTimer firstCorrelateTimer;  // started with the run; guarded by timerMutex
+        std::atomic<bool> ended{false};                 // set by the stop that ends the run
+    };
+    std::pair<std::shared_ptr<LinearRegressionFilterWrapper>, std::shared_ptr<Run>> currentRun() const;
+    // The history size to go on with, after the first-correlate wait on the
+    // run's timer; -52017 once the run has ended.
+    std::uint64_t waitForHistory(const LinearRegressionFilterWrapper& holder, Run& current);
+    [[noreturn]] void raiseNotRunning(int line) const;
 
     const std::uint32_t samplingIntervalMs;
     const std::uint32_t maxSampleSize;
@@ -151,12 +167,10 @@ private:
 
     mutable std::mutex filterMutex;
     std::shared_ptr<LinearRegressionFilterWrapper> filter;
+    std::shared_ptr<Run> run;  // the current (or last) run; guarded by filterMutex
 
     std::atomic<bool> running{false};
     std::future<void> samplingTask;
-
-    std::mutex timerMutex;
-    ztsdtools::MonotonicTimer firstCorrelateTimer;
 
     // The last record made, for the holder it was made from (weak: it never
     // keeps a history alive, and a later holder never passes for it) after

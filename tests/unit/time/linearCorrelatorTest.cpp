@@ -513,3 +513,64 @@ TEST(LinearCorrelator, BracketFilterDropsOnlyRoundsFarWiderThanTheRecentMedian) 
         EXPECT_EQ(kept, c.kept) << c.name;
     }
 }
+
+// A first correlate belongs to the run it found. A stop ends its wait at
+// once with -52017. And while another thread stops and starts the correlator
+// every 20 ms (maxWaitForFirstCorrelateMs 100, a history that never fills
+// within a run), callers on four threads each end within their own wait: an
+// exact answer, -52010, or -52017 when their run was stopped.
+TEST(LinearCorrelatorConcurrency, AFirstCorrelateWaitsOnItsOwnRunsClockAndEndsWithItsRun) {
+    const long long slack_ms = ztsdtest::kSanitizedBuild ? 700 : 250;
+    {
+        Pair clocks;
+        clocks.a.frozenAfter = 0;  // one sample, never two: the wait would run its full 5 s
+        LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 100, 5000);
+        correlator.start();
+        const auto begin = Clock::now();
+        std::thread stopper([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            correlator.stop();
+        });
+        const Raised ended = captureRaise([&] { correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns)); });
+        stopper.join();
+        EXPECT_EQ(ended.code, -52017) << ended.json;
+        EXPECT_LT(msSince(begin), 50 + slack_ms);
+    }
+    Pair clocks;
+    LinearCorrelator correlator("/corr", clocks.a, clocks.b, 1, 1000, 100);
+    correlator.start();
+    std::atomic<bool> done{false};
+    std::atomic<long long> longest_ms{0};
+    std::atomic<int> waited{0}, wrong{0};
+    std::vector<std::thread> callers;
+    for (int c = 0; c < 4; ++c) {
+        callers.emplace_back([&] {
+            while (!done.load()) {
+                const auto begin = Clock::now();
+                try {
+                    const auto got = correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns + 20000));
+                    if (!ztsdlib::sameTimestamp(got, timestampOfNanos(lineB_ns(kStartA_ns + 20000)))) ++wrong;
+                } catch (const zterr::Exception& e) {
+                    if (e.code() != -52017 && e.code() != -52010) ++wrong;
+                }
+                const long long took_ms = msSince(begin);
+                if (took_ms >= 5) ++waited;
+                long long seen = longest_ms.load();
+                while (took_ms > seen && !longest_ms.compare_exchange_weak(seen, took_ms)) {
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    }
+    for (int cycle = 0; cycle < 75; ++cycle) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        correlator.stop();
+        correlator.start();
+    }
+    done = true;
+    for (auto& t : callers) t.join();
+    correlator.stop();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_GT(waited.load(), 10);  // calls did wait within runs
+    EXPECT_LT(longest_ms.load(), 100 + slack_ms);
+}
