@@ -144,7 +144,9 @@ ZTSDLIB_API ztsdlib_Timescale* ztsdlib_HostTimescale_create(const char* uri, zte
  * one; -52020 when the daemon no longer serves the timescale, -52024 when it
  * cannot be read. Every attempt (connect, request and reply together) ends
  * within 5000 ms whatever the daemon does, so creation takes at most 5 s and
- * a getTime at most 25 s; other threads reading the same handle wait for it.
+ * a getTime at most 25 s. Threads reading the same handle never wait for
+ * each other: a reading that finds every open connection busy opens one of
+ * its own, and up to 4 idle connections are kept for later readings.
  * A reply that is malformed, for another call, or that announces more than
  * the service's messages hold (strings over 16 KiB, lists over 1024 entries,
  * replies over 256 KiB) fails the reading at once with -52024, without
@@ -180,6 +182,8 @@ ZTSDLIB_API char* ztsdlib_Timescale_toJson(ztsdlib_Timescale* handle, zterr_Stat
  * a source timescale that is neither of the two. Results are truncated to
  * whole nanoseconds. stop() reports what ended the sampling task early (a
  * timescale that failed), if anything; the correlator is stopped either way.
+ * The task reads a remote timescale over connections of its own, which stop()
+ * interrupts: a stop returns within 100 ms whatever the daemon does.
  * correlate, the getters, isRunning and toJson may be called from any number
  * of threads at once, also while start/stop run on one controlling thread.
  *

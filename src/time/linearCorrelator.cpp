@@ -20,7 +20,7 @@ constexpr auto kWaitPoll = std::chrono::milliseconds(5);
 
 // Reads a timescale; an error it reports in the status becomes an exception
 // like one it throws.
-ztsdlib_Timestamp readTime(TimescaleInterface& timescale) {
+ztsdlib_Timestamp readTime(TimescaleReader& timescale) {
     ztsdlib_Timestamp reading{};
     zterr_Status status = zterr::makeOwnedStatus();
     try {
@@ -59,6 +59,10 @@ void LinearCorrelator::start() {
                      zterr::code::ztapalerr_threadAlreadyStarted, "ztsyncdomain_debug",
                      {{"message", "LinearCorrelator thread already started."}});
     }
+    // The sampling task reads through readers of its own, which stop() can
+    // interrupt; made first, so that a failure leaves the correlator stopped.
+    std::unique_ptr<TimescaleReader> first = timescale1.makeReader();
+    std::unique_ptr<TimescaleReader> second = timescale2.makeReader();
     auto holder = std::make_shared<LinearRegressionFilterWrapper>(std::make_shared<LinearRegression>(maxSampleSize));
     // The run (and its first-correlate timer) is made before running is set,
     // so that a concurrent first correlate never waits on a previous run.
@@ -68,15 +72,30 @@ void LinearCorrelator::start() {
         run = std::make_shared<Run>(maxWaitForFirstCorrelateMs);
     }
     droppedRounds.store(0);
+    reader1 = std::move(first);
+    reader2 = std::move(second);
     running.exchange(true);
     try {
-        samplingTask = std::async(std::launch::async,
-                                  sampling == Sampling::Symmetric ? &LinearCorrelator::sampleSymmetricUntilStopped
-                                                                  : &LinearCorrelator::sampleUntilStopped,
-                                  this, holder);
+        samplingTask = std::async(std::launch::async, &LinearCorrelator::sample, this, holder);
     } catch (...) {
         running.exchange(false);
+        reader1.reset();
+        reader2.reset();
         throw;
+    }
+}
+
+void LinearCorrelator::sample(std::shared_ptr<LinearRegressionFilterWrapper> holder) {
+    try {
+        if (sampling == Sampling::Symmetric) {
+            sampleSymmetricUntilStopped(std::move(holder));
+        } else {
+            sampleUntilStopped(std::move(holder));
+        }
+    } catch (...) {
+        // A reading that fails once stop() has begun is the one it
+        // interrupted: nothing to report.
+        if (running.load()) throw;
     }
 }
 
@@ -87,6 +106,16 @@ void LinearCorrelator::stop() {
     }
     wake.notify_all();
     currentRun().second->ended.store(true);  // ends the first-correlate waits of this run
+    // A reading held by a peer ends now, not at its deadline.
+    reader1->interrupt();
+    reader2->interrupt();
+    struct ReleaseReaders {
+        LinearCorrelator& owner;
+        ~ReleaseReaders() {
+            owner.reader1.reset();
+            owner.reader2.reset();
+        }
+    } release{*this};
     if (samplingTask.valid()) samplingTask.get();  // passes on what ended the task, if anything
 }
 
@@ -94,8 +123,8 @@ void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilter
     ztsdlib_Timestamp previous1{};
     ztsdlib_Timestamp previous2{};
     while (running.load()) {
-        const ztsdlib_Timestamp reading1 = readTime(timescale1);
-        const ztsdlib_Timestamp reading2 = readTime(timescale2);
+        const ztsdlib_Timestamp reading1 = readTime(*reader1);
+        const ztsdlib_Timestamp reading2 = readTime(*reader2);
         if (!sameTimestamp(reading1, previous1) && !sameTimestamp(reading2, previous2)) {
             const TimestampDecimal first_s = toDecimal(reading1);
             const TimestampDecimal second_s = toDecimal(reading2);
@@ -122,9 +151,9 @@ void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegress
         ztsdlib_Timestamp before{}, reading2{}, after{};
         std::int64_t bracket_ns = -1;
         for (std::uint32_t exchange = 0; exchange < kExchangesPerRound; ++exchange) {
-            const ztsdlib_Timestamp b = readTime(timescale1);
-            const ztsdlib_Timestamp r = readTime(timescale2);
-            const ztsdlib_Timestamp a = readTime(timescale1);
+            const ztsdlib_Timestamp b = readTime(*reader1);
+            const ztsdlib_Timestamp r = readTime(*reader2);
+            const ztsdlib_Timestamp a = readTime(*reader1);
             const std::int64_t width_ns = differenceNanos(b, a);
             if (width_ns >= 0 && (bracket_ns < 0 || width_ns < bracket_ns)) {
                 before = b;

@@ -32,10 +32,15 @@
 // fresh, empty history (a maxSampleSize below 2 is refused by the
 // regression, -52005, and leaves the correlator stopped). stop() clears
 // running, wakes the sampling task at once (it sleeps on a condition
-// variable, so even a long samplingIntervalMs does not delay stop) and waits
-// for it to finish; if the task ended with an exception, stop() then throws
-// that exception, so the reason sampling ended is not lost; the correlator
-// is stopped either way. A correlator that is not running is left as it is.
+// variable, so even a long samplingIntervalMs does not delay stop),
+// interrupts its readings and waits for it to finish; if the task ended with
+// an exception before the stop, stop() then throws that exception, so the
+// reason sampling ended is not lost; the correlator is stopped either way.
+// The task reads each timescale through a reader the timescale makes at
+// start (TimescaleInterface::makeReader): a remote timescale's reader has a
+// connection of its own that stop() interrupts, so a stop never waits for a
+// daemon that holds its replies, and once stop() returns the task no longer
+// touches the caller's timescales. A correlator that is not running is left as it is.
 // The destructor stops a running correlator and discards such an exception.
 //
 // Threads: the sampling task, any number of threads calling correlate and
@@ -136,6 +141,8 @@ public:
     std::uint64_t delayedRoundsDropped() const { return droppedRounds.load(); }
 
 private:
+    // The sampling task: one of the two loops below.
+    void sample(std::shared_ptr<LinearRegressionFilterWrapper> holder);
     void sampleUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder);
     void sampleSymmetricUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder);
     // The pause after a round: short while the history fills.
@@ -171,6 +178,10 @@ private:
 
     std::atomic<bool> running{false};
     std::future<void> samplingTask;
+    // The sampling task's readers of timescale1 and timescale2: made by
+    // start(), interrupted and released by stop() (the controlling thread).
+    std::unique_ptr<TimescaleReader> reader1;
+    std::unique_ptr<TimescaleReader> reader2;
 
     // The last record made, for the holder it was made from (weak: it never
     // keeps a history alive, and a later holder never passes for it) after

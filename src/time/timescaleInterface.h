@@ -3,6 +3,7 @@
 // timestamp daemon.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "core/exportedObject.h"
@@ -13,6 +14,18 @@ namespace ztsdlib {
 // The URI of the host's own clock.
 constexpr const char* kHostTimescaleUri = "/localhost/ztsds/timescales/system";
 
+// Reads one timescale for one thread (a correlator's sampling task), while
+// another thread may interrupt it.
+class TimescaleReader {
+public:
+    virtual ~TimescaleReader() = default;
+    // As TimescaleInterface::getTime.
+    virtual void getTime(ztsdlib_Timestamp& timestamp, zterr_Status* status) = 0;
+    // From any thread: a reading under way ends (it fails) and later ones
+    // fail at once. Never throws.
+    virtual void interrupt() noexcept = 0;
+};
+
 class TimescaleInterface : public ExportedObject {
 public:
     ~TimescaleInterface() override = default;
@@ -22,6 +35,25 @@ public:
     virtual void getTime(ztsdlib_Timestamp& timestamp, zterr_Status* status) = 0;
     // {"uri":"<uri>"} and whatever else the timescale describes itself with.
     virtual std::string toJson() const = 0;
+    // A reader for one thread. This one reads through this object and has
+    // nothing to interrupt, which suits a clock read without waiting; a
+    // timescale that waits on a peer gives a reader that does not refer to
+    // this object (it may be deleted once the reader is no longer read) and
+    // whose waits interrupt() ends.
+    virtual std::unique_ptr<TimescaleReader> makeReader() {
+        class Direct : public TimescaleReader {
+        public:
+            explicit Direct(TimescaleInterface& timescale) : timescale(timescale) {}
+            void getTime(ztsdlib_Timestamp& timestamp, zterr_Status* status) override {
+                timescale.getTime(timestamp, status);
+            }
+            void interrupt() noexcept override {}
+
+        private:
+            TimescaleInterface& timescale;
+        };
+        return std::make_unique<Direct>(*this);
+    }
 };
 
 }  // namespace ztsdlib

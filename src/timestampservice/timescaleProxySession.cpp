@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdexcept>
 #include <unordered_map>
 #include <utility>
 
@@ -103,6 +104,27 @@ TimescaleProxySession::TimescaleProxySession(std::shared_ptr<TimescaleProxyThrif
     }
 }
 
+TimescaleProxySession::TimescaleProxySession(ThriftClientMaker maker, std::string uri, std::uint32_t attempts)
+    : TimescaleProxySession(maker(nullptr), std::move(uri), attempts) {
+    makeClient = std::move(maker);
+}
+
+TimescaleProxySession::TimescaleProxySession(const TimescaleProxySession& origin,
+                                             std::shared_ptr<TimescaleProxyThriftClientInterface> rpcClient)
+    : client(std::move(rpcClient)),
+      serverApiVersion(origin.serverApiVersion),
+      thisTimescaleUri(origin.thisTimescaleUri),
+      expectedLocalUri(origin.expectedLocalUri),
+      maxAttempts(origin.maxAttempts),
+      makeClient(origin.makeClient) {}
+
+std::unique_ptr<TimescaleProxySessionInterface> TimescaleProxySession::makeSibling(
+    std::shared_ptr<ReadInterruption> interruption) const {
+    if (!makeClient) throw std::logic_error("a session over a given client makes no siblings");
+    return std::unique_ptr<TimescaleProxySessionInterface>(
+        new TimescaleProxySession(*this, makeClient(std::move(interruption))));
+}
+
 void TimescaleProxySession::askServerApiVersion() {
     try {
         client->open();
@@ -122,6 +144,7 @@ void TimescaleProxySession::getTime(ztsdlib_Timestamp& timestamp) {
         } catch (const TTransportException& e) {
             client->close();
             lastFailure = describeRpcFailure(e);
+            if (e.getType() == TTransportException::INTERRUPTED) break;  // told to stop: no other attempt
         }
     }
     raiseCommunicationsFault(kTimeFailedMessage, lastFailure);

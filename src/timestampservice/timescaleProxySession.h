@@ -16,7 +16,13 @@
 // transport failures (refused or dropped connections, time-outs) are worth
 // another attempt; once the attempts are spent the last one is reported as
 // -52024. A reply the daemon sent but the client could not use (protocol or
-// application exception) is -52024 at once.
+// application exception) is -52024 at once, and so is an interrupted reading
+// (TTransportException INTERRUPTED: its reader was told to stop).
+//
+// Siblings: makeSibling gives another session with the same daemon about
+// the same timescale, over a connection of its own, that takes the version
+// this one asked instead of asking again (it opens its connection at its
+// first reading). Only a session made over a client maker can make them.
 //
 // The expected local URI: the daemon knows a timescale by a URI of its own.
 // A timescale URI as callers name it,
@@ -39,6 +45,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,7 +68,17 @@ public:
     virtual std::int32_t getServerApiVersion() const = 0;
     virtual const std::string& getThisTimescaleUri() const = 0;
     virtual const std::string& getExpectedLocalUri() const = 0;
+    // A session of its own for another reader (see above); interruption,
+    // when given, ends its connection's waits. Safe beside a reading of
+    // this session (reads only what creation fixed).
+    virtual std::unique_ptr<TimescaleProxySessionInterface> makeSibling(
+        std::shared_ptr<ReadInterruption> interruption = nullptr) const = 0;
 };
+
+// Makes a client with a fresh connection to one daemon, interruptible
+// when an interruption is given.
+using ThriftClientMaker = std::function<std::shared_ptr<TimescaleProxyThriftClientInterface>(
+    std::shared_ptr<ReadInterruption> interruption)>;
 
 class TimescaleProxySession : public TimescaleProxySessionInterface {
 public:
@@ -69,17 +86,27 @@ public:
     // maxAttempts below 1 counts as 1.
     TimescaleProxySession(std::shared_ptr<TimescaleProxyThriftClientInterface> client, std::string thisTimescaleUri,
                           std::uint32_t maxAttempts = kTimestampDaemonAttempts);
+    // The same over a client made by makeClient, which also makes the
+    // siblings' clients.
+    TimescaleProxySession(ThriftClientMaker makeClient, std::string thisTimescaleUri,
+                          std::uint32_t maxAttempts = kTimestampDaemonAttempts);
     ~TimescaleProxySession() override = default;
 
     void getTime(ztsdlib_Timestamp& timestamp) override;
     std::int32_t getServerApiVersion() const override { return serverApiVersion; }
     const std::string& getThisTimescaleUri() const override { return thisTimescaleUri; }
     const std::string& getExpectedLocalUri() const override { return expectedLocalUri; }
+    // Throws std::logic_error for a session made over a given client.
+    std::unique_ptr<TimescaleProxySessionInterface> makeSibling(
+        std::shared_ptr<ReadInterruption> interruption = nullptr) const override;
 
     // "/localhost/ztsds/timescales/<gmId>" for a caller's timescale URI.
     static std::string expectedLocalUriOf(const std::string& thisTimescaleUri);
 
 private:
+    // A sibling of origin over client: no handshake.
+    TimescaleProxySession(const TimescaleProxySession& origin,
+                          std::shared_ptr<TimescaleProxyThriftClientInterface> client);
     void askServerApiVersion();
     bool readOnce(ztsdlib_Timestamp& timestamp);
     [[noreturn]] void raiseTimescaleRemoved(const std::vector<std::string>* currentTimescaleUris) const;
@@ -94,6 +121,7 @@ private:
     std::string thisTimescaleUri;
     std::string expectedLocalUri;
     std::uint32_t maxAttempts;
+    ThriftClientMaker makeClient;  // empty for a session over a given client
 };
 
 // The caller's record for a timestamp from the wire, checked as described

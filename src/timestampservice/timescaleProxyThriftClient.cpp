@@ -15,6 +15,7 @@
 #include <thrift/transport/TTransportException.h>
 #include <thrift/transport/TVirtualTransport.h>
 
+#include "errors/exception.h"
 #include "platform/debugOutput.h"
 #include "remote/hostCheck.h"
 #include "timestampservice/socketLayer.h"
@@ -81,6 +82,33 @@ private:
 
 namespace {
 
+// A socket whose reply waits end once its interruption is raised (TSocket
+// polls the listener beside the connection) and which refuses to connect
+// from then on.
+class InterruptibleSocket : public TSocket {
+public:
+    InterruptibleSocket(const std::string& host, int port, std::shared_ptr<ReadInterruption> raisedBy)
+        : TSocket(host, port), interruption(std::move(raisedBy)) {
+        // Shares the interruption's ownership, so the listener outlives the socket.
+        interruptListener_ = std::shared_ptr<THRIFT_SOCKET>(interruption, const_cast<THRIFT_SOCKET*>(&interruption->listener()));
+    }
+    void open() override {
+        if (interruption->raised()) throw TTransportException(TTransportException::INTERRUPTED, "Interrupted");
+        TSocket::open();
+    }
+
+private:
+    std::shared_ptr<ReadInterruption> interruption;
+};
+
+std::shared_ptr<TSocket> makeSocket(const std::string& host, std::uint32_t port,
+                                    std::shared_ptr<ReadInterruption> interruption) {
+    // A port beyond int's range becomes -1 (the client refuses it before).
+    const int number = port > static_cast<std::uint32_t>(INT_MAX) ? -1 : static_cast<int>(port);
+    if (interruption) return std::make_shared<InterruptibleSocket>(host, number, std::move(interruption));
+    return std::make_shared<TSocket>(host, number);
+}
+
 // libthrift's messages, into the library's debug trace.
 void thriftOutput(const char* text) {
     platform::writeDebugTrace(text);
@@ -132,11 +160,37 @@ void readReplyBody(apache::thrift::protocol::TProtocol& in, Result& result, cons
 
 }  // namespace
 
+ReadInterruption::ReadInterruption() {
+    requireSocketLayer();  // Winsock first on Windows, where the pair is a loopback TCP pair
+    if (THRIFT_SOCKETPAIR(AF_UNIX, SOCK_STREAM, 0, pair_) != 0) {
+        const int error = THRIFT_GET_SOCKET_ERROR;
+        zterr::raise(ZTERR_SITE("source\\ztsdlib\\timescaleProxyThriftClient", zterr::name::ztapalerr_osFault),
+                     zterr::code::ztapalerr_osFault, "ztsyncdomain_debug",
+                     {{"message", "Failed to make the socket pair that interrupts a daemon connection."},
+                      {"systemError", std::to_string(error)}});
+    }
+}
+
+ReadInterruption::~ReadInterruption() {
+    THRIFT_CLOSESOCKET(pair_[0]);
+    THRIFT_CLOSESOCKET(pair_[1]);
+}
+
+void ReadInterruption::raise() noexcept {
+    raised_.store(true);
+    // One byte, never read. The send cannot block (the pair holds a byte per
+    // raise, far below its buffer) nor raise SIGPIPE (the other end is open
+    // as long as this object).
+    const char signal = 1;
+    (void)::send(pair_[1], &signal, 1, 0);
+}
+
 TimescaleProxyThriftClient::TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
-                                                       std::uint32_t timeout_ms)
+                                                       std::uint32_t timeout_ms,
+                                                       std::shared_ptr<ReadInterruption> interruption)
     // The socket layer first (Winsock on Windows); a port beyond int's range
     // becomes -1 (refused by the check below first).
-    : socket((requireSocketLayer(), std::make_shared<TSocket>(host, port > static_cast<std::uint32_t>(INT_MAX) ? -1 : static_cast<int>(port)))),
+    : socket((requireSocketLayer(), makeSocket(host, port, std::move(interruption)))),
       socketTimeout_ms(timeout_ms > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeout_ms)) {
     zt::syncdomain::checkDaemonHost(host, "host");
     zt::syncdomain::checkPort(port, "port");

@@ -32,13 +32,20 @@
 // the library's debug trace (platform/debugOutput.h), never to the host
 // application's standard error.
 //
+// Interruption: a client made with a ReadInterruption ends a reply wait at
+// once with a TTransportException INTERRUPTED once another thread raises it,
+// and refuses to connect from then on the same way.
+//
 // Threads: none of this is safe for concurrent use; the owner serialises it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <memory>
 #include <string>
+
+#include <thrift/transport/PlatformSocket.h>
 
 #include "timestampservice/timestampService.h"
 
@@ -55,6 +62,32 @@ class TProtocol;
 }  // namespace apache
 
 namespace ztsdlib {
+
+// Lets one thread end another's reply waits: a socket pair whose listening
+// end the connection's socket polls beside the connection (Thrift's own
+// interruption of a socket), made readable by raise(), and a flag checked
+// before connecting. The pair comes from Thrift's socket layer: a local
+// pair on POSIX, a loopback TCP pair over Winsock on Windows. It is never
+// drained: once raised, every later wait ends at once.
+class ReadInterruption {
+public:
+    // Throws zterr::Exception (-52008 "ztapalerr_osFault") when the pair
+    // cannot be made.
+    ReadInterruption();
+    ~ReadInterruption();
+    ReadInterruption(const ReadInterruption&) = delete;
+    ReadInterruption& operator=(const ReadInterruption&) = delete;
+
+    // From any thread, any number of times.
+    void raise() noexcept;
+    bool raised() const noexcept { return raised_.load(); }
+    // The end a socket polls.
+    const THRIFT_SOCKET& listener() const { return pair_[0]; }
+
+private:
+    THRIFT_SOCKET pair_[2] = {THRIFT_INVALID_SOCKET, THRIFT_INVALID_SOCKET};  // [0] polled, [1] written
+    std::atomic<bool> raised_{false};
+};
 
 // Default connect, receive and send time-out of the daemon's socket, and the
 // deadline of one attempt.
@@ -85,8 +118,11 @@ public:
     // one with spaces or control characters, or a port outside 1..65535
     // raises -52005 naming "host" or "port" before any socket is made.
     // socketTimeout_ms bounds the connect and every receive and send.
+    // interruption, when given, ends its waits (see above); the client keeps
+    // it alive.
     TimescaleProxyThriftClient(const std::string& host, std::uint32_t port,
-                               std::uint32_t socketTimeout_ms = kTimestampDaemonSocketTimeout_ms);
+                               std::uint32_t socketTimeout_ms = kTimestampDaemonSocketTimeout_ms,
+                               std::shared_ptr<ReadInterruption> interruption = nullptr);
     ~TimescaleProxyThriftClient() override;
 
     void open() override;

@@ -310,7 +310,10 @@ inline const std::vector<FaultRow>& rows() {
         t.push_back(daemonRow("T06", "daemon stalls every attempt past the socket time-out",
                               Injection::DaemonStallCalls, 5, comms, notApplicable(),
                               "the test's proxies time out after 150 ms; loading makes proxies with the fixed "
-                              "5000 ms time-out, so its cell is not run"));
+                              "5000 ms time-out, so its cell is not run; the first correlate gives up (600 ms) "
+                              "while the sampling task is still in its attempts, which stop() interrupts: "
+                              "nothing ended the task, nothing to report"));
+        t.back().cells[static_cast<std::size_t>(Op::CorrelatorStop)] = success();
         t.push_back(daemonRow("T07", "daemon stalls one call past the socket time-out", Injection::DaemonStallCalls,
                               1, success(), notApplicable(),
                               "the next attempt is answered; a correlator's samples taken meanwhile are off by the "

@@ -1,6 +1,7 @@
 // End to end: a linear correlator between the host's clock and a remote
 // timescale whose daemon runs 2.5 s ahead and 50 ppm fast recovers the
-// daemon's true mapping, both ways, to within 250 us.
+// daemon's true mapping, both ways, to within 250 us; and a stop does not
+// wait for a daemon that holds its replies.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -140,6 +141,32 @@ TEST_F(RemoteCorrelationTest, SymmetricBoundsHoldAgainstWanderingPathDelays) {
         correlator.stop();
     }
     daemon.setDriftingDelay(0, 0);
+}
+
+// A daemon that holds every call: the sampling task is stuck in a reading
+// (each attempt would wait out the 1 s time-out, five attempts), yet stop
+// returns at once, reports nothing, and the caller's proxy still reads once
+// the daemon answers again.
+TEST_F(RemoteCorrelationTest, StopDoesNotWaitForADaemonThatHoldsItsReplies) {
+    using Sampling = ztsdlib::LinearCorrelator::Sampling;
+    const long long limit_ms = ztsdtest::kSanitizedBuild ? 300 : 100;
+    ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
+    auto remote = makeProxy(1000, 5);
+    for (const Sampling sampling : {Sampling::Sequential, Sampling::Symmetric}) {
+        SCOPED_TRACE(sampling == Sampling::Symmetric ? "symmetric" : "sequential");
+        ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/held", host, *remote, 1, 10, 1000,
+                                             sampling);
+        correlator.start();
+        (void)correlator.correlate(ztsdlib::kHostTimescaleUri, hostNow());  // sampling is under way
+        daemon.stallCalls(1000);
+        ASSERT_TRUE(ztsdtest::eventually([&] { return daemon.stalledCallCount() == 1; }));
+        long long took_ms = -1;
+        EXPECT_NO_THROW(took_ms = daemontest::elapsed_ms([&] { correlator.stop(); }));
+        EXPECT_LE(took_ms, limit_ms);
+        EXPECT_FALSE(correlator.isRunning());
+        daemon.clearFaults();
+        expectTrueReading(*remote);
+    }
 }
 
 }  // namespace

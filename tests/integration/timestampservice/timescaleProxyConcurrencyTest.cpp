@@ -1,6 +1,6 @@
 // Readings of one remote timescale from several threads at once, as a
 // correlator's sampling task and the caller's threads make them: every
-// reading is true and they share the one connection.
+// reading is true, none waits for another, and a few connections serve them.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,7 +13,7 @@ namespace {
 
 using TimescaleProxyDaemonConcurrencyTest = daemontest::DaemonFixture;
 
-TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsShareOneConnectionAndEveryReadingIsTrue) {
+TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsReadSideBySideAndEveryReadingIsTrue) {
     auto proxy = makeProxy();
     constexpr int kThreads = 6;
     constexpr int kReadings = 50;
@@ -37,7 +37,28 @@ TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsShareOneConnectionAndEveryRea
     for (auto& t : threads) t.join();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(daemon.callCount(), 1u + kThreads * kReadings);
-    EXPECT_EQ(daemon.connectionCount(), 2u);  // the handshake's and the shared one
+    // The handshake's, and at most one per thread, kept for the next readings.
+    const std::uint64_t connections = daemon.connectionCount();
+    EXPECT_LE(connections, 1u + kThreads);
+    for (int k = 0; k < 10; ++k) expectTrueReading(*proxy);
+    EXPECT_EQ(daemon.connectionCount(), connections);
+}
+
+// A reading held by the daemon (the first attempt waits out its 2 s) keeps
+// its connection; a second reader meanwhile opens another and answers at
+// once, and the held one still ends in time with a true reading.
+TEST_F(TimescaleProxyDaemonConcurrencyTest, ASecondReaderDoesNotWaitForOneTheDaemonHolds) {
+    auto proxy = makeProxy(2000, 5);
+    expectTrueReading(*proxy);  // an idle connection to take
+    daemon.stallCalls(1);
+    long long first_ms = -1;
+    std::thread held([&] { first_ms = daemontest::elapsed_ms([&] { expectTrueReading(*proxy); }); });
+    const bool stalled = ztsdtest::eventually([&] { return daemon.stalledCallCount() == 1; });
+    const long long second_ms = daemontest::elapsed_ms([&] { expectTrueReading(*proxy); });
+    held.join();
+    EXPECT_TRUE(stalled);
+    EXPECT_LT(second_ms, 500);
+    EXPECT_GE(first_ms, 2000);  // it was held over the second reading
 }
 
 TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsRecoverTogetherFromDroppedConnections) {
