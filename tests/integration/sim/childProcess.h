@@ -20,8 +20,10 @@ public:
 
     bool started() const;
     // Asks the child to stop: SIGINT is an interrupt from the keyboard,
-    // SIGTERM any other stop request (on Windows, the console's Ctrl+C and
-    // Ctrl+Break events of the child's own process group).
+    // SIGTERM any other stop request (on Windows, Ctrl+C and Ctrl+Break on
+    // the child's own console); any other number ends it at once. Tests that
+    // only need the child stopped send SIGINT: Wine passes Ctrl+C between
+    // consoles but not Ctrl+Break.
     void signal(int number);
     const std::string& out() const { return outText_; }
     const std::string& err() const { return errText_; }

@@ -59,9 +59,10 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments) : system_(std::ma
     startup.hStdOutput = writing[0];
     startup.hStdError = writing[1];
     std::wstring line = commandLine(arguments);
-    // Its own process group, so that a console event reaches it alone.
-    system_->running = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP,
-                                      nullptr, nullptr, &startup, &system_->process) != 0;
+    // Its own console, so that a console event sent there reaches it alone
+    // (its output still goes to the pipes).
+    system_->running = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NEW_CONSOLE, nullptr,
+                                      nullptr, &startup, &system_->process) != 0;
     CloseHandle(writing[0]);
     CloseHandle(writing[1]);
     if (!system_->running) {
@@ -105,14 +106,27 @@ ChildProcess::~ChildProcess() {
 
 bool ChildProcess::started() const { return system_->running; }
 
+// This process while it sends an event on a child's console: it lets the
+// event pass.
+BOOL WINAPI letPass(DWORD) { return TRUE; }
+
 void ChildProcess::signal(int number) {
     if (!system_->running) return;
-    // A new process group ignores Ctrl+C; Ctrl+Break reaches it. The
-    // programs take Ctrl+Break as a stop request, as they take SIGTERM.
-    if (number == SIGINT || number == SIGTERM)
-        GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, system_->process.dwProcessId);
-    else
+    if (number != SIGINT && number != SIGTERM) {
         TerminateProcess(system_->process.hProcess, 1);
+        return;
+    }
+    // Ctrl+C for SIGINT, Ctrl+Break for SIGTERM, sent on the child's own
+    // console: the sender joins it for the moment (one console per process,
+    // so one sender at a time).
+    static std::mutex consoleMutex;
+    std::lock_guard<std::mutex> lock(consoleMutex);
+    SetConsoleCtrlHandler(letPass, TRUE);
+    FreeConsole();
+    if (AttachConsole(system_->process.dwProcessId)) {
+        GenerateConsoleCtrlEvent(number == SIGINT ? CTRL_C_EVENT : CTRL_BREAK_EVENT, 0);
+        FreeConsole();
+    }
 }
 
 int ChildProcess::finish(int timeout_ms) {

@@ -169,7 +169,7 @@ TEST(SimulatorProgram, PrintsIpv6AddressesInBrackets) {
     EXPECT_EQ(status.code, 0);
     EXPECT_GT(now.seconds, 0u);
     ztsdlib_Timescale_delete(timescale);
-    child.signal(SIGTERM);
+    child.signal(SIGINT);
     EXPECT_EQ(child.finish(5000), 0);
 }
 
@@ -252,7 +252,7 @@ TEST(SimulatorProgram, ControlsChangeWhatTheChassisServes) {
     const simtest::Json untouched =
         getResult(std::stoi(host0.substr(host0.rfind(':') + 1)), "/ztsdwebs/resources/ztsd/syncableDevices/chassis0-1");
     EXPECT_EQ(cJSON_GetNumberValue(member(untouched.get(), "coherencyLossCount")), 0);
-    child.signal(SIGTERM);
+    child.signal(SIGINT);
     EXPECT_EQ(child.finish(5000), 0);
 }
 
@@ -276,6 +276,6 @@ TEST(SimulatorProgram, RefusesAPortAlreadyTaken) {
         EXPECT_EQ(second.out().find("ready"), std::string::npos);
         EXPECT_NE(second.err().find(flags[1]), std::string::npos) << second.err();
     }
-    first.signal(SIGTERM);
+    first.signal(SIGINT);
     EXPECT_EQ(first.finish(5000), 0);
 }

@@ -173,7 +173,7 @@ TEST(ZtsdctlAgainstBrokenDaemons, TimeNamesTheDaemon) {
         const simtest::Json json = simtest::parse(ctltest::run(withJson).err);
         ASSERT_TRUE(json) << personality;
         EXPECT_EQ(str(at(at(json.get(), "error"), "hostPort")), daemon) << personality;
-        sim.signal(SIGTERM);
+        sim.signal(SIGINT);
         EXPECT_EQ(sim.finish(5000), 0);
     }
 }
@@ -387,6 +387,6 @@ TEST_F(ZtsdctlAgainstSim, MetricsAreAnsweredWhateverIdleClientsHold) {
     }();
     scraped = true;
     slow.join();
-    child.signal(SIGTERM);
+    child.signal(SIGINT);
     EXPECT_EQ(child.finish(5000), 0);
 }
