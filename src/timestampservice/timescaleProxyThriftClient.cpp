@@ -18,6 +18,7 @@
 #include "errors/exception.h"
 #include "platform/debugOutput.h"
 #include "remote/hostCheck.h"
+#include "timestampservice/interruptibleSocket.h"
 #include "timestampservice/socketLayer.h"
 
 namespace ztsdlib {
@@ -81,25 +82,6 @@ private:
 };
 
 namespace {
-
-// A socket whose reply waits end once its interruption is raised (TSocket
-// polls the listener beside the connection) and which refuses to connect
-// from then on.
-class InterruptibleSocket : public TSocket {
-public:
-    InterruptibleSocket(const std::string& host, int port, std::shared_ptr<ReadInterruption> raisedBy)
-        : TSocket(host, port), interruption(std::move(raisedBy)) {
-        // Shares the interruption's ownership, so the listener outlives the socket.
-        interruptListener_ = std::shared_ptr<THRIFT_SOCKET>(interruption, const_cast<THRIFT_SOCKET*>(&interruption->listener()));
-    }
-    void open() override {
-        if (interruption->raised()) throw TTransportException(TTransportException::INTERRUPTED, "Interrupted");
-        TSocket::open();
-    }
-
-private:
-    std::shared_ptr<ReadInterruption> interruption;
-};
 
 std::shared_ptr<TSocket> makeSocket(const std::string& host, std::uint32_t port,
                                     std::shared_ptr<ReadInterruption> interruption) {

@@ -32,9 +32,10 @@
 // the library's debug trace (platform/debugOutput.h), never to the host
 // application's standard error.
 //
-// Interruption: a client made with a ReadInterruption ends a reply wait at
-// once with a TTransportException INTERRUPTED once another thread raises it,
-// and refuses to connect from then on the same way.
+// Interruption: a client made with a ReadInterruption ends a connect or a
+// reply wait at once with a TTransportException INTERRUPTED once another
+// thread raises it, and refuses to connect from then on the same way
+// (timestampservice/interruptibleSocket.h).
 //
 // Threads: none of this is safe for concurrent use; the owner serialises it.
 #pragma once
@@ -63,10 +64,10 @@ class TProtocol;
 
 namespace ztsdlib {
 
-// Lets one thread end another's reply waits: a socket pair whose listening
-// end the connection's socket polls beside the connection (Thrift's own
-// interruption of a socket), made readable by raise(), and a flag checked
-// before connecting. The pair comes from Thrift's socket layer: a local
+// Lets one thread end another's connect and reply waits: a socket pair
+// whose listening end the connection's socket polls beside the connection
+// (Thrift's own interruption of a socket while it reads, ours while it
+// connects), made readable by raise(), and a flag checked before connecting. The pair comes from Thrift's socket layer: a local
 // pair on POSIX, a loopback TCP pair over Winsock on Windows. It is never
 // drained: once raised, every later wait ends at once.
 class ReadInterruption {

@@ -1,7 +1,8 @@
 // End to end: a linear correlator between the host's clock and a remote
 // timescale whose daemon runs 2.5 s ahead and 50 ppm fast recovers the
 // daemon's true mapping, both ways, to within 250 us; and a stop does not
-// wait for a daemon that holds its replies.
+// wait for a daemon that holds its replies, nor for a host that never
+// answers the connect.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,6 +13,7 @@
 #include "integration/timestampservice/daemonTestSupport.h"
 #include "time/hostTimescale.h"
 #include "time/linearCorrelator.h"
+#include "unit/support/unansweredListener.h"
 
 namespace {
 
@@ -167,6 +169,31 @@ TEST_F(RemoteCorrelationTest, StopDoesNotWaitForADaemonThatHoldsItsReplies) {
         daemon.clearFaults();
         expectTrueReading(*remote);
     }
+}
+
+// A daemon host that has come to drop connection attempts: the proxy's
+// handshake reached the daemon, its readers' connects (the correlator's) go
+// to a port that never answers. Stop comes during the sampling task's first
+// connect (5 s time-out) and returns at once.
+TEST_F(RemoteCorrelationTest, StopDoesNotWaitForAHostThatNeverAnswersTheConnect) {
+    ztsdtest::UnansweredListener silent;
+    if (!silent.hangs()) GTEST_SKIP() << "this system refuses connects beyond a full backlog";
+    const long long limit_ms = ztsdtest::kSanitizedBuild ? 300 : 100;
+    const auto daemonPort = static_cast<std::uint32_t>(daemon.port());
+    ztsdlib::ThriftClientMaker maker = [&](std::shared_ptr<ztsdlib::ReadInterruption> interruption) {
+        const std::uint32_t port = interruption ? static_cast<std::uint32_t>(silent.port()) : daemonPort;
+        return std::make_shared<ztsdlib::TimescaleProxyThriftClient>("127.0.0.1", port, 5000, std::move(interruption));
+    };
+    ztsdlib::TimescaleProxy remote(daemontest::callerUri(), "127.0.0.1", daemonPort,
+                                   std::make_unique<ztsdlib::TimescaleProxySession>(maker, daemontest::callerUri()));
+    ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
+    ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/unanswered", host, remote, 1, 10, 1000);
+    correlator.start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the task is connecting
+    long long took_ms = -1;
+    EXPECT_NO_THROW(took_ms = daemontest::elapsed_ms([&] { correlator.stop(); }));
+    EXPECT_LE(took_ms, limit_ms);
+    EXPECT_FALSE(correlator.isRunning());
 }
 
 }  // namespace
