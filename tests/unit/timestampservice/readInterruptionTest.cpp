@@ -63,8 +63,10 @@ TEST(ReadInterruption, EndsAConnectTheHostNeverAnswers) {
                                                    raised ? 5000 : 300, interruption);
         int type = -1;
         long long waited_ms = -1;
+        // Counted from before the caller starts, so the 100 ms before the
+        // raise are all inside it whenever the caller thread gets to run.
+        const auto start = std::chrono::steady_clock::now();
         std::thread caller([&] {
-            const auto start = std::chrono::steady_clock::now();
             try {
                 client.open();
             } catch (const TTransportException& e) {
