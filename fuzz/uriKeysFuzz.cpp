@@ -53,7 +53,16 @@ void checkProxy(const std::string& uri) {
     } catch (const zterr::Exception&) {
         return;
     }
-    const ztsdlib::SyncableDeviceProxy proxy(uri, std::make_unique<NoResources>());
+    std::unique_ptr<ztsdlib::SyncableDeviceProxy> made;
+    try {
+        made = std::make_unique<ztsdlib::SyncableDeviceProxy>(uri, std::make_unique<NoResources>());
+    } catch (const zterr::Exception& e) {
+        // A host that cannot stand in a URL is the caller's mistake, refused
+        // before any request.
+        require(e.code() == -52005, "a refused URI is an invalid parameter", e.what());
+        return;
+    }
+    const ztsdlib::SyncableDeviceProxy& proxy = *made;
     require(proxy.getUri() == uri, "proxy URI differs from the one given");
     // A bare IPv6 literal (two or more ':' and no opening bracket) goes into
     // HTTP addresses in brackets; any other host as it is.
