@@ -25,20 +25,6 @@ DynamicLibrary DynamicLibrary::openFirst(const std::vector<std::string>& names, 
     return library;
 }
 
-DynamicLibrary::~DynamicLibrary() { close(); }
-
-DynamicLibrary::DynamicLibrary(DynamicLibrary&& other) noexcept
-    : handle_(std::exchange(other.handle_, nullptr)), name_(std::move(other.name_)) {}
-
-DynamicLibrary& DynamicLibrary::operator=(DynamicLibrary&& other) noexcept {
-    if (this != &other) {
-        close();
-        handle_ = std::exchange(other.handle_, nullptr);
-        name_ = std::move(other.name_);
-    }
-    return *this;
-}
-
 void* DynamicLibrary::symbol(const char* symbolName) const noexcept {
     if (!handle_ || !symbolName) return nullptr;
     return ::dlsym(handle_, symbolName);
