@@ -169,7 +169,7 @@ void LinearCorrelator::sampleSymmetricUntilStopped(std::shared_ptr<LinearRegress
         } else {
             const TimestampDecimal midpoint_s = midpoint(before, after);
             if (midpoint_s != previousMidpoint_s && !sameTimestamp(reading2, previous2)) {
-                holder->addBracketedSample(midpoint_s, toDecimal(reading2), pairingHalfWidth_s(bracket_ns));
+                holder->addBracketedSample(midpoint_s, toDecimal(reading2), pairingHalfWidth_s(bracket_ns), 0);
                 holder->prepareCalculations();
             }
             previousMidpoint_s = midpoint_s;

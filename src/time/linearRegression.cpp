@@ -109,11 +109,11 @@ LinearRegression::LinearRegression(std::uint64_t maxHistory) : maxHistorySize(ma
 }
 
 void LinearRegression::addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) {
-    addBracketedSample(first_s, second_s, -1);
+    addBracketedSample(first_s, second_s, -1, 0);
 }
 
 void LinearRegression::addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
-                                          double pairingHalfWidth_s) {
+                                          double pairingHalfWidth_s, double pairingShift_s) {
     if (offsetsFromStart.empty()) {
         start1_s = first_s;
         start2_s = second_s;
@@ -127,7 +127,8 @@ void LinearRegression::addBracketedSample(const TimestampDecimal& first_s, const
                   dy_s * dy_s,
                   truncatedSeconds(dx_s),
                   truncatedSeconds(dy_s - dx_s),
-                  std::isnan(pairingHalfWidth_s) ? -1.0 : pairingHalfWidth_s};
+                  std::isnan(pairingHalfWidth_s) ? -1.0 : pairingHalfWidth_s,
+                  std::isfinite(pairingShift_s) ? pairingShift_s : 0.0};
     if (offsetsFromStart.size() >= maxHistorySize) {
         // Take the oldest sample out of the sums and reuse its node for the
         // new one (moved to the back: no allocation once the history is full).
@@ -225,7 +226,7 @@ void LinearRegression::visitResiduals() const {
         previous = e;
         if (s.halfWidth_s < 0) bracketed = false;
         narrowest = std::min(narrowest, s.halfWidth_s < 0 ? kInfinity : s.halfWidth_s);
-        if (bracketed) limits.add(s.x_s, s.d_s, s.halfWidth_s + truncation_s);
+        if (bracketed) limits.add(s.x_s, s.d_s + s.shift_s, s.halfWidth_s + truncation_s);
         ++index;
     }
 
@@ -259,7 +260,9 @@ void LinearRegression::visitResiduals() const {
         const double age_s = newest_s - s.x_s;
         // An unknown slope allows only samples at the newest reading.
         const double drift_s = age_s > 0 ? quality_.slopeBound * age_s : 0;
-        bound = std::min(bound, s.halfWidth_s + std::fabs(residual(s)) + truncation_s + drift_s);
+        // The fitted line at x(k) is d(k) - e(k), the true one within h(k)
+        // of d(k) + shift(k).
+        bound = std::min(bound, s.halfWidth_s + std::fabs(residual(s) + s.shift_s) + truncation_s + drift_s);
     }
     quality_.offsetBound_s = bound;
     if (!std::isfinite(bound) || !std::isfinite(quality_.slopeBound)) return unbounded();

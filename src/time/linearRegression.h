@@ -62,24 +62,29 @@
 //          with the bounds below, instead sqrt((error * s)^2 + bound^2 / 3),
 //          each bound taken as a rectangular distribution, so that three of
 //          them hold the truth whenever the bound does.
-// A sample may come with its pairing half-width h (addBracketedSample): the
-// second reading is known to lie within h of the true second timescale's
-// time at the first reading, whatever the path (the round trip it was read
-// in). When every kept sample has one, quality() also states, for a true
-// relation that is a straight line, assumption-free bounds:
+// A sample may come with its pairing interval (addBracketedSample): the
+// true second timescale's time at the first reading is known to lie within
+// the half-width h of the second reading moved by the shift c, whatever the
+// path (the round trip it was read in; c is 0 for a reading paired with the
+// middle of its round trip, minus half of it for one paired with its start,
+// which came before it). When every kept sample has one, quality() also
+// states, for a true relation that is a straight line, assumption-free
+// bounds (d = second - first, each side's offsets, and m = d + c the
+// interval's middle):
 //   slopeBound    how far the fitted slope may be from the true one: any
 //                 two samples i, j with x(i) < x(j) confine the true line's
 //                 slope to
-//                 [(d(j) - h(j)) - (d(i) + h(i)), (d(j) + h(j)) - (d(i) - h(i))]
-//                 / (x(j) - x(i)) (d = second - first, each side's offsets);
+//                 [(m(j) - h(j)) - (m(i) + h(i)), (m(j) + h(j)) - (m(i) - h(i))]
+//                 / (x(j) - x(i));
 //                 the tightest ends over all pairs (found with convex hulls,
 //                 O(n log n)) are exactly the slopes a line within every
-//                 sample's half-width can have; the bound is the fitted
+//                 sample's interval can have; the bound is the fitted
 //                 slope's distance to the farther end
 //   offsetBound   how far the fitted offset at xn may be from the true one:
 //                 the smallest over the kept samples k of
-//                 h(k) + |e(k)| + slopeBound * (xn - x(k)),
-//                 since the true line passes within h(k) of sample k.
+//                 h(k) + |e(k) + c(k)| + slopeBound * (xn - x(k)),
+//                 since the fitted line passes d(k) - e(k) and the true one
+//                 within h(k) of m(k) at x(k).
 // Otherwise (or with a degenerate window) both are +infinity. They are made
 // when first asked for after an add and kept until the next add.
 // Construction refuses maxHistorySize < 2 and sizes the list cannot hold
@@ -105,7 +110,7 @@ public:
     std::uint64_t getHistorySize() const override { return offsetsFromStart.size(); }
     void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) override;
     void addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
-                            double pairingHalfWidth_s) override;
+                            double pairingHalfWidth_s, double pairingShift_s) override;
     TimestampDecimal calculateFirst(const TimestampDecimal& second_s) const override;
     TimestampDecimal calculateSecond(const TimestampDecimal& first_s) const override;
     // Makes the fit now if a sample was added since it was last made.
@@ -151,6 +156,7 @@ private:
         double x_s;             // dx_s as a double
         double d_s;             // dy_s - dx_s as a double
         double halfWidth_s;     // the pairing half-width, negative when not known
+        double shift_s;         // where that interval is centred, from the second reading
     };
     enum class Fit { NotEnoughHistory, InvalidDenominator, Ready };
 

@@ -19,13 +19,16 @@ public:
     // Adds one paired reading (first on the first timescale, second on the
     // second), dropping the oldest sample when the history is full.
     virtual void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s) = 0;
-    // The same for a pair whose second reading is known to lie within
-    // pairingHalfWidth_s of the second timescale's true time at first_s (for
-    // example half the round trip it was read in); a filter that does not
-    // use it adds the sample as above.
+    // The same for a pair where the second timescale's true time at first_s
+    // is known to lie within pairingHalfWidth_s of second_s +
+    // pairingShift_s: shift 0 for a reading paired with the middle of the
+    // round trip it was read in (half that round trip wide), minus half the
+    // round trip for one paired with its start, after which it came. A
+    // filter that does not use it adds the sample as above.
     virtual void addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
-                                    double pairingHalfWidth_s) {
+                                    double pairingHalfWidth_s, double pairingShift_s) {
         (void)pairingHalfWidth_s;
+        (void)pairingShift_s;
         addSample(first_s, second_s);
     }
     // The first timescale's reading for a reading of the second:

@@ -38,9 +38,10 @@ void LinearRegressionFilterWrapper::addSample(const TimestampDecimal& first_s, c
 }
 
 void LinearRegressionFilterWrapper::addBracketedSample(const TimestampDecimal& first_s,
-                                                       const TimestampDecimal& second_s, double pairingHalfWidth_s) {
+                                                       const TimestampDecimal& second_s, double pairingHalfWidth_s,
+                                                       double pairingShift_s) {
     std::lock_guard<std::mutex> lock(mutex_);
-    filter_->addBracketedSample(first_s, second_s, pairingHalfWidth_s);
+    filter_->addBracketedSample(first_s, second_s, pairingHalfWidth_s, pairingShift_s);
     ++added_;
 }
 

@@ -31,9 +31,9 @@ public:
     ztsdlib_Timestamp calculateSecond(const ztsdlib_Timestamp& first) const;
     // One paired reading, added under the lock.
     void addSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s);
-    // The same with the pairing's half-width (the filter's addBracketedSample).
+    // The same with the pairing's interval (the filter's addBracketedSample).
     void addBracketedSample(const TimestampDecimal& first_s, const TimestampDecimal& second_s,
-                            double pairingHalfWidth_s);
+                            double pairingHalfWidth_s, double pairingShift_s);
     // The filter's preparation for the calculations, under the lock (taken
     // apart from the add's, so that a waiting calculation can come between).
     void prepareCalculations() const;

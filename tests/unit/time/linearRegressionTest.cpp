@@ -521,25 +521,31 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
     std::uniform_int_distribution<long long> halfWidth_ns(20000, 80000);
     // How the reading sits in its bracket: anywhere, drifting from one edge
     // to the other over the window, or always at the late edge (every reply
-    // slow: the bias no standard error sees).
+    // slow: the bias no standard error sees). Paired with the middle of its
+    // round trip (2h wide) the reading lies within h of the truth; paired
+    // with its start (the sequential sampling) up to 2h above it, which the
+    // shift -h centres.
     enum class Asymmetry { uniform, drifting, late };
     int covers = 0, cases = 0;
+    for (const bool pairedWithStart : {false, true})
     for (const Asymmetry asymmetry : {Asymmetry::uniform, Asymmetry::drifting, Asymmetry::late}) {
-        for (int k = 0; k < 40; ++k, ++cases) {
+        SCOPED_TRACE(std::string(pairedWithStart ? "start" : "middle") + " " + std::to_string(static_cast<int>(asymmetry)));
+        for (int k = 0; k < 30; ++k, ++cases) {
             DriftingWindow w;
             LinearRegression regression(120);
-            std::vector<long long> h(120), a(120);
+            std::vector<long long> h(120), a(120), c(120);
             for (int i = 0; i < 120; ++i) {
                 h[i] = halfWidth_ns(rng);
                 const double share = asymmetry == Asymmetry::uniform
                                          ? std::uniform_real_distribution<double>(-1, 1)(rng)
                                          : asymmetry == Asymmetry::drifting ? std::sin(i / 19.0 + k) : 1.0;
-                a[i] = static_cast<long long>(share * static_cast<double>(h[i]));
+                a[i] = static_cast<long long>(share * static_cast<double>(h[i])) + (pairedWithStart ? h[i] : 0);
+                c[i] = pairedWithStart ? -h[i] : 0;
                 const cpp_int x = w.x0 + cpp_int(i) * 20000000;
                 const cpp_rational exact = cpp_rational(w.y0) + cpp_rational(x - w.x0) * w.trueSlope;
                 w.samples.push_back({x, cpp_int(numerator(exact) / denominator(exact)) + a[i]});
                 regression.addBracketedSample(decimalOfNanos(x), decimalOfNanos(w.samples.back().y),
-                                              static_cast<double>(h[i] + 1) * 1e-9);
+                                              static_cast<double>(h[i] + 1) * 1e-9, static_cast<double>(c[i]) * 1e-9);
             }
             const auto& q = regression.quality();
             const cpp_int& xn = w.samples.back().x;
@@ -549,11 +555,12 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
             EXPECT_LE(offsetError, q.offsetBound_s);
             EXPECT_LE(slopeError, q.slopeBound);
             // Never looser than the newest sample's own half-width and
-            // distance from the line (and a few ns for the truncations).
+            // distance of its interval's middle from the line (and a few ns
+            // for the truncations).
             const double newestResidual_s =
-                std::fabs(static_cast<double>(rationalOf(regression.calculateSecond(decimalOfNanos(xn))) -
-                                              cpp_rational(w.samples.back().y, kNanosPerSecond)));
-            EXPECT_LE(q.offsetBound_s, static_cast<double>(h.back() + 1) * 1e-9 + newestResidual_s + 3e-9);
+                static_cast<double>(cpp_rational(w.samples.back().y + c.back(), kNanosPerSecond) -
+                                    rationalOf(regression.calculateSecond(decimalOfNanos(xn))));
+            EXPECT_LE(q.offsetBound_s, static_cast<double>(h.back() + 1) * 1e-9 + std::fabs(newestResidual_s) + 3e-9);
             EXPECT_EQ(q.narrowestHalfWidth_s, static_cast<double>(*std::min_element(h.begin(), h.end()) + 1) * 1e-9);
             // The slope's bound is the tightest any two samples give: the
             // steepest line from a low end to a later high end and the
@@ -564,7 +571,7 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
             for (int i = 0; i < 120; ++i) {
                 for (int j = i + 1; j < 120; ++j) {
                     const double run = static_cast<double>(w.samples[j].x - w.samples[i].x) * 1e-9;
-                    const double rise = static_cast<double>((w.samples[j].y - w.samples[i].y) -
+                    const double rise = static_cast<double>((w.samples[j].y + c[j] - w.samples[i].y - c[i]) -
                                                             (w.samples[j].x - w.samples[i].x)) * 1e-9;
                     const double widths = static_cast<double>(h[i] + h[j] + 2) * 1e-9 + 2e-9 * (1 + std::fabs(slope1));
                     steepest = std::min(steepest, (rise + widths) / run);
@@ -589,7 +596,7 @@ TEST(LinearRegression, BoundsFromThePairingHalfWidthsHoldWhateverThePathAsymmetr
     EXPECT_EQ(covers, cases);
     // One sample without its half-width and nothing is bounded.
     LinearRegression mixed(10);
-    for (int i = 0; i < 5; ++i) mixed.addBracketedSample(decimalOfNanos(i * 1000), decimalOfNanos(i * 1001), 1e-6);
+    for (int i = 0; i < 5; ++i) mixed.addBracketedSample(decimalOfNanos(i * 1000), decimalOfNanos(i * 1001), 1e-6, 0);
     mixed.addSample(decimalOfNanos(5000), decimalOfNanos(5005));
     EXPECT_TRUE(std::isinf(mixed.quality().offsetBound_s) && std::isinf(mixed.quality().slopeBound));
 }
