@@ -310,13 +310,14 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
  *                             residuals that drift together. The scatter's
  *                             share is the standard error above times
  *                             s = sqrt((n - 2) / (effectiveSampleCount - 2)).
- *                             With bounds (the symmetric sampling) each is
+ *                             With bounds (either sampling) each is
  *                             sqrt((error * s)^2 + bound^2 / 3): the scatter
  *                             combined with its bound below (rateBound_ppb,
  *                             offsetBound_ns) taken as a rectangular
  *                             distribution, so that three of them always
  *                             hold the truth, whatever the path asymmetry.
- *                             Without bounds (the sequential sampling) it is
+ *                             Without bounds (a history with a sample whose
+ *                             round trip is unknown) it is
  *                             error * s * t / 3, t the 99.865 % quantile of
  *                             Student's t with effectiveSampleCount - 2
  *                             degrees of freedom (three of them make a
@@ -327,7 +328,8 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
  *                             no standard error shows it.
  *   narrowestHalfRoundTrip_ns the smallest pairing half-width of the history
  *                             (half the narrowest round trip, widened by the
- *                             readings' resolution; see below)
+ *                             readings' resolution; see below), for either
+ *                             sampling
  *   rateBound_ppb             how far the fitted rate may be from the true
  *                             one, whatever the path asymmetry
  *   offsetBound_ns            how far offsetAtNewest may be from the true
@@ -345,11 +347,21 @@ ZTSDLIB_API void ztsdlib_TimestampCorrelator_getQuality(ztsdlib_TimestampCorrela
  * steepest and the flattest line that passes within every sample's
  * half-width, the offset's comes from the sample k that gives the smallest
  * half-width(k) + |residual(k)| + rate bound * age(k).
- * The sequential sampling reads timescale1 only before timescale2, so it
- * knows that each remote reading came after its pairing, never how long
- * after: it states no bound, and its narrowestHalfRoundTrip_ns,
- * rateBound_ppb and offsetBound_ns are +infinity (its offset is late by the
- * outward path delay, which no figure here can show).
+ * The sequential sampling pairs a timescale1 reading with the timescale2
+ * reading after it, and times each round on the host's steady clock from
+ * before the timescale1 reading to after the timescale2 reading (plus one
+ * tick of that clock): the timescale2 reading came within that round trip
+ * after its pairing, so the true line lies between the sample and the round
+ * trip (widened as above) below it, and at most the truncations above. Its
+ * pairing half-width is the same as a symmetric round's of that round trip,
+ * about an interval centred half the round trip (times 1.001) below the
+ * sample, and the residual(k) above is taken from that centre. Its offset
+ * runs late by the outward delay, so its offset bound is about the whole
+ * narrowest round trip (twice narrowestHalfRoundTrip_ns), where the
+ * symmetric sampling's is about half of it; its rate bound is the farther
+ * of the steepest and flattest line through those intervals as above. It
+ * also assumes that the host's steady clock runs within 0.1 % of
+ * timescale1's rate. It reads no clock more than before.
  * The record is made when asked for and kept until the next sample, so
  * asking again costs a copy. Fails as getQuality does (-52005 also for a
  * NULL record or a size that is too small). Does not wait; any thread.

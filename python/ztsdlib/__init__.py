@@ -620,8 +620,10 @@ CorrelationQuality = collections.namedtuple("CorrelationQuality", [
 
 # The fit's figures for users who need to know how far off it may be:
 # standard uncertainties that allow for residuals that drift together, and
-# for a symmetric correlator bounds that hold whatever the path asymmetry
-# (float("inf") where the sampling states none). The bounds hold at
+# bounds that hold whatever the path asymmetry: about half the narrowest
+# round trip for a symmetric correlator, about the whole one for a
+# sequential correlator, whose offset runs late by the outward delay
+# (float("inf") where a sample has no round trip). The bounds hold at
 # newest_timescale1; at another host time t the offset's bound grows by
 # rate_bound_ppb * 1e-9 * |t - newest_timescale1|.
 CorrelationQualityV2 = collections.namedtuple("CorrelationQualityV2", [

@@ -1,11 +1,13 @@
 #include "time/linearCorrelator.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <utility>
 
 #include "errors/exception.h"
 #include "errors/status.h"
+#include "platform/clock.h"
 #include "time/linearRegression.h"
 #include "time/linearRegressionFilterWrapper.h"
 #include "time/roundTripBracket.h"
@@ -122,13 +124,23 @@ void LinearCorrelator::stop() {
 void LinearCorrelator::sampleUntilStopped(std::shared_ptr<LinearRegressionFilterWrapper> holder) {
     ztsdlib_Timestamp previous1{};
     ztsdlib_Timestamp previous2{};
+    // The steady counter's tick: an elapsed time read from it may be short
+    // by up to that much.
+    const std::int64_t frequency = platform::steadyFrequency();
+    const std::int64_t tick_ns = frequency > 0 ? (1000000000 + frequency - 1) / frequency : 1;
     while (running.load()) {
+        // The round trip is timed on the host's steady clock, from before
+        // the first reading to after the second: the second reading was
+        // taken within it after the first (no extra reading of either).
+        const std::int64_t began_ns = ztsdtools::steadyNow_ns();
         const ztsdlib_Timestamp reading1 = readTime(*reader1);
         const ztsdlib_Timestamp reading2 = readTime(*reader2);
+        const std::int64_t roundTrip_ns = std::max<std::int64_t>(ztsdtools::steadyNow_ns() - began_ns, 0) + tick_ns;
         if (!sameTimestamp(reading1, previous1) && !sameTimestamp(reading2, previous2)) {
             const TimestampDecimal first_s = toDecimal(reading1);
             const TimestampDecimal second_s = toDecimal(reading2);
-            holder->addSample(first_s, second_s);
+            holder->addBracketedSample(first_s, second_s, pairingHalfWidth_s(roundTrip_ns),
+                                       sequentialPairingShift_s(roundTrip_ns));
             // The fit is made here, in the sampling task, so correlate finds it ready.
             holder->prepareCalculations();
         }

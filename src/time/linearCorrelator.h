@@ -71,10 +71,15 @@
 // sampling's text is unchanged.
 //
 // quality() reports the fit of the current history (LinearRegression's
-// figures) and qualityV2() the same with the corrected standard errors and,
-// for the symmetric sampling, the bounds (whose pairing half-width
-// pairingHalfWidth_s gives for each sample); the sequential sampling's
-// samples carry none. They do not wait, and fail with -52010 and
+// figures) and qualityV2() the same with the corrected standard errors and
+// the bounds. A symmetric sample's pairing half-width is pairingHalfWidth_s
+// of its bracket. A sequential round is timed on the host's steady clock,
+// from before its timescale1 reading to after its timescale2 reading (plus
+// one tick of that clock): its timescale2 reading came within that round
+// trip after the timescale1 reading, so the true line lies up to the round
+// trip below the sample (sequentialPairingShift_s), and its fit, late by the
+// outward delay, gets a bound of about the whole narrowest round trip. They
+// do not wait, and fail with -52010 and
 // correlate's message while fewer than two samples exist. The record is
 // made by the first caller that asks for it after a sample was added, not by
 // the sampling task, and kept (cached by the holder and its count of added

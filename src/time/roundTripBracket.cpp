@@ -31,11 +31,20 @@ TimestampDecimal midpoint(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b
     return (toDecimal(a) + toDecimal(b)) / 2;
 }
 
+namespace {
+constexpr double kTick_ns = 100;
+constexpr double kRateAllowance = 1.001;
+constexpr double kRemoteTruncation_ns = 1;
+}  // namespace
+
 double pairingHalfWidth_s(std::int64_t bracket_ns) {
-    constexpr double kTick_ns = 100;
-    constexpr double kRateAllowance = 1.001;
-    constexpr double kRemoteTruncation_ns = 1;
     return ((static_cast<double>(bracket_ns) / 2 + kTick_ns) * kRateAllowance + kRemoteTruncation_ns) * 1e-9;
+}
+
+// The interval [second - (trip + tick) * allowance - 1 ns, second + tick *
+// allowance + 1 ns] is the half-width's around second - trip * allowance / 2.
+double sequentialPairingShift_s(std::int64_t roundTrip_ns) {
+    return -static_cast<double>(roundTrip_ns) / 2 * kRateAllowance * 1e-9;
 }
 
 std::int64_t differenceNanos(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b) {

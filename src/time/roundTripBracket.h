@@ -58,6 +58,16 @@ TimestampDecimal midpoint(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b
 // truncation.
 double pairingHalfWidth_s(std::int64_t bracket_ns);
 
+// A sequential round reads the first timescale and then the second, and
+// pairs the two readings: the second was taken after the first, within the
+// round trip of roundTrip_ns (the time from the start of the first reading
+// to the end of the second, >= 0), so the second timescale's true time at
+// the first reading lies up to that round trip (widened as above) below
+// the second reading and at most the truncations above it. That interval
+// is pairingHalfWidth_s(roundTrip_ns) wide on either side of the second
+// reading moved by this shift, in seconds (<= 0).
+double sequentialPairingShift_s(std::int64_t roundTrip_ns);
+
 // b - a in nanoseconds (signed), for records within ±2^63 ns of each other;
 // further apart saturates.
 std::int64_t differenceNanos(const ztsdlib_Timestamp& a, const ztsdlib_Timestamp& b);

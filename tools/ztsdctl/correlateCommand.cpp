@@ -46,15 +46,19 @@ void printCorrelation(std::ostream& out, const CorrelationResult& result) {
         << " sampling; +/- is one standard uncertainty, for residuals that drift together: "
         << fixedPoint(static_cast<Nanos>(q.effectiveSampleCount * 10 + 0.5), 1, false) << " effective samples)\n";
     // The standard uncertainty describes the fit's scatter; the bound is
-    // the accuracy, and only the symmetric sampling can state one.
+    // the accuracy. The sequential sampling's offset is late by the outward
+    // delay, up to the whole round trip, and its bound is about that wide.
     if (std::isfinite(q.offsetBound_ns)) {
         out << "accuracy     offset within +/- " << uncertaintyText(result.offsetBoundAtReference_ns())
             << ", rate within +/- " << ppmText(q.rateBound_ppb)
             << " ppm, whatever the path asymmetry (half the narrowest round trip "
-            << uncertaintyText(q.narrowestHalfRoundTrip_ns) << " and the fit)\n";
+            << uncertaintyText(q.narrowestHalfRoundTrip_ns)
+            << (result.symmetric ? " and the fit)\n"
+                                 : ", the fit, and the outward delay, up to the whole round trip, by which the "
+                                   "sequential sampling's offset runs late; sample symmetrically for a bound "
+                                   "of half of it)\n");
     } else {
-        out << "accuracy     no bound: the sequential sampling's offset is late by the outward path delay, "
-               "which it cannot measure (sample symmetrically for a bound)\n";
+        out << "accuracy     no bound: a sample of the history has no round trip to bound it\n";
     }
     if (!result.rateIsMeaningful()) {
         out << "warning      the rate means nothing yet: its uncertainty (3 x " << ppmText(q.slopeStdErrorCorrected_ppb)
@@ -69,7 +73,7 @@ void printCorrelation(std::ostream& out, const CorrelationResult& result) {
 
 std::string correlationJson(const CorrelationResult& result) {
     const ztsdlib_CorrelationQualityV2& q = result.quality;
-    // The bounds are null where the sampling states none.
+    // The bounds are null where the history states none.
     const bool bounded = std::isfinite(q.offsetBound_ns);
     const std::string offsetBound =
         bounded ? fixedPoint(static_cast<Nanos>(std::ceil(result.offsetBoundAtReference_ns())), 0, false) : "";

@@ -61,8 +61,8 @@ struct CorrelationResult {
     bool rateIsMeaningful() const { return 3 * quality.slopeStdErrorCorrected_ppb <= kMeaningfulRate_ppb; }
     // How far offset_ns may be from the truth at the reference, whatever the
     // path asymmetry: the record's bound at its newest sample widened by the
-    // rate's bound over the time from there (+infinity for the sequential
-    // sampling, which states none).
+    // rate's bound over the time from there (+infinity when the record
+    // states none).
     double offsetBoundAtReference_ns() const;
 };
 

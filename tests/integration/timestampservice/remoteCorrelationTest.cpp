@@ -108,24 +108,32 @@ TEST_F(RemoteCorrelationTest, EachSamplingSeesASlowReturnPathAsItsPairingPredict
     daemon.setReplyDelay(0, 0);
 }
 
-// Against a daemon whose path delays wander over seconds, lopsided (only the
-// return leg wanders, up to 2 ms) and both ways (each leg up to 1 ms), the
-// symmetric sampling's fitted offset and rate lie within the bounds it
-// states, checked at three times as the history moves on, and the bounds
-// say something (well under the wander); the errors corrected for drifting
-// residuals are never below the plain ones.
-TEST_F(RemoteCorrelationTest, SymmetricBoundsHoldAgainstWanderingPathDelays) {
+// Against a daemon whose path delays wander over seconds, lopsided (only one
+// leg wanders, up to 2 ms) and both ways (each leg up to 1 ms), either
+// sampling's fitted offset and rate lie within the bounds it states, and
+// within three of its corrected standard errors, checked at three times as
+// the history moves on, and the bounds say something (the symmetric one's
+// well under the wander, the sequential one's, a whole round trip, under
+// twice it); the corrected errors are never below the plain ones.
+TEST_F(RemoteCorrelationTest, BoundsOfEitherSamplingHoldAgainstWanderingPathDelays) {
+    using Sampling = ztsdlib::LinearCorrelator::Sampling;
     struct Case {
+        Sampling sampling;
         std::uint32_t outward_us, return_us;
+        double boundLimit_ns;
     };
-    const Case cases[] = {{0, 2000}, {1000, 1000}};
+    const Case cases[] = {{Sampling::Symmetric, 0, 2000, 1e6},
+                          {Sampling::Symmetric, 1000, 1000, 1e6},
+                          {Sampling::Sequential, 2000, 0, 4e6},
+                          {Sampling::Sequential, 1000, 1000, 4e6}};
     ztsdlib::HostTimescale host(ztsdlib::kHostTimescaleUri);
     for (const Case& c : cases) {
-        SCOPED_TRACE("wander out " + std::to_string(c.outward_us) + " us, back " + std::to_string(c.return_us) + " us");
+        SCOPED_TRACE(std::string(c.sampling == Sampling::Symmetric ? "symmetric" : "sequential") + ", wander out " +
+                     std::to_string(c.outward_us) + " us, back " + std::to_string(c.return_us) + " us");
         daemon.setDriftingDelay(c.outward_us, c.return_us);
         auto remote = makeProxy();
         ztsdlib::LinearCorrelator correlator("/localhost/ztsds/correlators/wander", host, *remote, 5, 100, 30000,
-                                             ztsdlib::LinearCorrelator::Sampling::Symmetric);
+                                             c.sampling);
         correlator.start();
         correlator.correlate(ztsdlib::kHostTimescaleUri, hostNow());  // waits for the history
         for (int check = 0; check < 3; ++check) {
@@ -134,9 +142,13 @@ TEST_F(RemoteCorrelationTest, SymmetricBoundsHoldAgainstWanderingPathDelays) {
             const std::int64_t fitted_ns = (q.quality.offsetAtNewest.isNegative ? -1 : 1) *
                                            nanosBetween(ztsdlib_Timestamp{}, q.quality.offsetAtNewest);
             const std::int64_t true_ns = nanosBetween(q.newestTimescale1, daemon.timeAt(q.newestTimescale1));
-            EXPECT_LE(std::fabs(static_cast<double>(fitted_ns - true_ns)), q.offsetBound_ns) << check;
-            EXPECT_LE(std::fabs(q.quality.rate_ppb - daemontest::kRate_ppb), q.rateBound_ppb) << check;
-            EXPECT_LT(q.offsetBound_ns, 1e6) << check;
+            const double offsetError_ns = std::fabs(static_cast<double>(fitted_ns - true_ns));
+            const double rateError_ppb = std::fabs(q.quality.rate_ppb - daemontest::kRate_ppb);
+            EXPECT_LE(offsetError_ns, q.offsetBound_ns) << check;
+            EXPECT_LE(rateError_ppb, q.rateBound_ppb) << check;
+            EXPECT_LE(offsetError_ns, 3 * q.offsetStdErrorCorrected_ns) << check;
+            EXPECT_LE(rateError_ppb, 3 * q.slopeStdErrorCorrected_ppb) << check;
+            EXPECT_LT(q.offsetBound_ns, c.boundLimit_ns) << check;
             EXPECT_GE(q.offsetStdErrorCorrected_ns, q.quality.offsetStdError_ns) << check;
             EXPECT_GE(q.slopeStdErrorCorrected_ppb, q.quality.slopeStdError_ppb) << check;
         }
