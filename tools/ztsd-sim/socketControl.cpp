@@ -74,7 +74,7 @@ bool shutdownConnection(std::uint16_t localPort, const std::string& peerAddress,
     const std::size_t found = system::forEachSocket([&](Socket s) {
         Endpoint peer;
         if (!connectedOnPort(s, localPort, peer) || peer.port != peerPort || peer.address != peerAddress) return false;
-        return ::shutdown(s, system::shutdownBothHow()) == 0;
+        return system::cutConnection(s);
     });
     return found > 0;
 }
@@ -82,7 +82,7 @@ bool shutdownConnection(std::uint16_t localPort, const std::string& peerAddress,
 std::size_t shutdownConnectionsOnPort(std::uint16_t localPort) {
     return system::forEachSocket([&](Socket s) {
         Endpoint peer;
-        return connectedOnPort(s, localPort, peer) && ::shutdown(s, system::shutdownBothHow()) == 0;
+        return connectedOnPort(s, localPort, peer) && system::cutConnection(s);
     });
 }
 

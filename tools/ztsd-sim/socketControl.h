@@ -84,6 +84,9 @@ void close(Socket socket);
 bool waitReadable(Socket socket, int timeout_ms);
 int sendFlags();
 int shutdownBothHow();
+// Shuts down both directions of a connection that another thread of this
+// process owns, and sees that the owner's wait on it ends.
+bool cutConnection(Socket socket);
 void setExclusiveBind(Socket socket);
 // Calls visit(s) for every socket of this process; returns how often visit
 // returned true.

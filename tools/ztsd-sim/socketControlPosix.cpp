@@ -38,6 +38,9 @@ int sendFlags() { return MSG_NOSIGNAL; }
 
 int shutdownBothHow() { return SHUT_RDWR; }
 
+// A poll or read on the socket in its owner's thread ends at the shutdown.
+bool cutConnection(Socket socket) { return ::shutdown(socket, SHUT_RDWR) == 0; }
+
 // SO_REUSEADDR only: a socket in TIME_WAIT does not hold the port, one that
 // listens does (SO_REUSEPORT would let two servers share it).
 void setExclusiveBind(Socket socket) {

@@ -8,7 +8,11 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <chrono>
 #include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace ztsdsim::net {
 
@@ -36,6 +40,64 @@ bool waitReadable(Socket socket, int timeout_ms) {
 int sendFlags() { return 0; }
 
 int shutdownBothHow() { return SD_BOTH; }
+
+namespace {
+// A select or WSAPoll on a socket does not end when another thread shuts the
+// socket down (its owner would wait out its own time-out: 5 s for a kept-alive
+// HTTP connection), but it ends when its I/O is cancelled. So a cut
+// connection's waits are cancelled every 2 ms for a second, since its owner may
+// be between two waits when the cut comes. The cancelling goes through a
+// duplicate of the handle, which refers to the same socket even once the
+// owner has closed its handle and the value is reused for another socket.
+struct WaitCanceller {
+    std::mutex mutex;
+    std::vector<std::pair<HANDLE, std::chrono::steady_clock::time_point>> handles;
+    bool running = false;
+
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!handles.empty()) {
+            const auto now = std::chrono::steady_clock::now();
+            for (auto it = handles.begin(); it != handles.end();) {
+                ::CancelIoEx(it->first, nullptr);
+                if (now < it->second) {
+                    ++it;
+                    continue;
+                }
+                ::CloseHandle(it->first);
+                it = handles.erase(it);
+            }
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            lock.lock();
+        }
+        running = false;
+    }
+};
+
+// Never destroyed: its thread may still run while the process exits.
+WaitCanceller& waitCanceller() {
+    static auto* canceller = new WaitCanceller;
+    return *canceller;
+}
+}  // namespace
+
+bool cutConnection(Socket socket) {
+    if (::shutdown(socket, SD_BOTH) != 0) return false;
+    HANDLE copy = nullptr;
+    const HANDLE self = ::GetCurrentProcess();
+    if (!::DuplicateHandle(self, reinterpret_cast<HANDLE>(socket), self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
+        return true;
+    }
+    WaitCanceller& canceller = waitCanceller();
+    std::lock_guard<std::mutex> lock(canceller.mutex);
+    canceller.handles.emplace_back(copy, std::chrono::steady_clock::now() + std::chrono::seconds(1));
+    if (!canceller.running) {
+        canceller.running = true;
+        std::thread([&canceller] { canceller.run(); }).detach();
+    }
+    return true;
+}
 
 // Windows' SO_REUSEADDR would let a second socket take a port that one
 // listens on; SO_EXCLUSIVEADDRUSE refuses it, and Windows lets a restarted
