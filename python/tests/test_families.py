@@ -62,23 +62,23 @@ def test_correlators_map_both_ways(sim, kind, json_type, shift_ns):
                 assert quality.sample_count >= 2
                 assert abs(quality.offset_at_newest.nanoseconds - shift_ns) < SECOND // 20
             if kind in ("linear", "symmetric"):
-                _check_stated_accuracy(correlator, host, remote, kind == "symmetric")
+                _check_stated_accuracy(correlator, host, remote)
             correlator.stop()
         for other in inner:
             other.close()
 
 
-def _check_stated_accuracy(correlator, host, remote, symmetric):
+def _check_stated_accuracy(correlator, host, remote):
     """A reading of the remote clock between two host readings lies on the
     fitted line within the stated bounds (and the round trip's half), for
-    either sampling; the sequential one's bound is about its whole round
-    trip, the symmetric one's half of it."""
+    either sampling; no bound is narrower than half the narrowest round trip
+    (the sequential one's is nearer the whole round trip, but a sample whose
+    residual cancels its pairing shift may narrow it)."""
     before = host.get_time().nanoseconds
     reading = remote.get_time().nanoseconds
     after = host.get_time().nanoseconds
     fit = correlator.quality_v2()
-    if not symmetric:  # late by up to the whole round trip, and bounded so
-        assert fit.offset_bound_ns >= 2 * fit.narrowest_half_round_trip_ns - 205
+    assert fit.offset_bound_ns >= fit.narrowest_half_round_trip_ns
     middle = (before + after) // 2
     since = middle - fit.newest_timescale1.nanoseconds
     on_line = fit.quality.offset_at_newest.nanoseconds + fit.quality.rate_ppb * 1e-9 * since
