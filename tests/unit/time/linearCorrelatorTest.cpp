@@ -365,8 +365,11 @@ struct ScriptedLink {
             ++link.remoteReads;
             link.t += link.back_ns + (link.slowEvery && round % link.slowEvery == link.slowEvery - 1 ? link.slowBack_ns : 0);
             // The scripted round trip takes at least as long on the host's
-            // steady clock, which times the sequential sampling's rounds.
-            std::this_thread::sleep_for(std::chrono::nanoseconds(link.t - started));
+            // steady clock, which times the sequential sampling's rounds
+            // (waited out, since a sleep shorter than a millisecond may not
+            // sleep at all on Windows).
+            const auto until = std::chrono::steady_clock::now() + std::chrono::nanoseconds(link.t - started);
+            while (std::chrono::steady_clock::now() < until) std::this_thread::yield();
         }
         ScriptedLink& link;
         std::string uri;
