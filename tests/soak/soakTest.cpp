@@ -136,7 +136,7 @@ public:
         const auto now = Clock::now();
         for (std::size_t i = index > 4 ? index - 4 : 1; i <= index && i < states.size(); ++i) {
             const auto ago = std::chrono::duration_cast<std::chrono::milliseconds>(now - states[i].at).count();
-            text += std::string(states[i].row ? states[i].row->id : "cleared") + " " + std::to_string(ago) +
+            text += (states[i].row ? states[i].row->id : std::string("cleared")) + " " + std::to_string(ago) +
                     " ms ago; ";
         }
         return text;
@@ -174,7 +174,7 @@ public:
             const bool restarts = row.injection == Injection::WebStopped || row.injection == Injection::DaemonStopped;
             const bool listing = row.injection == Injection::ListingVersionMissing ||
                                  row.injection == Injection::ListingVersionUnsupported;
-            if (!restarts && !listing && row.daemonVersionAtCreation == 2) eligible.push_back(&row);
+            if (!restarts && !listing && row.daemonVersionAtCreation() == 2) eligible.push_back(&row);
         }
         makeObjects();
     }
