@@ -396,6 +396,54 @@ inline ztsdlib_Timescale* timescaleProxyHandle(const std::string& uri, const std
         new ztsdlib::TimescaleProxy(uri, daemonHost, daemonPort, settings)));
 }
 
+// What a caller holds, made through the exports (devices and the remote
+// timescale with short time-outs, as handles) and deleted receivers first,
+// the pool before the devices its late tasks may still use.
+struct CallerObjects {
+    ~CallerObjects() {
+        ztsdlib_TimestampCorrelator_delete(correlator);
+        ztsdlib_SyncDomain_delete(domain);
+        ztsdlib_ThreadPool_delete(pool);
+        for (ztsdlib_SyncableDevice* d : devices) ztsdlib_SyncableDevice_delete(d);
+        ztsdlib_Timescale_delete(remote);
+        ztsdlib_Timescale_delete(host);
+    }
+
+    ztsdlib_SyncableDevice* device(const std::string& uri, unsigned requestTimeout_ms) {
+        return devices.emplace_back(deviceHandle(uri, requestTimeout_ms));
+    }
+
+    // A domain on its own pool of `threads` over a device for each URI.
+    void makeDomain(const char* uri, std::uint32_t threads, const std::vector<std::string>& deviceUris,
+                    unsigned requestTimeout_ms, zterr_Status* status) {
+        makeHost(status);
+        pool = ztsdlib_ThreadPool_create(threads, status);
+        domain = ztsdlib_SyncDomain_create(uri, host, 1000, 100, pool, status);
+        for (const std::string& deviceUri : deviceUris)
+            ztsdlib_SyncDomain_addSyncableDevice(domain, device(deviceUri, requestTimeout_ms), status);
+    }
+
+    // A linear correlator of the host clock and a timescale proxy of the daemon.
+    void makeCorrelator(const char* uri, const std::string& remoteUri, const std::string& daemonHost,
+                        std::uint16_t daemonPort, std::uint32_t socketTimeout_ms, std::uint32_t samples,
+                        std::uint32_t firstWait_ms, zterr_Status* status) {
+        makeHost(status);
+        remote = timescaleProxyHandle(remoteUri, daemonHost, daemonPort, socketTimeout_ms);
+        correlator = ztsdlib_LinearCorrelator_create(uri, host, remote, 5, samples, firstWait_ms, status);
+    }
+
+    void makeHost(zterr_Status* status) {
+        if (!host) host = ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, status);
+    }
+
+    ztsdlib_Timescale* host = nullptr;
+    ztsdlib_Timescale* remote = nullptr;
+    ztsdlib_TimestampCorrelator* correlator = nullptr;
+    void* pool = nullptr;
+    ztsdlib_SyncDomain* domain = nullptr;
+    std::vector<ztsdlib_SyncableDevice*> devices;
+};
+
 // ---- reading a caller's report --------------------------------------------
 
 // Whether `code` appears anywhere in the report as the number of an

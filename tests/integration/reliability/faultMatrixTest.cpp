@@ -113,14 +113,9 @@ protected:
         daemonPortNumber = daemon->port();
     }
 
-    // Receivers before what they refer to; the pool joins its threads before
-    // the devices its late tasks may use go.
+    // The caller's objects go first (see CallerObjects), then the servers.
     void TearDown() override {
-        ztsdlib_TimestampCorrelator_delete(correlator);
-        ztsdlib_SyncDomain_delete(domain);
-        ztsdlib_ThreadPool_delete(pool);
-        for (ztsdlib_SyncableDevice* d : devices) ztsdlib_SyncableDevice_delete(d);
-        for (ztsdlib_Timescale* t : timescales) ztsdlib_Timescale_delete(t);
+        objects.reset();
         for (auto& c : chassis) c->stop();
         daemon->stop();
     }
@@ -128,18 +123,6 @@ protected:
     std::uint16_t daemonPort() const { return daemonPortNumber; }
 
     // ---- the world each family needs ----
-
-    ztsdlib_SyncableDevice* shortTimeoutDevice(const std::string& uri) {
-        devices.push_back(faultmatrix::deviceHandle(uri, kRequestTimeout_ms));
-        return devices.back();
-    }
-
-    ztsdlib_Timescale* hostTimescale() {
-        OwnedStatus status;
-        timescales.push_back(ztsdlib_HostTimescale_create(ZTSDLIB_HOST_TIMESCALE_URI, &status));
-        EXPECT_EQ(status.s.code, 0) << status.text();
-        return timescales.back();
-    }
 
     // Two chassis; the faults go on the second.
     void makeChassis() {
@@ -150,24 +133,19 @@ protected:
 
     void makeDomain() {
         OwnedStatus status;
-        pool = ztsdlib_ThreadPool_create(2, &status);
-        domain = ztsdlib_SyncDomain_create(kDomainUri, hostTimescale(), 1000, 100, pool, &status);
-        for (auto& c : chassis) ztsdlib_SyncDomain_addSyncableDevice(domain, shortTimeoutDevice(c->deviceUri()), &status);
+        objects->makeDomain(kDomainUri, 2, {chassis[0]->deviceUri(), faulty().deviceUri()}, kRequestTimeout_ms,
+                            &status);
         ASSERT_EQ(status.s.code, 0) << status.text();
     }
 
     void makeRemoteTime() {
-        const std::string uri = "/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/" + std::string(kGmId);
-        remote = faultmatrix::timescaleProxyHandle(uri, "127.0.0.1", daemonPort(), kSocketTimeout_ms);
-        timescales.push_back(remote);
-        host = hostTimescale();
         OwnedStatus status;
-        correlator = ztsdlib_LinearCorrelator_create("/localhost/ztsd/correlators/matrix", host, remote, 5, 4, 600,
-                                                     &status);
-        ASSERT_EQ(status.s.code, 0) << status.text();
+        objects->makeCorrelator("/localhost/ztsd/correlators/matrix",
+                                "/127.0.0.1:1/ztsdwebs/resources/ztsd/timescales/" + std::string(kGmId), "127.0.0.1",
+                                daemonPort(), kSocketTimeout_ms, 4, 600, &status);
         // A first reading leaves a connection open, as a proxy in use has.
         ztsdlib_Timestamp t{};
-        ztsdlib_Timescale_getTime(remote, &t, &status);
+        ztsdlib_Timescale_getTime(objects->remote, &t, &status);
         ASSERT_EQ(status.s.code, 0) << status.text();
     }
 
@@ -199,16 +177,16 @@ protected:
         CallResult r;
         switch (op) {
             case Op::DevicePut:
-                ztsdlib_SyncableDevice_setCoherencyRequirements(devices.front(), kDomainUri, requirements().c_str(),
+                ztsdlib_SyncableDevice_setCoherencyRequirements(device, kDomainUri, requirements().c_str(),
                                                                 &status);
                 break;
             case Op::DeviceIsCoherent: {
                 std::uint32_t losses = 99;
-                r.answer = ztsdlib_SyncableDevice_isCoherent(devices.front(), &losses, &status);
+                r.answer = ztsdlib_SyncableDevice_isCoherent(device, &losses, &status);
                 if (status.s.code == 0) EXPECT_EQ(losses, 0u);
                 break;
             }
-            case Op::DeviceToJson: r.text = ztsdtest::takeText(ztsdlib_SyncableDevice_toJson(devices.front(), &status)); break;
+            case Op::DeviceToJson: r.text = ztsdtest::takeText(ztsdlib_SyncableDevice_toJson(device, &status)); break;
             case Op::DomainStart: {
                 OwnedStatus stopping;
                 if (ztsdlib_SyncDomain_isRunning(domain, &stopping)) ztsdlib_SyncDomain_stop(domain, &stopping);
@@ -349,13 +327,11 @@ protected:
     std::uint16_t daemonPortNumber = 0;
     faultmatrix::SlowDaemon slowDaemon;  // after the daemon: stops first
     std::vector<std::unique_ptr<RestartableChassis>> chassis;
-    std::vector<ztsdlib_SyncableDevice*> devices;
-    std::vector<ztsdlib_Timescale*> timescales;
-    void* pool = nullptr;
-    ztsdlib_SyncDomain* domain = nullptr;
-    ztsdlib_Timescale* remote = nullptr;
-    ztsdlib_Timescale* host = nullptr;
-    ztsdlib_TimestampCorrelator* correlator = nullptr;
+    std::unique_ptr<faultmatrix::CallerObjects> objects = std::make_unique<faultmatrix::CallerObjects>();
+    ztsdlib_SyncableDevice* device = nullptr;  // the Device family's
+    ztsdlib_SyncDomain*& domain = objects->domain;
+    ztsdlib_Timescale*& remote = objects->remote;
+    ztsdlib_TimestampCorrelator*& correlator = objects->correlator;
 };
 
 std::vector<std::string> rowsOf(Family family) {
@@ -374,7 +350,7 @@ using RemoteTimeFaultMatrix = FaultMatrix;
 
 TEST_P(DeviceFaultMatrix, CallerGetsTheCellsCodeAndTheSameDeviceWorksOnceCleared) {
     makeChassis();
-    shortTimeoutDevice(faulty().deviceUri());
+    device = objects->device(faulty().deviceUri(), kRequestTimeout_ms);
     runFamily(Family::Device);
 }
 
