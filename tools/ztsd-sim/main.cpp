@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "ztsd-sim/simulatedChassis.h"
+#include "ztsd-sim/restartableChassis.h"
 #include "ztsd-sim/socketControl.h"
 #include "ztsd-sim/stopSignals.h"
 
@@ -105,7 +105,7 @@ class ProgramChassis {
 public:
     ProgramChassis(unsigned index, const Settings& settings, std::uint16_t webPort, std::uint16_t daemonPort,
                    std::int64_t offset_ns, std::int64_t rate_ppb)
-        : index_(index), settings_(settings), webPort_(webPort), daemonPort_(daemonPort),
+        : index_(index), settings_(settings), restartable_(settings.plugin, webOptions(settings, webPort), daemonPort),
           rate_ppb_(rate_ppb), offset_ns_(offset_ns) {
         for (unsigned d = 0; d < settings.devices; ++d) {
             devices_.push_back({deviceName(index, d), !settings.incoherent, 0});
@@ -117,16 +117,7 @@ public:
 
     void up() {
         if (live_) return;
-        ztsdsim::SimulatorOptions options;
-        options.host = settings_.host;
-        options.port = webPort_;
-        options.maxWorkers = settings_.maxWorkers;
-        options.listingForm = settings_.listingForm;
-        options.strictHttp = settings_.strictHttp;
-        auto chassis = std::make_unique<ztsdsim::SimulatedChassis>(settings_.plugin, options, daemonPort_);
-        chassis->start();
-        webPort_ = chassis->webService().port();
-        daemonPort_ = chassis->daemonPort();
+        ztsdsim::SimulatedChassis* chassis = &restartable_.up();
         chassis->timestampDaemon().setClock(offset_ns_, rate_ppb_);
         chassis->timestampDaemon().setReplyDelay(settings_.replyDelay_us, settings_.replyJitter_us);
         if (!settings_.drift_us.empty()) {
@@ -146,7 +137,7 @@ public:
             slow.latency_ms = settings_.latency_ms;
             chassis->webService().setFault("", slow);
         }
-        live_ = std::move(chassis);
+        live_ = chassis;
     }
 
     void down() {
@@ -156,8 +147,8 @@ public:
             device.losses = live_->webService().coherencyLossCount(device.name);
         }
         offset_ns_ = currentOffset_ns();
-        live_->stop();
-        live_.reset();
+        restartable_.down();
+        live_ = nullptr;
     }
 
     bool isUp() const { return live_ != nullptr; }
@@ -183,13 +174,13 @@ public:
     void slewClock(std::int64_t rate_ppb) { setClock(currentOffset_ns(), rate_ppb); }
 
     std::string remoteHost() const {
-        return ztsdsim::hostPortText(settings_.host, webPort_);
+        return ztsdsim::hostPortText(settings_.host, restartable_.webPort());
     }
-    std::string address() const { return remoteHost() + "@" + std::to_string(daemonPort_); }
+    std::string address() const { return remoteHost() + "@" + std::to_string(restartable_.daemonPort()); }
     std::string paramsJson() const {
         cJSON* params = cJSON_CreateObject();
         cJSON_AddStringToObject(params, "remoteHost", remoteHost().c_str());
-        cJSON_AddNumberToObject(params, "timestampDaemonPort", daemonPort_);
+        cJSON_AddNumberToObject(params, "timestampDaemonPort", restartable_.daemonPort());
         cJSON* document = cJSON_CreateObject();
         cJSON_AddNumberToObject(document, "version", 1);
         cJSON_AddStringToObject(document, "type", "networkDeviceParams");
@@ -205,7 +196,7 @@ public:
         cJSON_AddBoolToObject(object, "up", isUp());
         cJSON_AddStringToObject(object, "remoteHost", remoteHost().c_str());
         cJSON_AddStringToObject(object, "daemonHost", settings_.host.c_str());
-        cJSON_AddNumberToObject(object, "daemonPort", daemonPort_);
+        cJSON_AddNumberToObject(object, "daemonPort", restartable_.daemonPort());
         cJSON_AddStringToObject(object, "address", address().c_str());
         cJSON_AddStringToObject(object, "networkDeviceParamsJson", paramsJson().c_str());
         cJSON* devices = cJSON_AddArrayToObject(object, "devices");
@@ -234,12 +225,22 @@ public:
         for (const std::string& uri : deviceUris_) out << "  " << uri << "\n";
         for (const std::string& uri : timescaleUris_) out << "  " << uri << "\n";
         out << "  ztsdctl address: " << address() << "\n";
-        out << "  daemon: " << ztsdsim::hostPortText(settings_.host, daemonPort_) << "\n";
+        out << "  daemon: " << ztsdsim::hostPortText(settings_.host, restartable_.daemonPort()) << "\n";
         out << "  clock: offset " << offset_ns_ << " ns, rate " << rate_ppb_ << " ppb (remote - host)\n";
         out << "  networkDeviceParamsJson: " << paramsJson() << "\n";
     }
 
 private:
+    static ztsdsim::SimulatorOptions webOptions(const Settings& settings, std::uint16_t port) {
+        ztsdsim::SimulatorOptions options;
+        options.host = settings.host;
+        options.port = port;
+        options.maxWorkers = settings.maxWorkers;
+        options.listingForm = settings.listingForm;
+        options.strictHttp = settings.strictHttp;
+        return options;
+    }
+
     struct Device {
         std::string name;
         bool coherent;
@@ -268,15 +269,14 @@ private:
 
     unsigned index_;
     Settings settings_;
-    std::uint16_t webPort_;
-    std::uint16_t daemonPort_;
+    ztsdsim::RestartableChassis restartable_;
     std::int64_t rate_ppb_;
     std::int64_t offset_ns_;  // while down, or as last set: the offset at the reference instant
     std::vector<Device> devices_;
     std::vector<std::string> gmIds_;
     std::vector<std::string> deviceUris_;
     std::vector<std::string> timescaleUris_;
-    std::unique_ptr<ztsdsim::SimulatedChassis> live_;
+    ztsdsim::SimulatedChassis* live_ = nullptr;  // restartable_'s chassis while it is up
 };
 
 // A transformer from a name (any case) to its enumerator; a name that is

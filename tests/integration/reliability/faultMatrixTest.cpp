@@ -23,7 +23,7 @@
 #include "integration/reliability/faultMatrix.h"
 #include "integration/timestampservice/daemonTestSupport.h"
 #include "unit/support/statusFixture.h"
-#include "ztsd-sim/chassisSimulator.h"
+#include "ztsd-sim/restartableChassis.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 #include "ztsdlib/ztsdlib.h"
 
@@ -69,32 +69,20 @@ void expectOutcome(const Outcome& cell, const CallResult& r) {
     if (cell.cause != 0) EXPECT_TRUE(faultmatrix::reportCarriesCause(doc.get(), cell.cause)) << r.report;
 }
 
-// A chassis web service on 127.0.0.1 that can go away and come back on the
-// same port, with one device and one listed timescale.
-class RestartableChassis {
-public:
-    explicit RestartableChassis(std::string deviceName) : device(std::move(deviceName)) { start(0); }
+// A chassis on 127.0.0.1 that can go away and come back on the same ports,
+// with one device and one listed timescale.
+struct MatrixChassis {
+    explicit MatrixChassis(std::string deviceName) : device(std::move(deviceName)) { restart(); }
 
-    void stop() { sim->stop(); }
-    void restart() { start(port); }
-
-    ztsdsim::ChassisSimulator& web() { return *sim; }
-    std::string deviceUri() const { return sim->deviceUri(device); }
-    const std::string device;
-
-private:
-    void start(std::uint16_t onPort) {
-        ztsdsim::SimulatorOptions options;
-        options.port = onPort;
-        sim = std::make_unique<ztsdsim::ChassisSimulator>("ztsd", options);
-        sim->start();
-        port = sim->port();
-        sim->addDevice(device);
-        sim->addTimescale(kGmId);
+    void restart() {
+        restartable.up().webService().addDevice(device);
+        web().addTimescale(kGmId);
     }
+    ztsdsim::ChassisSimulator& web() { return restartable.chassis()->webService(); }
+    std::string deviceUri() { return web().deviceUri(device); }
 
-    std::unique_ptr<ztsdsim::ChassisSimulator> sim;
-    std::uint16_t port = 0;
+    const std::string device;
+    ztsdsim::RestartableChassis restartable{"ztsd", ztsdsim::SimulatorOptions{}};
 };
 
 class FaultMatrix : public ::testing::TestWithParam<std::string> {
@@ -116,7 +104,7 @@ protected:
     // The caller's objects go first (see CallerObjects), then the servers.
     void TearDown() override {
         objects.reset();
-        for (auto& c : chassis) c->stop();
+        for (auto& c : chassis) c->restartable.down();
         daemon->stop();
     }
 
@@ -126,10 +114,10 @@ protected:
 
     // Two chassis; the faults go on the second.
     void makeChassis() {
-        chassis.push_back(std::make_unique<RestartableChassis>("chassis0"));
-        chassis.push_back(std::make_unique<RestartableChassis>(kFaultyDevice));
+        chassis.push_back(std::make_unique<MatrixChassis>("chassis0"));
+        chassis.push_back(std::make_unique<MatrixChassis>(kFaultyDevice));
     }
-    RestartableChassis& faulty() { return *chassis.back(); }
+    MatrixChassis& faulty() { return *chassis.back(); }
 
     void makeDomain() {
         OwnedStatus status;
@@ -154,7 +142,7 @@ protected:
     // Puts the row's fault on (on) or takes it off again.
     void setFault(bool on) {
         const FaultRow& r = row();
-        if (r.injection == Injection::WebStopped) return on ? faulty().stop() : faulty().restart();
+        if (r.injection == Injection::WebStopped) return on ? faulty().restartable.down() : faulty().restart();
         if (r.injection == Injection::DaemonStopped) return on ? daemon->stop() : startDaemon(daemonPortNumber);
         if (r.isWebFault()) {
             return on ? faultmatrix::injectWeb(r, faulty().web(), faulty().device)
@@ -326,7 +314,7 @@ protected:
     std::unique_ptr<ztsdsim::TimestampDaemonSimulator> daemon;
     std::uint16_t daemonPortNumber = 0;
     faultmatrix::SlowDaemon slowDaemon;  // after the daemon: stops first
-    std::vector<std::unique_ptr<RestartableChassis>> chassis;
+    std::vector<std::unique_ptr<MatrixChassis>> chassis;
     std::unique_ptr<faultmatrix::CallerObjects> objects = std::make_unique<faultmatrix::CallerObjects>();
     ztsdlib_SyncableDevice* device = nullptr;  // the Device family's
     ztsdlib_SyncDomain*& domain = objects->domain;
