@@ -59,7 +59,6 @@
 namespace {
 
 using faultmatrix::FaultRow;
-using faultmatrix::Injection;
 using faultmatrix::Op;
 using Clock = std::chrono::steady_clock;
 
@@ -165,9 +164,8 @@ public:
         daemon.addTimescale(kGmId);
         daemon.start();
         for (const FaultRow& row : faultmatrix::rows()) {
-            const bool restarts = row.injection == Injection::WebStopped || row.injection == Injection::DaemonStopped;
-            const bool listing = row.injection == Injection::ListingVersionMissing ||
-                                 row.injection == Injection::ListingVersionUnsupported;
+            const bool restarts = row.injection == "webStopped" || row.injection == "daemonStopped";
+            const bool listing = row.injection.rfind("listing", 0) == 0;
             if (!restarts && !listing && row.daemonVersionAtCreation() == 2) eligible.push_back(&row);
         }
         makeObjects();
@@ -409,11 +407,11 @@ private:
             // off, so the window always covers the fault.
             history.change({&row, chassis});
             if (chassis >= 0) faultmatrix::injectWeb(row, *sims[chassis], names[chassis]);
-            else faultmatrix::injectDaemon(row, daemon, kGmId, slowDaemon);
+            else faultmatrix::injectDaemon(row, daemon, kGmId);
             ++injected;
             sleepUnlessStopping(pick(30, 500));
             if (chassis >= 0) faultmatrix::clearWeb(row, *sims[chassis], names[chassis]);
-            else faultmatrix::clearDaemon(row, daemon, kGmId, slowDaemon);
+            else faultmatrix::clearDaemon(row, daemon, kGmId);
             history.change({});
             sleepUnlessStopping(pick(20, 150));
         }
@@ -422,7 +420,6 @@ private:
     std::vector<std::unique_ptr<ztsdsim::ChassisSimulator>> sims;
     std::vector<std::string> names;
     ztsdsim::TimestampDaemonSimulator daemon;
-    faultmatrix::SlowDaemon slowDaemon;
     std::vector<const FaultRow*> eligible;
 
     std::unique_ptr<faultmatrix::CallerObjects> objects = std::make_unique<faultmatrix::CallerObjects>();

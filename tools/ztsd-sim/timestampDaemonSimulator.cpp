@@ -91,6 +91,7 @@ public:
     std::uint32_t refusals = 0;
     std::uint32_t drops = 0;
     std::uint32_t stalls = 0;
+    std::uint32_t stallHold_ms = 0;  // 0: a stalled call waits for a release
     std::uint32_t failures = 0;
     std::int32_t failureCode = 0;
     std::string failureJson;
@@ -138,7 +139,9 @@ public:
             --stalls;
             ++stalled;
             const std::uint64_t seen = releases;
-            changed.wait(lock, [&] { return stopping || releases != seen; });
+            const auto released = [&] { return stopping || releases != seen; };
+            if (stallHold_ms > 0) changed.wait_for(lock, std::chrono::milliseconds(stallHold_ms), released);
+            else changed.wait(lock, released);
             --stalled;
         }
         if (drops > 0) {
@@ -550,9 +553,10 @@ void TimestampDaemonSimulator::dropCalls(std::uint32_t count) {
     state->drops = count;
 }
 
-void TimestampDaemonSimulator::stallCalls(std::uint32_t count) {
+void TimestampDaemonSimulator::stallCalls(std::uint32_t count, std::uint32_t hold_ms) {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->stalls = count;
+    state->stallHold_ms = hold_ms;
 }
 
 void TimestampDaemonSimulator::releaseStalls() {

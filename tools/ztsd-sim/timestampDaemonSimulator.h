@@ -28,7 +28,8 @@
 //   dropCalls           the next n calls are read, then their connection is
 //                       shut down without an answer (a close mid-call)
 //   stallCalls          the next n calls are held, unanswered, until
-//                       releaseStalls() or stop()
+//                       releaseStalls() or stop(), or for hold_ms when it is
+//                       given (a late daemon) and then answered
 //   failCalls           the next n time calls (getTime,
 //                       getTimeAndCurrentTimescales) throw thrift_zterr with
 //                       the given code and JSON text
@@ -138,7 +139,7 @@ public:
     void setReportedUri(std::optional<std::string> uri);  // nullopt: the list's URI
     void refuseConnections(std::uint32_t count);
     void dropCalls(std::uint32_t count);
-    void stallCalls(std::uint32_t count);
+    void stallCalls(std::uint32_t count, std::uint32_t hold_ms = 0);
     void releaseStalls();
     void failCalls(std::uint32_t count, std::int32_t code, std::string json);
     void dropConnections();

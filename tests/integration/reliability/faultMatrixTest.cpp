@@ -31,7 +31,6 @@ namespace {
 
 using faultmatrix::Family;
 using faultmatrix::FaultRow;
-using faultmatrix::Injection;
 using faultmatrix::Op;
 using faultmatrix::Outcome;
 using ztsdtest::OwnedStatus;
@@ -142,14 +141,14 @@ protected:
     // Puts the row's fault on (on) or takes it off again.
     void setFault(bool on) {
         const FaultRow& r = row();
-        if (r.injection == Injection::WebStopped) return on ? faulty().restartable.down() : faulty().restart();
-        if (r.injection == Injection::DaemonStopped) return on ? daemon->stop() : startDaemon(daemonPortNumber);
+        if (r.injection == "webStopped") return on ? faulty().restartable.down() : faulty().restart();
+        if (r.injection == "daemonStopped") return on ? daemon->stop() : startDaemon(daemonPortNumber);
         if (r.isWebFault()) {
             return on ? faultmatrix::injectWeb(r, faulty().web(), faulty().device)
                       : faultmatrix::clearWeb(r, faulty().web(), faulty().device);
         }
-        on ? faultmatrix::injectDaemon(r, *daemon, kGmId, slowDaemon)
-           : faultmatrix::clearDaemon(r, *daemon, kGmId, slowDaemon);
+        on ? faultmatrix::injectDaemon(r, *daemon, kGmId)
+           : faultmatrix::clearDaemon(r, *daemon, kGmId);
     }
 
     // ---- the operations ----
@@ -288,7 +287,7 @@ protected:
             expectOutcome(cell, faulted);
             // A late answer must have been late (else the row shows nothing).
             const int late_ms =
-                row().injection == Injection::DaemonSlow ? faultmatrix::kSlowDaemon_ms : row().web.latency_ms;
+                row().injection == "daemonSlow" ? faultmatrix::kSlowDaemon_ms : row().web.latency_ms;
             EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(late_ms));
             // A reading held up under the fault skews the samples taken
             // meanwhile, so the correlator's answer is judged after clearing.
@@ -313,7 +312,6 @@ protected:
 
     std::unique_ptr<ztsdsim::TimestampDaemonSimulator> daemon;
     std::uint16_t daemonPortNumber = 0;
-    faultmatrix::SlowDaemon slowDaemon;  // after the daemon: stops first
     std::vector<std::unique_ptr<MatrixChassis>> chassis;
     std::unique_ptr<faultmatrix::CallerObjects> objects = std::make_unique<faultmatrix::CallerObjects>();
     ztsdlib_SyncableDevice* device = nullptr;  // the Device family's
