@@ -26,14 +26,6 @@ using ztsdtest::OwnedStatus;
 using ztsdtest::kDebug;
 const std::string kLocalUri = TimestampDaemonSimulator::localTimescaleUri(kGmId);
 
-const std::vector<std::string> kSiteMembers{"error_constant", "file", "line", "component"};
-
-std::vector<std::string> withSite(std::vector<std::string> rest) {
-    std::vector<std::string> all = kSiteMembers;
-    all.insert(all.end(), rest.begin(), rest.end());
-    return all;
-}
-
 using TimescaleProxyDaemonTest = DaemonFixture;
 
 TEST_F(TimescaleProxyDaemonTest, ReadsTheTargetClockOverApiVersionsOneAndTwo) {
@@ -71,13 +63,11 @@ TEST_F(TimescaleProxyDaemonTest, VersionOneTimestampOnAnotherTimescaleIsResource
     daemon.setReportedUri(std::string("/localhost/ztsds/timescales/11-22-33-44-55-66-77-88"));
     ztsdlib_Timestamp t{7, 8, 9, true};
     const auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
-    EXPECT_EQ(r.code, -52020);
-    EXPECT_EQ(r.memberNames(), withSite({"expectedLocalUri", "thisTimescaleUri", kDebug}));
-    EXPECT_EQ(r.text("expectedLocalUri"), kLocalUri);
-    EXPECT_EQ(r.text("thisTimescaleUri"), callerUri());
-    EXPECT_EQ(r.detailKeys(kDebug), std::vector<std::string>{"message"});
-    EXPECT_EQ(r.detail(kDebug, "message"),
-              "Timestamp received from remote target is on a different timescale than expected.");
+    ztsdtest::expectWholeReport(
+        r, -52020,
+        R"({"error_constant":"ztapalerr_resourceRemoved","component":"ztsdlib","expectedLocalUri":")" + kLocalUri +
+            R"(","thisTimescaleUri":")" + callerUri() + R"(","ztsyncdomain_debug":{"message":)"
+            R"("Timestamp received from remote target is on a different timescale than expected."}})");
     EXPECT_TRUE(t.seconds == 7 && t.nanos == 8 && t.fractionalNanos == 9 && t.isNegative);  // untouched
 
     // A complete answer: the connection stays in use.
@@ -94,11 +84,13 @@ TEST_F(TimescaleProxyDaemonTest, VersionTwoWithoutTheTimescaleListsWhatTheTarget
     daemon.removeTimescale(kGmId);
     ztsdlib_Timestamp t{};
     auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
-    EXPECT_EQ(r.code, -52020);
-    // The members of version 1's report (above), then the list.
-    EXPECT_EQ(r.memberNames(), withSite({"expectedLocalUri", "thisTimescaleUri", kDebug, "currentTimescaleUris"}));
-    EXPECT_EQ(r.text("currentTimescaleUris"),
-              "\"/localhost/ztsds/timescales/A1\",\"/localhost/ztsds/timescales/B2\"");
+    // Version 1's report (above), then the list.
+    ztsdtest::expectWholeReport(r, -52020,
+                                R"({"error_constant":"ztapalerr_resourceRemoved","component":"ztsdlib",)"
+                                R"("expectedLocalUri":")" + kLocalUri + R"(","thisTimescaleUri":")" + callerUri() +
+                                R"(","ztsyncdomain_debug":{"message":"Timestamp received from remote target is on a )"
+                                R"(different timescale than expected."},"currentTimescaleUris":)"
+                                R"("\"/localhost/ztsds/timescales/A1\",\"/localhost/ztsds/timescales/B2\""})");
 
     daemon.removeTimescale("A1");
     daemon.removeTimescale("B2");
@@ -170,17 +162,14 @@ TEST_F(TimescaleProxyDaemonTest, DaemonFailureIsReportedWithItsStatusNested) {
     daemon.failCalls(1, -52006, "{\"error_constant\":\"ztapalerr_resourceNotFound\",\"where\":\"daemon\"}");
     ztsdlib_Timestamp t{};
     const auto r = captureRaise([&] { proxy->getTime(t, nullptr); });
-    EXPECT_EQ(r.code, -52024);
-    // The report of a failed time read, with the daemon's code as its kind.
-    EXPECT_EQ(r.memberNames(), withSite({"timescaleUri", "std_exception_what", kDebug, "nested_error"}));
-    EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"type_code", "type", "message"}));
-    EXPECT_EQ(r.detail(kDebug, "message"), "Encountered error getting time from zttimestampd on remote target.");
-    EXPECT_EQ(r.detail(kDebug, "type"), "thrift_zterr");
-    EXPECT_EQ(r.number(kDebug, "type_code"), -52006);
-    const cJSON* nested = cJSON_GetArrayItem(r.member("nested_error"), 0);
-    ASSERT_NE(nested, nullptr) << r.json;
-    EXPECT_EQ(ztsdtest::Raised::textOf(cJSON_GetObjectItemCaseSensitive(nested, "where")), "daemon");
-    EXPECT_EQ(cJSON_GetObjectItemCaseSensitive(nested, "code")->valuedouble, -52006);
+    // The report of a failed time read, with the daemon's code as its kind and its status nested.
+    ztsdtest::expectWholeReport(
+        r, -52024,
+        R"({"error_constant":"ztapalerr_communicationsFault","component":"ztsdlib","timescaleUri":")" + callerUri() +
+            R"(","ztsyncdomain_debug":{"type_code":-52006,"type":"thrift_zterr","message":"Encountered error getting )"
+            R"(time from zttimestampd on remote target."},"nested_error":[{"error_constant":)"
+            R"("ztapalerr_resourceNotFound","where":"daemon","code":-52006}]})",
+        {"std_exception_what"});
     EXPECT_EQ(daemon.callCount(), 3u);  // not retried
 
     expectTrueReading(*proxy);
@@ -191,7 +180,7 @@ TEST_F(TimescaleProxyDaemonTest, DaemonFailureIsReportedWithItsStatusNested) {
     for (const std::string& text : {std::string("[1,2]"), std::string("{\"a\":"), std::string("{}\0x", 4)}) {
         daemon.failCalls(1, 5, text);
         const auto s = captureRaise([&] { proxy->getTime(t, nullptr); });
-        nested = cJSON_GetArrayItem(s.member("nested_error"), 0);
+        const cJSON* nested = cJSON_GetArrayItem(s.member("nested_error"), 0);
         ASSERT_NE(nested, nullptr) << s.json;
         EXPECT_EQ(ztsdtest::Raised::textOf(cJSON_GetObjectItemCaseSensitive(nested, "json")),
                   text.substr(0, text.find('\0')));
@@ -202,12 +191,12 @@ TEST_F(TimescaleProxyDaemonTest, DaemonFailureIsReportedWithItsStatusNested) {
 TEST_F(TimescaleProxyDaemonTest, CreationFailsWhenTheVersionCannotBeAsked) {
     daemon.refuseConnections(1);
     auto r = captureRaise([&] { makeProxy(); });
-    EXPECT_EQ(r.code, -52024);
-    EXPECT_EQ(r.memberNames(), withSite({"timescaleUri", "std_exception_what", kDebug}));
-    EXPECT_EQ(r.text("timescaleUri"), callerUri());
-    EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"type_code", "type", "message"}));
-    EXPECT_EQ(r.detail(kDebug, "message"),
-              "Encountered error getting server API version from zttimestampd on remote target.");
+    ztsdtest::expectWholeReport(
+        r, -52024,
+        R"({"error_constant":"ztapalerr_communicationsFault","component":"ztsdlib","timescaleUri":")" + callerUri() +
+            R"(","ztsyncdomain_debug":{"message":"Encountered error getting server API version from zttimestampd )"
+            R"(on remote target."}})",
+        {"std_exception_what", "type_code", "type"});
     EXPECT_EQ(daemon.connectionCount(), 1u);  // one attempt only
 
     daemon.stallCalls(1);

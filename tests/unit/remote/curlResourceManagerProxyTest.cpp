@@ -12,6 +12,7 @@
 using zt::syncdomain::CurlResourceManagerProxy;
 using zt::syncdomain::parseResourceListing;
 using ztsdtest::captureRaise;
+using ztsdtest::expectReport;
 using ztsdtest::kDebug;
 using ztsdtest::Raised;
 
@@ -38,37 +39,27 @@ TEST(ResourceListing, RefusesAWrongVersionNamingTheHost) {
     for (const char* text : {"{\"version\":0,\"resources\":[]}", "{\"version\":null,\"resources\":[]}",
                              "{\"version\":\"1\",\"resources\":[]}"}) {
         SCOPED_TRACE(text);
-        const Raised r = captureRaise([&] { parseResourceListing(text, "10.0.0.9:80"); });
-        EXPECT_EQ(r.code, -52005);
-        EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "remoteHost"}));
-        EXPECT_EQ(r.detail(kDebug, "message"),
-                  "Sync Domain API version in JSON response from chassis missing or incorrect.");
-        EXPECT_EQ(r.detail(kDebug, "remoteHost"), "10.0.0.9:80");
+        expectReport(captureRaise([&] { parseResourceListing(text, "10.0.0.9:80"); }), -52005,
+                     R"({"message":"Sync Domain API version in JSON response from chassis missing or incorrect.",)"
+                     R"("remoteHost":"10.0.0.9:80"})");
     }
 }
 
 TEST(ResourceListing, RefusesMissingResourcesUrisAndUnknownTypes) {
-    const Raised noResources = captureRaise([] { parseResourceListing("{\"version\":1}", "h"); });
-    EXPECT_EQ(noResources.code, -52006);
-    EXPECT_EQ(noResources.detail(kDebug, "message"), "Error parsing 'resources' key from JSON response.");
-
-    const Raised noUri =
-        captureRaise([] { parseResourceListing("{\"version\":1,\"resources\":[{\"resourceType\":\"timescales\"}]}", "h"); });
-    EXPECT_EQ(noUri.code, -52005);
-    EXPECT_EQ(noUri.detailKeys(kDebug), (std::vector<std::string>{"message", "resource"}));
-    EXPECT_EQ(noUri.detail(kDebug, "message"), "Error parsing 'uri' key from resource JSON array element.");
-    EXPECT_EQ(noUri.detail(kDebug, "resource"), "{\"resourceType\":\"timescales\"}");
+    expectReport(captureRaise([] { parseResourceListing("{\"version\":1}", "h"); }), -52006,
+                 R"({"message":"Error parsing 'resources' key from JSON response."})");
+    expectReport(
+        captureRaise([] { parseResourceListing("{\"version\":1,\"resources\":[{\"resourceType\":\"timescales\"}]}", "h"); }),
+        -52005, R"({"message":"Error parsing 'uri' key from resource JSON array element.",)"
+                R"("resource":"{\"resourceType\":\"timescales\"}"})");
 
     // An unknown type, none, and a known one in another letter case.
     const char* devices = "{\"uri\":\"/x\",\"resourceType\":\"devices\"}";
-    const Raised unknown =
-        captureRaise([&] { parseResourceListing(std::string("{\"version\":1,\"resources\":[") + devices + "]}", "h"); });
-    EXPECT_EQ(unknown.code, -52005);
-    EXPECT_EQ(unknown.detailKeys(kDebug),
-              (std::vector<std::string>{"message", "resourceType", "expectedType1", "expectedType2", "resource"}));
-    EXPECT_EQ(unknown.detail(kDebug, "message"), kBadType);
-    EXPECT_EQ(unknown.detail(kDebug, "resourceType"), "devices");
-    EXPECT_EQ(unknown.detail(kDebug, "resource"), devices);
+    expectReport(
+        captureRaise([&] { parseResourceListing(std::string("{\"version\":1,\"resources\":[") + devices + "]}", "h"); }),
+        -52005, std::string(R"({"message":")") + kBadType + R"(","resourceType":"devices",)" +
+                    R"("expectedType1":"syncableDevices","expectedType2":"timescales",)" +
+                    R"("resource":"{\"uri\":\"/x\",\"resourceType\":\"devices\"}"})");
     for (const char* element : {"{\"uri\":\"/x\"}", "{\"uri\":\"/x\",\"resourceType\":\"Timescales\"}"}) {
         const std::string text = std::string("{\"version\":1,\"resources\":[") + element + "]}";
         EXPECT_EQ(captureRaise([&] { parseResourceListing(text, "h"); }).detail(kDebug, "message"), kBadType)
@@ -90,11 +81,8 @@ TEST(CurlResourceManagerProxy, ResourcePathsNameOneResourceUnderTheService) {
     for (const char* bad : {"", "/", "/ztsdwebs", "/ztsdwebs/resources", "/ztsdwebs/resources/", "/ztsdwebs/resources//a",
                             "/other/resources/a", "//ztsdwebs/resources/a", "/ztsdwebs/ztsdwebs/resources/a"}) {
         SCOPED_TRACE(bad);
-        const Raised r = captureRaise([&] { CurlResourceManagerProxy::resourceUriOf(bad); });
-        EXPECT_EQ(r.code, -52005);
-        EXPECT_EQ(r.detailKeys(kDebug), (std::vector<std::string>{"message", "uri"}));
-        EXPECT_EQ(r.detail(kDebug, "message"), "Unable to retrieve 'resourceQualifier' from uri.");
-        EXPECT_EQ(r.detail(kDebug, "uri"), bad);
+        expectReport(captureRaise([&] { CurlResourceManagerProxy::resourceUriOf(bad); }), -52005,
+                     R"({"message":"Unable to retrieve 'resourceQualifier' from uri.","uri":")" + std::string(bad) + "\"}");
     }
 }
 
@@ -106,9 +94,8 @@ TEST(CurlResourceManagerProxy, IsMadeForOneHostAndRefusesTimescaleInfo) {
 
     zt::syncdomain::ResourceManagerInterface& manager = proxy;
     const Raised r = captureRaise([&] { manager.getTimescaleInfo("/h/ztsdwebs/resources/ztsd/timescales/t"); });
-    EXPECT_EQ(r.code, -52002);
     EXPECT_EQ(r.text("error_constant"), "ztapalerr_featureUnsupported");
-    EXPECT_EQ(r.detail(kDebug, "message"), "CurlResourceManagerProxy::getTimescaleInfo is not implemented.");
+    expectReport(r, -52002, R"({"message":"CurlResourceManagerProxy::getTimescaleInfo is not implemented."})");
 
     // A malformed path fails before any traffic (there is no server at this address).
     EXPECT_EQ(captureRaise([&] { manager.getResource("/nowhere"); }).code, -52005);

@@ -57,6 +57,14 @@ struct Raised {
         return keys;
     }
 
+    // The diagnostic object as one unformatted text, members in order ("" when absent).
+    std::string debugText(const char* debugKey = kDebug) const {
+        char* text = debug(debugKey) ? cJSON_PrintUnformatted(debug(debugKey)) : nullptr;
+        const std::string result = text ? text : "";
+        cJSON_free(text);
+        return result;
+    }
+
     static std::string textOf(const cJSON* node) {
         return cJSON_IsString(node) && node->valuestring ? node->valuestring : "";
     }
@@ -76,6 +84,43 @@ inline void expectSite(const Raised& r, int code, const char* constant, const ch
         EXPECT_EQ(r.member("line") ? r.member("line")->valueint : -1, line);
     }
     EXPECT_EQ(r.text("component"), "ztsdlib");
+}
+
+// A text as the JSON string a parsed report prints it (up to a NUL, where cJSON stops).
+inline std::string jsonString(const std::string& text) {
+    cJSON* item = cJSON_CreateString(text.c_str());
+    char* printed = cJSON_PrintUnformatted(item);
+    const std::string result = printed;
+    cJSON_free(printed);
+    cJSON_Delete(item);
+    return result;
+}
+
+// The code and the whole diagnostic object of a report, compared at once
+// (which also pins the members' order and that there are no others).
+inline void expectReport(const Raised& r, int code, const std::string& debugText, const char* debugKey = kDebug) {
+    EXPECT_EQ(r.code, code) << r.json;
+    EXPECT_EQ(r.debugText(debugKey), debugText) << r.json;
+}
+
+// The whole report but for where it was raised ("file" and "line", at every
+// depth) and the members named `unpinned` (texts of other libraries that
+// differ between systems), compared at once.
+inline void expectWholeReport(const Raised& r, int code, const std::string& json,
+                              std::vector<const char*> unpinned = {}) {
+    unpinned.insert(unpinned.end(), {"file", "line"});
+    EXPECT_EQ(r.code, code) << r.json;
+    CJsonPtr copy = parseJson(r.json);
+    std::vector<cJSON*> objects{copy.get()};
+    while (!objects.empty()) {
+        cJSON* object = objects.back();
+        objects.pop_back();
+        for (const char* key : unpinned) cJSON_DeleteItemFromObjectCaseSensitive(object, key);
+        for (cJSON* c = object ? object->child : nullptr; c; c = c->next) objects.push_back(c);
+    }
+    char* text = copy ? cJSON_PrintUnformatted(copy.get()) : nullptr;
+    EXPECT_EQ(text ? std::string(text) : std::string(), json) << r.json;
+    cJSON_free(text);
 }
 
 // Runs f and captures the zterr::Exception it throws; a report that is not

@@ -83,15 +83,13 @@ TEST(LinearCorrelator, RefusesAForeignSourceACorrelateWhileStoppedABadHistoryBou
 
     // A foreign source is reported before the stopped state.
     auto foreign = captureRaise([&] { correlator.correlate("/other", timestampOfNanos(1)); });
-    EXPECT_EQ(foreign.code, -52005);
-    EXPECT_EQ(foreign.message(), "Source timescale does not match either timescale in the correlator.");
+    ztsdtest::expectReport(foreign, -52005, R"({"message":"Source timescale does not match either timescale in the correlator."})");
     // A prefix of a URI is not the URI.
     EXPECT_EQ(captureRaise([&] { correlator.correlate(kFirstUri.substr(0, 10), timestampOfNanos(1)); }).code, -52005);
 
     for (const std::string& source : {kFirstUri, kSecondUri}) {
         auto stopped = captureRaise([&] { correlator.correlate(source, timestampOfNanos(1)); });
-        EXPECT_EQ(stopped.code, -52017);
-        EXPECT_EQ(stopped.message(), "Correlator must be started before calling correlate.");
+        ztsdtest::expectReport(stopped, -52017, R"({"message":"Correlator must be started before calling correlate."})");
     }
 
     LinearCorrelator tooShort("/short", clocks.a, clocks.b, 1, 1, 10);
@@ -101,8 +99,7 @@ TEST(LinearCorrelator, RefusesAForeignSourceACorrelateWhileStoppedABadHistoryBou
 
     correlator.start();
     auto twice = captureRaise([&] { correlator.start(); });
-    EXPECT_EQ(twice.code, -52016);
-    EXPECT_EQ(twice.message(), "LinearCorrelator thread already started.");
+    ztsdtest::expectReport(twice, -52016, R"({"message":"LinearCorrelator thread already started."})");
     EXPECT_TRUE(correlator.isRunning());
     correlator.stop();
     correlator.stop();  // stopping a stopped correlator changes nothing
@@ -236,8 +233,7 @@ TEST(LinearCorrelator, AFailingTimescaleEndsSamplingAndStopReportsWhy) {
         EXPECT_TRUE(ztsdlib::sameTimestamp(b, timestampOfNanos(lineB_ns(kStartA_ns + 20000))));
 
         auto why = captureRaise([&] { correlator.stop(); });
-        EXPECT_EQ(why.code, c.code);
-        EXPECT_EQ(why.message(), c.message);
+        ztsdtest::expectReport(why, c.code, std::string(R"({"message":")") + c.message + "\"}");
         EXPECT_FALSE(correlator.isRunning());
         EXPECT_NO_THROW(correlator.stop());  // reported once
         clocks.b.failFrom = -1;

@@ -141,8 +141,7 @@ TEST(TimescaleProxySessionWire, TimestampsAreCheckedAndCarriedBitForBit) {
 
     for (const std::int32_t nanos : {1000000000, -1, 2147483647}) {
         const auto r = captureRaise([&] { ztsdlib::timestampFromWire(5, nanos, 0, false); });
-        EXPECT_EQ(r.code, -52005);
-        EXPECT_EQ(r.detail(kDebug, "message"), "Nano seconds field greater than 1e+9");
+        ztsdtest::expectReport(r, -52005, R"({"message":"Nano seconds field greater than 1e+9"})");
     }
 }
 
