@@ -8,9 +8,6 @@
 #include <memory>
 #include <string>
 
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
 
 #include "integration/timestampservice/daemonTestSupport.h"
@@ -30,25 +27,12 @@ using daemontest::hostNow;
 using daemontest::nanosBetween;
 using ztsdsim::TimestampDaemonSimulator;
 
-// The generated client on its own connection, as a daemon's other users would have it.
-struct RawClient {
-    std::shared_ptr<apache::thrift::transport::TSocket> socket;
-    std::shared_ptr<apache::thrift::transport::TTransport> transport;
-    std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
-    std::unique_ptr<tss::timestampServiceClient> client;
-
-    explicit RawClient(std::uint16_t port, int timeout_ms = 2000)
-        : socket(std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", port)),
-          transport(std::make_shared<apache::thrift::transport::TBufferedTransport>(socket)),
-          protocol(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport)),
-          client(std::make_unique<tss::timestampServiceClient>(protocol)) {
-        socket->setConnTimeout(timeout_ms);
-        socket->setRecvTimeout(timeout_ms);
-        socket->setSendTimeout(timeout_ms);
-        transport->open();
-    }
-    tss::timestampServiceClient* operator->() { return client.get(); }
-};
+// The library's own client on a connection of its own, as a daemon's other users would have it.
+std::unique_ptr<ztsdlib::TimescaleProxyThriftClient> connectedClient(std::uint16_t port, std::uint32_t timeout_ms = 2000) {
+    auto client = std::make_unique<ztsdlib::TimescaleProxyThriftClient>("127.0.0.1", port, timeout_ms);
+    client->open();
+    return client;
+}
 
 TEST(TimestampDaemonSimulator, ListsEachTimescaleOnceAndServesItById) {
     TimestampDaemonSimulator daemon;
@@ -58,7 +42,7 @@ TEST(TimestampDaemonSimulator, ListsEachTimescaleOnceAndServesItById) {
     daemon.start();
     EXPECT_THROW(daemon.start(), std::logic_error);
 
-    RawClient c(daemon.port());
+    auto c = connectedClient(daemon.port());
     tss::TimeInfo info;
     c->getTimeAndCurrentTimescales(info);
     EXPECT_EQ(info.timescaleUris,
@@ -95,13 +79,12 @@ TEST(TimestampDaemonSimulator, ClockRunsAtTheSetOffsetAndRate) {
 TEST(TimestampDaemonSimulator, StopIsPromptWithStalledCallsAndIdleClients) {
     TimestampDaemonSimulator daemon;
     daemon.start();
-    RawClient idle(daemon.port());
+    auto idle = connectedClient(daemon.port());
     EXPECT_EQ(idle->getApiVersion(), 2);
     daemon.stallCalls(1);
     auto stalled = std::async(std::launch::async, [&] {
-        RawClient c(daemon.port(), 8000);
         try {
-            c->getApiVersion();
+            connectedClient(daemon.port(), 8000)->getApiVersion();
         } catch (const std::exception&) {
         }
     });
