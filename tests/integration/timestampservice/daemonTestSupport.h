@@ -12,6 +12,7 @@
 
 #include "time/hostTimescale.h"
 #include "timestampservice/timescaleProxy.h"
+#include "unit/support/testTimescales.h"
 #include "unit/support/timing.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 
@@ -43,12 +44,7 @@ inline std::int64_t nanosBetween(const ztsdlib_Timestamp& a, const ztsdlib_Times
            (static_cast<std::int64_t>(b.nanos) - static_cast<std::int64_t>(a.nanos));
 }
 
-inline std::string show(const ztsdlib_Timestamp& t) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%s%llu.%09u", t.isNegative ? "-" : "",
-                  static_cast<unsigned long long>(t.seconds), t.nanos);
-    return text;
-}
+using ztsdtest::show;
 
 class DaemonFixture : public ::testing::Test {
 protected:

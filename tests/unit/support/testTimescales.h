@@ -14,6 +14,17 @@
 
 namespace ztsdtest {
 
+// A timestamp record from its fields, and as text for a failure's message.
+inline ztsdlib_Timestamp ts(std::uint64_t seconds, std::uint32_t nanos, bool negative = false,
+                            std::uint32_t fractionalNanos = 0) {
+    return ztsdlib_Timestamp{seconds, nanos, fractionalNanos, negative};
+}
+
+inline std::string show(const ztsdlib_Timestamp& t) {
+    return std::string(t.isNegative ? "-" : "+") + std::to_string(t.seconds) + "s " + std::to_string(t.nanos) +
+           "ns f" + std::to_string(t.fractionalNanos);
+}
+
 // A reading of count_ns nanoseconds (non-negative).
 inline ztsdlib_Timestamp timestampOfNanos(std::uint64_t count_ns) {
     ztsdlib_Timestamp t{};

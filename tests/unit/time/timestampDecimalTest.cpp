@@ -14,31 +14,19 @@
 #include "time/timestampDecimal.h"
 #include "unit/support/literalTimestampConversion.h"
 #include "unit/support/raisedError.h"
+#include "unit/support/testTimescales.h"
 
 using ztsdlib::TimestampDecimal;
 using ztsdlib::toDecimal;
 using ztsdlib::toTimestamp;
+using ztsdtest::show;
+using ztsdtest::ts;
 
 namespace {
 
 constexpr std::uint64_t kMax64 = UINT64_MAX;
 
-ztsdlib_Timestamp ts(std::uint64_t seconds, std::uint32_t nanos, bool negative = false,
-                     std::uint32_t fractionalNanos = 0) {
-    ztsdlib_Timestamp t{};
-    t.seconds = seconds;
-    t.nanos = nanos;
-    t.fractionalNanos = fractionalNanos;
-    t.isNegative = negative;
-    return t;
-}
-
 TimestampDecimal dec(const std::string& text) { return TimestampDecimal(text); }
-
-std::string show(const ztsdlib_Timestamp& t) {
-    return std::string(t.isNegative ? "-" : "+") + std::to_string(t.seconds) + "s " + std::to_string(t.nanos) +
-           "ns f" + std::to_string(t.fractionalNanos);
-}
 
 // The message of a library error, checked to be the conversions' report.
 std::string libraryMessage(const zterr::Exception& e) {
