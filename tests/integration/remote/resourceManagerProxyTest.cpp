@@ -109,23 +109,19 @@ TEST_F(ResourceManagerProxyConcurrency, OneProxyOnSeveralThreadsGivesEachRequest
     constexpr int kRounds = 15;
     for (int t = 0; t < kThreads; ++t) sim.addDevice("d" + std::to_string(t));
     std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            try {
-                const std::string path = sim.deviceResourcePath("d" + std::to_string(t));
-                for (int i = 0; i < kRounds; ++i) {
-                    proxy->putResource(path, "{\"round\":" + std::to_string(i) + "}");
-                    std::string uri;
-                    ztsynctools::getStringFromJsonString(proxy->getResource(path), "uri", uri);
-                    if (uri != path) ++failures;
-                }
-            } catch (...) {
-                ++failures;
+    ztsdtest::FanOut(kThreads, [&](int t) {
+        try {
+            const std::string path = sim.deviceResourcePath("d" + std::to_string(t));
+            for (int i = 0; i < kRounds; ++i) {
+                proxy->putResource(path, "{\"round\":" + std::to_string(i) + "}");
+                std::string uri;
+                ztsynctools::getStringFromJsonString(proxy->getResource(path), "uri", uri);
+                if (uri != path) ++failures;
             }
-        });
-    }
-    for (auto& th : threads) th.join();
+        } catch (...) {
+            ++failures;
+        }
+    }).join();
     EXPECT_EQ(failures.load(), 0);
     for (int t = 0; t < kThreads; ++t) {
         const std::string name = "d" + std::to_string(t);

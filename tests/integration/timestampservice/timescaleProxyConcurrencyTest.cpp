@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "integration/timestampservice/daemonTestSupport.h"
 
@@ -18,23 +17,18 @@ TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsReadSideBySideAndEveryReading
     constexpr int kThreads = 6;
     constexpr int kReadings = 50;
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            ztsdlib_Timestamp last{};
-            for (int k = 0; k < kReadings; ++k) {
-                const ztsdlib_Timestamp before = daemon.timeAt(daemontest::hostNow());
-                ztsdlib_Timestamp t{};
-                proxy->getTime(t, nullptr);
-                const ztsdlib_Timestamp after = daemon.now();
-                if (!daemontest::notAfter(before, t) || !daemontest::notAfter(t, after) ||
-                    !daemontest::notAfter(last, t))
-                    ++wrong;
-                last = t;
-            }
-        });
-    }
-    for (auto& t : threads) t.join();
+    ztsdtest::FanOut(kThreads, [&](int) {
+        ztsdlib_Timestamp last{};
+        for (int k = 0; k < kReadings; ++k) {
+            const ztsdlib_Timestamp before = daemon.timeAt(daemontest::hostNow());
+            ztsdlib_Timestamp t{};
+            proxy->getTime(t, nullptr);
+            const ztsdlib_Timestamp after = daemon.now();
+            if (!daemontest::notAfter(before, t) || !daemontest::notAfter(t, after) || !daemontest::notAfter(last, t))
+                ++wrong;
+            last = t;
+        }
+    }).join();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(daemon.callCount(), 1u + kThreads * kReadings);
     // The handshake's, and at most one per thread, kept for the next readings.
@@ -66,27 +60,24 @@ TEST_F(TimescaleProxyDaemonConcurrencyTest, ThreadsRecoverTogetherFromDroppedCon
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
     std::atomic<int> readings{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                ztsdlib_Timestamp t{};
-                try {
-                    proxy->getTime(t, nullptr);
-                    ++readings;
-                } catch (...) {
-                    ++failures;
-                }
+    ztsdtest::FanOut readers(4, [&](int) {
+        while (!stop) {
+            ztsdlib_Timestamp t{};
+            try {
+                proxy->getTime(t, nullptr);
+                ++readings;
+            } catch (...) {
+                ++failures;
             }
-        });
-    }
+        }
+    });
     for (int i = 0; i < 10; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         if (i % 2) daemon.dropConnections(); else daemon.dropCalls(1);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     stop = true;
-    for (auto& t : threads) t.join();
+    readers.join();
     EXPECT_EQ(failures.load(), 0);  // one lost connection costs one attempt, never a reading
     EXPECT_GT(readings.load(), 10);
 }

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
-#include <vector>
 
 #include "platform/sockets.h"
 #include "timestampservice/socketLayer.h"
 #include "unit/support/raisedError.h"
+#include "unit/support/timing.h"
 
 using ztsdlib::platform::SocketLayer;
 
@@ -27,15 +26,11 @@ TEST(SocketLayer, AFailedStartIsReportedAndRetriedAndASuccessfulOneHappensOnce) 
     EXPECT_EQ(calls, 1);
 
     result = 0;
-    std::vector<std::thread> threads;
     std::atomic<int> started{0};
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            int error = -1;
-            if (layer.ensureStarted(error) && error == 0) ++started;
-        });
-    }
-    for (std::thread& t : threads) t.join();
+    ztsdtest::FanOut(8, [&](int) {
+        int error = -1;
+        if (layer.ensureStarted(error) && error == 0) ++started;
+    }).join();
     EXPECT_EQ(started, 8);
     EXPECT_EQ(calls, 2);
     EXPECT_NO_THROW(ztsdlib::requireSocketLayer());  // the process' own layer starts

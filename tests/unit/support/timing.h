@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <thread>
+#include <vector>
 
 namespace ztsdtest {
 
@@ -17,6 +18,24 @@ constexpr bool kSanitizedBuild = false;
 inline long long msSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
 }
+
+// Runs body(i) for every i below count, each on a thread of its own;
+// join(), or the end of the scope, waits for them all.
+class FanOut {
+public:
+    template <typename Body>
+    FanOut(int count, Body body) {
+        for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
+    }
+    ~FanOut() { join(); }
+    void join() {
+        for (std::thread& t : threads)
+            if (t.joinable()) t.join();
+    }
+
+private:
+    std::vector<std::thread> threads;
+};
 
 // Polls pred every millisecond until it holds (true) or limit passes (false).
 template <typename Pred>

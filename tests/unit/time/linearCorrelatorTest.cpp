@@ -121,10 +121,9 @@ TEST(LinearCorrelatorConcurrency, ClocksThatDoNotMoveAddNothingAndOnlyTheFirstCo
         const auto begin = Clock::now();  // the wait counts from start
         correlator.start();
         std::vector<Raised> first(6);
-        std::vector<std::thread> callers;
-        for (Raised& r : first)
-            callers.emplace_back([&] { r = captureRaise([&] { correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns)); }); });
-        for (auto& t : callers) t.join();
+        ztsdtest::FanOut(6, [&](int i) {
+            first[i] = captureRaise([&] { correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns)); });
+        }).join();
         const auto waited = msSince(begin);
         EXPECT_GE(waited, 150);
         EXPECT_LT(waited, 3000);
@@ -276,32 +275,29 @@ TEST(LinearCorrelatorConcurrency, CallersGetWholeRecordsAndExactAnswersWhileSamp
         correlator.start();
         std::atomic<bool> done{false};
         std::atomic<int> records{0}, answered{0}, wrong{0};
-        std::vector<std::thread> callers;
-        for (int c = 0; c < 3; ++c) {
-            callers.emplace_back([&, c, rate = rate_ppb] {
-                for (std::uint64_t k = static_cast<std::uint64_t>(c); !done.load(); ++k) {
-                    const std::uint64_t a_ns = kStartA_ns + (k % 5000) * 20000ULL;
-                    try {
-                        if (sequential && k % 2 == 0) {
-                            const bool forward = k % 4 == 0;
-                            const ztsdlib_Timestamp got = forward ? correlator.correlate(kFirstUri, timestampOfNanos(a_ns))
-                                                                  : correlator.correlate(kSecondUri, timestampOfNanos(lineB_ns(a_ns)));
-                            if (!ztsdlib::sameTimestamp(got, timestampOfNanos(forward ? lineB_ns(a_ns) : a_ns))) wrong.fetch_add(1);
-                            answered.fetch_add(1);
-                            continue;
-                        }
-                        const ztsdlib_CorrelationQuality q = correlator.quality();
-                        const bool whole = q.sampleCount >= 2 && q.sampleCount <= 16 &&
-                                           std::abs(q.rate_ppb - rate) < 1e-3 &&
-                                           std::abs((q.slope - 1) * 1e9 - q.rate_ppb) < 1e-3 && q.residualStdDev_ns < 1;
-                        if (!whole) wrong.fetch_add(1);
-                        records.fetch_add(1);
-                    } catch (const zterr::Exception& e) {
-                        if (e.code() != -52017 && e.code() != -52010) wrong.fetch_add(1);
+        ztsdtest::FanOut callers(3, [&, rate = rate_ppb](int c) {
+            for (std::uint64_t k = static_cast<std::uint64_t>(c); !done.load(); ++k) {
+                const std::uint64_t a_ns = kStartA_ns + (k % 5000) * 20000ULL;
+                try {
+                    if (sequential && k % 2 == 0) {
+                        const bool forward = k % 4 == 0;
+                        const ztsdlib_Timestamp got = forward ? correlator.correlate(kFirstUri, timestampOfNanos(a_ns))
+                                                              : correlator.correlate(kSecondUri, timestampOfNanos(lineB_ns(a_ns)));
+                        if (!ztsdlib::sameTimestamp(got, timestampOfNanos(forward ? lineB_ns(a_ns) : a_ns))) wrong.fetch_add(1);
+                        answered.fetch_add(1);
+                        continue;
                     }
+                    const ztsdlib_CorrelationQuality q = correlator.quality();
+                    const bool whole = q.sampleCount >= 2 && q.sampleCount <= 16 &&
+                                       std::abs(q.rate_ppb - rate) < 1e-3 &&
+                                       std::abs((q.slope - 1) * 1e9 - q.rate_ppb) < 1e-3 && q.residualStdDev_ns < 1;
+                    if (!whole) wrong.fetch_add(1);
+                    records.fetch_add(1);
+                } catch (const zterr::Exception& e) {
+                    if (e.code() != -52017 && e.code() != -52010) wrong.fetch_add(1);
                 }
-            });
-        }
+            }
+        });
         std::this_thread::sleep_for(std::chrono::milliseconds(60));
         for (int cycle = 0; cycle < 8; ++cycle) {
             correlator.stop();
@@ -314,7 +310,7 @@ TEST(LinearCorrelatorConcurrency, CallersGetWholeRecordsAndExactAnswersWhileSamp
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         done = true;
-        for (auto& t : callers) t.join();
+        callers.join();
         correlator.stop();
         EXPECT_EQ(wrong.load(), 0);
         EXPECT_GT(records.load(), 10);
@@ -553,33 +549,30 @@ TEST(LinearCorrelatorConcurrency, AFirstCorrelateWaitsOnItsOwnRunsClockAndEndsWi
     std::atomic<bool> done{false};
     std::atomic<long long> longest_ms{0};
     std::atomic<int> waited{0}, wrong{0};
-    std::vector<std::thread> callers;
-    for (int c = 0; c < 4; ++c) {
-        callers.emplace_back([&] {
-            while (!done.load()) {
-                const auto begin = Clock::now();
-                try {
-                    const auto got = correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns + 20000));
-                    if (!ztsdlib::sameTimestamp(got, timestampOfNanos(lineB_ns(kStartA_ns + 20000)))) ++wrong;
-                } catch (const zterr::Exception& e) {
-                    if (e.code() != -52017 && e.code() != -52010) ++wrong;
-                }
-                const long long took_ms = msSince(begin);
-                if (took_ms >= 5) ++waited;
-                long long seen = longest_ms.load();
-                while (took_ms > seen && !longest_ms.compare_exchange_weak(seen, took_ms)) {
-                }
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ztsdtest::FanOut callers(4, [&](int) {
+        while (!done.load()) {
+            const auto begin = Clock::now();
+            try {
+                const auto got = correlator.correlate(kFirstUri, timestampOfNanos(kStartA_ns + 20000));
+                if (!ztsdlib::sameTimestamp(got, timestampOfNanos(lineB_ns(kStartA_ns + 20000)))) ++wrong;
+            } catch (const zterr::Exception& e) {
+                if (e.code() != -52017 && e.code() != -52010) ++wrong;
             }
-        });
-    }
+            const long long took_ms = msSince(begin);
+            if (took_ms >= 5) ++waited;
+            long long seen = longest_ms.load();
+            while (took_ms > seen && !longest_ms.compare_exchange_weak(seen, took_ms)) {
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
     for (int cycle = 0; cycle < 75; ++cycle) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         correlator.stop();
         correlator.start();
     }
     done = true;
-    for (auto& t : callers) t.join();
+    callers.join();
     correlator.stop();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_GT(waited.load(), 10);  // calls did wait within runs
