@@ -63,11 +63,8 @@ protected:
         return str(at(cJSON_GetArrayItem(at(chassis[c].get(), "devices"), d), "uri"));
     }
     int control(int c, const std::string& path) { return simtest::postControl(str(at(chassis[c].get(), "control")), path); }
-    std::vector<std::string> domain(int c, std::vector<std::string> more) {
-        std::vector<std::string> args{"domain", address(c), "--max-offset-ns", "1000", "--min-sync-ms", "10",
-                                      "--timescale", "/localhost/ztsds/timescales/system"};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
+    std::vector<std::string> domain(int c, const std::vector<std::string>& more) {
+        return ctltest::domainCommand({address(c)}, more);
     }
 
     std::unique_ptr<simtest::ChildProcess> sim;

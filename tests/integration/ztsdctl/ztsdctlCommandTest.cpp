@@ -69,12 +69,7 @@ ctltest::Json document(const ctltest::Run& result) {
 TEST(ZtsdctlUsage, WrongCommandLinesExit64WithOneLineAndHelpExits0) {
     ZTSDCTL_REQUIRED();
     const std::string kAddress = "127.0.0.1:1@2";
-    const auto domain = [&](std::vector<std::string> more) {
-        std::vector<std::string> args{"domain", kAddress, "--max-offset-ns", "1000", "--min-sync-ms", "10",
-                                      "--timescale", "/localhost/ztsds/timescales/system"};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    };
+    const auto domain = [&](const std::vector<std::string>& more) { return ctltest::domainCommand({kAddress}, more); };
     const std::string timescale = "/h/ztsdwebs/resources/ztsd/timescales/x";
     const struct {
         std::vector<std::string> args;

@@ -41,13 +41,10 @@ protected:
 
     // domain over every chassis, with the given options after the required ones.
     std::vector<std::string> domain(const std::vector<std::string>& more) {
-        std::vector<std::string> arguments{"domain"};
+        std::vector<std::string> addresses;
         for (const auto& simulated : chassis)
-            arguments.push_back(simulated->webService().remoteHost() + "@" + std::to_string(simulated->daemonPort()));
-        for (const char* option : {"--max-offset-ns", "1000", "--min-sync-ms", "100", "--timescale", kTimescale})
-            arguments.push_back(option);
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return arguments;
+            addresses.push_back(simulated->webService().remoteHost() + "@" + std::to_string(simulated->daemonPort()));
+        return ctltest::domainCommand(addresses, more, "100");
     }
 
     std::vector<std::unique_ptr<ztsdsim::SimulatedChassis>> chassis;

@@ -41,6 +41,18 @@ public:
         : ChildProcess((arguments.insert(arguments.begin(), programPath()), arguments)) {}
 };
 
+// A domain command line: the chassis addresses, a 1000 ns offset, minSync_ms
+// and the host's timescale as its requirements, then `more`.
+inline std::vector<std::string> domainCommand(std::vector<std::string> addresses, const std::vector<std::string>& more,
+                                              const char* minSync_ms = "10") {
+    addresses.insert(addresses.begin(), "domain");
+    for (const char* option : {"--max-offset-ns", "1000", "--min-sync-ms", minSync_ms, "--timescale",
+                               "/localhost/ztsds/timescales/system"})
+        addresses.push_back(option);
+    addresses.insert(addresses.end(), more.begin(), more.end());
+    return addresses;
+}
+
 struct Run {
     int exitStatus;  // -1: killed after the time-out
     std::string out;
