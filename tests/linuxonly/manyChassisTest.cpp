@@ -1,6 +1,5 @@
 // A lab's worth of devices in one process, against ztsd-sim in a child
 // process (so every descriptor counted in /proc/self/fd is the library's).
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -10,17 +9,12 @@
 #include <vector>
 
 #include "integration/sim/simTestSupport.h"
+#include "unit/support/processProbe.h"
 #include "ztsdlib/ztsdlib.h"
 
 namespace {
 
-std::size_t openDescriptors() {
-    std::size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
-    if (dir) closedir(dir);
-    return count - 1;  // the directory's own
-}
+using ztsdtest::openDescriptors;
 
 // ztsd-sim serving chassis × devices; makeProxies() makes a proxy of each.
 struct Lab {
@@ -50,19 +44,19 @@ struct Lab {
 // the keep-alive the next request lets the idle ones go; deleting gives all back.
 TEST(ManyChassis, AnIdleDeviceProxyHoldsAtMostOneDescriptor) {
     ZTSD_SIM_REQUIRED();
-    const std::size_t before = openDescriptors();
+    const long before = openDescriptors();
     {
         Lab lab(64, 4);
-        const std::size_t base = openDescriptors() - before;  // the child's pipes
+        const long base = openDescriptors() - before;  // the child's pipes
         ASSERT_TRUE(lab.uris.size() == 256u && lab.makeProxies()) << lab.child.err() << lab.status.text();
         std::uint32_t losses = 0;
         for (ztsdlib_SyncableDevice* device : lab.proxies) ztsdlib_SyncableDevice_isCoherent(device, &losses, &lab.status);
-        EXPECT_LE(openDescriptors() - before - base, 64u + 2u);  // 3 each before the shared pool
+        EXPECT_LE(openDescriptors() - before - base, 64 + 2);  // 3 each before the shared pool
 
         std::this_thread::sleep_for(std::chrono::milliseconds(6500));
         ztsdlib_SyncableDevice_isCoherent(lab.proxies.front(), &losses, &lab.status);
         ASSERT_EQ(lab.status.s.code, 0) << lab.status.text();
-        EXPECT_LE(openDescriptors() - before - base, 1u + 2u);  // the connection just used, the pair
+        EXPECT_LE(openDescriptors() - before - base, 1 + 2);  // the connection just used, the pair
     }
     EXPECT_EQ(openDescriptors(), before);
 }

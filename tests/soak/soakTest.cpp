@@ -33,7 +33,6 @@
 // proxy's creation, and the listing rows (nothing here loads a chassis).
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -52,6 +51,7 @@
 
 #include "integration/reliability/faultMatrix.h"
 #include "json/jsonz.h"
+#include "unit/support/processProbe.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 #include "ztsdlib/ztsdlib.h"
@@ -80,16 +80,6 @@ int soakSeconds() {
     return seconds > 0 ? seconds : 60;
 }
 
-long countEntries(const char* directory) {
-    long count = 0;
-    if (DIR* dir = ::opendir(directory)) {
-        while (const dirent* entry = ::readdir(dir))
-            if (entry->d_name[0] != '.') ++count;
-        ::closedir(dir);
-    }
-    return count;
-}
-
 struct Footprint {
     long fds = 0;
     long threads = 0;
@@ -98,8 +88,8 @@ struct Footprint {
 
 Footprint measure() {
     Footprint f;
-    f.fds = countEntries("/proc/self/fd") - 1;  // the directory's own descriptor while it is read
-    f.threads = countEntries("/proc/self/task");
+    f.fds = ztsdtest::openDescriptors();
+    f.threads = ztsdtest::countEntries("/proc/self/task");
     std::ifstream statm("/proc/self/statm");
     long size = 0, resident = 0;
     statm >> size >> resident;

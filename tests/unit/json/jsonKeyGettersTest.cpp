@@ -21,11 +21,10 @@ namespace {
 
 void expectTypeError(const Raised& r, const std::string& key, const std::string& json) {
     ztsdtest::expectSite(r, -52004, "errCode", "ztsynctools_cjson/jsonHelperFunctions", 50);
-    EXPECT_EQ(r.detailKeys("ztsync_debug"), (std::vector<std::string>{"message", "key", "JSON"}));
-    EXPECT_EQ(r.detail("ztsync_debug", "message"),
-              "Error parsing: expected data type does not match the parsed value.");
-    EXPECT_EQ(r.detail("ztsync_debug", "key"), key);
-    EXPECT_EQ(r.detail("ztsync_debug", "JSON"), json);
+    ztsdtest::expectReport(r, -52004,
+                           R"({"message":"Error parsing: expected data type does not match the parsed value.","key":)" +
+                               ztsdtest::jsonString(key) + R"(,"JSON":)" + ztsdtest::jsonString(json) + "}",
+                           "ztsync_debug");
 }
 
 }  // namespace

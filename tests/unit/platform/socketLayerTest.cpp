@@ -21,8 +21,7 @@ TEST(SocketLayer, AFailedStartIsReportedAndRetriedAndASuccessfulOneHappensOnce) 
     });
     const ztsdtest::Raised failed = ztsdtest::captureRaise([&] { ztsdlib::requireSocketLayer(layer); });
     ztsdtest::expectSite(failed, -52008, "ztapalerr_osFault", "source\\ztsdlib\\socketLayer");
-    EXPECT_EQ(failed.message(), "Failed to initialise Winsock.");
-    EXPECT_EQ(failed.detail(ztsdtest::kDebug, "systemError"), "10091");
+    ztsdtest::expectReport(failed, -52008, R"({"message":"Failed to initialise Winsock.","systemError":"10091"})");
     EXPECT_EQ(calls, 1);
 
     result = 0;

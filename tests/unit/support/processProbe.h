@@ -12,6 +12,7 @@
 #include <psapi.h>
 #include <stdlib.h>
 #else
+#include <dirent.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <cstdlib>
@@ -31,6 +32,21 @@ inline long peakResidentKiB() {
     return usage.ru_maxrss;
 #endif
 }
+
+#ifndef _WIN32
+// The entries of a directory but those whose names begin with a dot: under
+// /proc/self (Linux), the open descriptors or the threads.
+inline long countEntries(const char* directory) {
+    long count = 0;
+    DIR* dir = opendir(directory);
+    while (const dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
+    if (dir) closedir(dir);
+    return count;
+}
+
+// The process's open descriptors, but the one that reads them.
+inline long openDescriptors() { return countEntries("/proc/self/fd") - 1; }
+#endif
 
 inline void setEnvironment(const char* name, const std::string& value) {
 #ifdef _WIN32
