@@ -5,6 +5,7 @@
 // if it still runs.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,7 +29,8 @@ public:
     const std::string& out() const { return outText_; }
     const std::string& err() const { return errText_; }
 
-    // Reads output until stdout (stderr) holds `text` or timeout_ms passes.
+    // Reads output until stdout (stderr) holds `text` or timeout_ms passes
+    // (false at once for a child that did not start).
     bool waitForOutput(const std::string& text, int timeout_ms) { return waitFor(outText_, text, timeout_ms); }
     bool waitForError(const std::string& text, int timeout_ms) { return waitFor(errText_, text, timeout_ms); }
 
@@ -38,7 +40,13 @@ public:
     int finish(int timeout_ms);
 
 private:
-    bool waitFor(const std::string& stream, const std::string& text, int timeout_ms);
+    bool waitFor(const std::string& stream, const std::string& text, int timeout_ms) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (stream.find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() >= deadline || !pump(50)) return stream.find(text) != std::string::npos;
+        }
+        return true;
+    }
     // Waits up to ms for output and appends what arrived to outText_ and
     // errText_; false once both streams are closed.
     bool pump(int ms);

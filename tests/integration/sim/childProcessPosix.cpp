@@ -87,14 +87,6 @@ int ChildProcess::finish(int timeout_ms) {
     return -1;
 }
 
-bool ChildProcess::waitFor(const std::string& stream, const std::string& text, int timeout_ms) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (stream.find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= deadline || !pump(50)) return stream.find(text) != std::string::npos;
-    }
-    return true;
-}
-
 bool ChildProcess::pump(int ms) {
     int& out = system_->out;
     int& err = system_->err;

@@ -145,14 +145,6 @@ int ChildProcess::finish(int timeout_ms) {
     return static_cast<int>(code);
 }
 
-bool ChildProcess::waitFor(const std::string& stream, const std::string& text, int timeout_ms) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (stream.find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= deadline || !pump(50)) return stream.find(text) != std::string::npos;
-    }
-    return true;
-}
-
 // The child's C runtime writes text-mode line ends (CR LF); the tests read
 // lines as the programs wrote them.
 void appendLines(std::string& text, std::string& arrived) {
