@@ -223,15 +223,14 @@ TEST_F(CurlClient, InfoAndHandleFailuresHaveTheirCodes) {
     std::string result;
     Fake::getinfoResult = CURLE_BAD_FUNCTION_ARGUMENT;
     const Raised info = captureRaise([&] { client.request(false, "", result); });
-    EXPECT_EQ(info.code, -411350);
-    EXPECT_EQ(info.detail(kDebug, "function"),
-              "curl_easy_getinfo(_connection, CURLINFO_RESPONSE_CODE, &responseCode)");
+    ztsdtest::expectReport(info, -411350, R"({"message":"A libcurl call failed.","function":"curl_easy_getinfo(_connection, )"
+                                          R"x(CURLINFO_RESPONSE_CODE, &responseCode)","CURLcode":)x" +
+                                              std::to_string(CURLE_BAD_FUNCTION_ARGUMENT) + "}");
     EXPECT_EQ(Fake::listNodes, 0);
 
     Fake::reset();
     Fake::initFails = true;
     tCURL noHandle("m", &Fake::source);
     const Raised init = captureRaise([&] { noHandle.initialize("http://h", "r"); });
-    EXPECT_EQ(init.code, -411351);
-    EXPECT_EQ(init.detail(kDebug, "check failed"), "_connection");
+    ztsdtest::expectReport(init, -411351, R"({"message":"HTTP client is not ready for a request.","check failed":"_connection"})");
 }
