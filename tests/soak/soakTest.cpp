@@ -52,6 +52,7 @@
 #include "integration/reliability/faultMatrix.h"
 #include "json/jsonz.h"
 #include "unit/support/processProbe.h"
+#include "unit/support/timing.h"
 #include "ztsd-sim/chassisSimulator.h"
 #include "ztsd-sim/timestampDaemonSimulator.h"
 #include "ztsdlib/ztsdlib.h"
@@ -185,16 +186,12 @@ public:
     void phase(double seconds) {
         stopping = false;
         const auto end = Clock::now() + std::chrono::milliseconds(static_cast<long>(seconds * 1000));
-        std::vector<std::thread> threads;
-        threads.emplace_back([this] { domainLoop(); });
-        threads.emplace_back([this] { deviceLoop(); });
-        threads.emplace_back([this] { readerLoop(); });
-        threads.emplace_back([this] { readerLoop(); });
-        threads.emplace_back([this] { correlatorLoop(); });
-        threads.emplace_back([this] { faultLoop(); });
-        while (Clock::now() < end && failures() < 20) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        void (Soak::*const loops[])() = {&Soak::domainLoop, &Soak::deviceLoop,     &Soak::readerLoop,
+                                         &Soak::readerLoop, &Soak::correlatorLoop, &Soak::faultLoop};
+        ztsdtest::FanOut workers(6, [this, &loops](int i) { (this->*loops[i])(); });
+        while (Clock::now() < end && failureList().size() < 20) std::this_thread::sleep_for(std::chrono::milliseconds(20));
         stopping = true;
-        for (std::thread& t : threads) t.join();
+        workers.join();
     }
 
     // Brings every client to the same state before a measurement: the faults
@@ -218,10 +215,6 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
 
-    std::size_t failures() const {
-        std::lock_guard<std::mutex> lock(failureMutex);
-        return failureTexts.size();
-    }
     std::vector<std::string> failureList() const {
         std::lock_guard<std::mutex> lock(failureMutex);
         return failureTexts;
