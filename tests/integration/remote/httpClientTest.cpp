@@ -149,9 +149,9 @@ TEST_F(HttpClient, TheEnvelopeYieldsItsResultOrItsError) {
                  R"({"message":"Chassis reported an error.","errorText":"nope","errorInfo":{"k":[1]}})");
     EXPECT_EQ(server.member("nested_error"), nullptr);
 
-    // A positive server code is raised as it stands (a warning).
-    sim.setFault("", rawBody("{\"error\":{\"success\":false,\"errorCode\":7}}"));
-    EXPECT_EQ(clientError().code, 7);
+    // A positive server code, up to the largest a code can be, is raised as it stands (a warning).
+    sim.setFault("", rawBody("{\"error\":{\"success\":false,\"errorCode\":2147483647}}"));
+    EXPECT_EQ(clientError().code, 2147483647);
 
     // A failure with no code at all, or code 0, is still a failure.
     sim.setFault("", rawBody("{\"error\":{\"success\":false,\"errorText\":\"vague\"},\"result\":{}}"));
