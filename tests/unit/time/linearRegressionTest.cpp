@@ -201,6 +201,8 @@ TEST(LinearRegression, FitsTheWorkedExampleAndUsesOnlyTheNewestSamplesAfterOverf
                                        recordOfNanos(26 * kNanosPerSecond)));
     EXPECT_TRUE(ztsdlib::sameTimestamp(wrapper.calculateFirst(recordOfNanos(30 * kNanosPerSecond)),
                                        recordOfNanos(15 * kNanosPerSecond)));
+    // On the line exactly: no residuals, so none to correlate (0, not 0 / 0).
+    EXPECT_EQ(r->quality().residualLag1Correlation, 0.0);
 
     // A fourth sample drops (10, 20): the fit is over (11,22), (12,24), (13,29).
     r->addSample(13, 29);
