@@ -21,7 +21,7 @@ TEST(HostCheck, AcceptsHostsAndPortsAndRefusesWhatWouldChangeTheUrl) {
         {"holds a space or a control character", {" 127.0.0.1", "127.0.0.1:80\n", "a\x7f"}},
         {"has a port out of the range 1 to 65535", {"127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:", "127.0.0.1:8o", "[::1]:999999"}},
         {"holds a character that no host name has", {"x@127.0.0.1", "127.0.0.1/a", "h#f", "[::1]x", "fe80::g"}},
-        {"holds a bracketed host that is not an IPv6 address", {"[nope]", "[::1"}},
+        {"holds a bracketed host that is not an IPv6 address", {"[nope]", "[::1", "[fe80::1%]"}},
     };
     for (const auto& [what, texts] : bad) {
         for (const char* text : texts) {

@@ -243,6 +243,7 @@ TEST(LinearRegression, DegenerateHistoriesReportWhyThereIsNoFit) {
     r.addSample(5, 5);  // one sample is no better
     EXPECT_EQ(captureRaise([&] { r.calculateSecond(1); }).message(), notEnough);
     EXPECT_EQ(captureRaise([&] { r.calculateFirst(1); }).message(), notEnough);
+    EXPECT_EQ(captureRaise([&] { (void)r.intercept_s(); }).message(), notEnough);
 
     // Every first reading equal: no line can be fitted. Making the fit ahead
     // records why there is none; it is reported by the calculations only.
