@@ -8,7 +8,7 @@
 
 #ifdef _WIN32
 #include <io.h>
-#include <windows.h>
+#include <winsock2.h>  // before windows.h (which it includes), as the curl header needs
 #include <psapi.h>
 #include <stdlib.h>
 #else
