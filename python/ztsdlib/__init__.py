@@ -803,27 +803,37 @@ class _Domain(_Object):
 
     def _waiting_start(self, function, *args):
         # The start runs on a worker thread while this one waits in short
-        # joins, so that a KeyboardInterrupt reaches it: the start is then
+        # waits, so that a KeyboardInterrupt reaches it: the start is then
         # cancelled, its end awaited (within about 50 ms) and the interrupt
         # passed on. Whatever the call raises there (ctypes refusing an
         # argument, say) is raised here, as a direct call would raise it.
+        # The end is the worker's own event, not Thread.join: a join that a
+        # KeyboardInterrupt cuts short may take the thread for ended while
+        # the call still runs, and the domain would be freed under it.
         outcome = []
+        ended = threading.Event()
 
         def run():
             try:
                 outcome.append(_invoke(function, *args))
             except BaseException as error:
                 outcome.append(error)
+            finally:
+                ended.set()
 
-        worker = threading.Thread(target=run, name="ztsdlib start", daemon=True)
-        worker.start()
+        threading.Thread(target=run, name="ztsdlib start", daemon=True).start()
         try:
-            while worker.is_alive():
-                worker.join(0.05)
-        except KeyboardInterrupt:
+            while not ended.wait(0.05):
+                pass
+        except KeyboardInterrupt as interrupt:
             self.cancel_start()
-            worker.join()
-            raise
+            while True:  # a second Ctrl-C must not leave the start running either
+                try:
+                    ended.wait()
+                    break
+                except KeyboardInterrupt:
+                    pass
+            raise interrupt
         if isinstance(outcome[0], BaseException):
             raise outcome[0]
         return _outcome(*outcome[0])
